@@ -1,0 +1,94 @@
+#include "app/args.h"
+
+#include <csignal>
+#include <cstdlib>
+
+#include "support/error.h"
+#include "support/signals.h"
+#include "support/tokenizer.h"
+
+namespace adcdf {
+
+const char kUsageText[] =
+    "Usage:\n\nekadcdf -a auditfile -b basecdffile [-g maxgen] [-x] [-d] [-e]\nwhere\n"
+    "-a auditfile   = the audit file name.\n"
+    "-b basecdffile = the string for the output cdf file (with no extension.)\n"
+    "-g maxgen      = value for number of previous versions of\n"
+    "                 the cdf file.  Versions older than this\n"
+    "                 number will be removed from the system.\n"
+    "                 Default is 6.  Maximum is 100.\n"
+    "-x             = do not force characters in addresses to upper case.\n"
+    "-d             = print debug messages to stderr.\n"
+    "-e             = do not write information to the errorlog.\n\n";
+
+namespace {
+
+[[noreturn]] void fail(Tracer& trace, const char* message) {
+  trace.write(message);
+  throw ProcessExit{2};
+}
+
+}  // namespace
+
+std::string util_GetActualFName(const std::string& configured) {
+  if (configured.empty() || configured[0] != '~') return configured;
+  const char* home = std::getenv("HOME");
+  return std::string(home ? home : "") + configured.substr(1);
+}
+
+ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
+  TraceScope scope(trace, "adcdf_parse_args");
+  ParsedArgs parsed;
+  Options& o = parsed.options;
+  o.gszAuditFilename = util_GetActualFName("~/logs/audit");
+  bool audit_given = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string_view arg = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    if (arg == "-a") {
+      ++i;
+      if (value == nullptr || *value == '\0') fail(trace, "\nAuditFile name missing.\n");
+      o.gszAuditFilename = value;
+      parsed.audit = FileSource::open(o.gszAuditFilename);
+      if (!parsed.audit) fail(trace, "\nFailed to open the audit file.\n");
+      audit_given = true;
+    } else if (arg == "-b") {
+      ++i;
+      if (value == nullptr || *value == '\0') fail(trace, "\nBaseFile name missing.\n");
+      o.gszBaseFilename = value;
+    } else if (arg == "-g") {
+      ++i;
+      if (value != nullptr) o.giMaxgen = std::min(static_cast<int>(parse_long(value)), 100);
+    } else if (arg == "-x") {
+      o.gbUpshift = false;
+    } else if (arg == "-d") {
+      o.debug = true;
+      trace.set_debug(true);
+    } else if (arg == "-e") {
+      o.noerr = true;
+    }
+  }
+  if (!audit_given) {
+    parsed.audit = FileSource::open(o.gszAuditFilename);
+    if (!parsed.audit) fail(trace, "\nFailed to open the audit file.\n");
+  }
+  trace.printf(
+      "Current args:\n Auditfilename     = %s\n Basefilename      = %s\n Maxgenerations    = "
+      "%d\n Upshift addresses = %s\n Debug mode        = %s\n\n",
+      o.gszAuditFilename.c_str(), o.gszBaseFilename.c_str(), o.giMaxgen,
+      o.gbUpshift ? "Yes" : "No", o.debug ? "On" : "Off");
+  scope.done();
+  return parsed;
+}
+
+void adcdf_init_vars(Context& ctx) {
+  TraceScope scope(ctx.trace, "adcdf_init_vars");
+  ctx.counters = Counters{};
+  ctx.gszInitNum = "0";
+  ctx.gszInitString.clear();
+  util_Signal(SIGUSR1, adcdf_sighandler1);
+  util_Signal(SIGTERM, adcdf_sighandler2);
+  scope.done();
+}
+
+}  // namespace adcdf

@@ -1,0 +1,31 @@
+// The command line: "ekadcdf -a auditfile -b basecdffile [-g maxgen] [-x] [-d] [-e]".
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "stream/context.h"
+#include "stream/line_reader.h"
+#include "support/trace.h"
+
+namespace adcdf {
+
+extern const char kUsageText[];
+
+struct ParsedArgs {
+  Options options;
+  std::unique_ptr<FileSource> audit;
+};
+
+// Parses the options in order (a repeated option takes effect again; unknown arguments are
+// ignored), opens the audit file and, in debug mode, writes the argument summary. Ends the
+// process with status 2 (ProcessExit) when a name is missing or the audit file cannot be opened.
+ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace);
+
+// Zeroes the counters, sets the default texts and installs the SIGUSR1 and SIGTERM handlers.
+void adcdf_init_vars(Context& ctx);
+
+// "~/logs/audit" with "~" standing for $HOME (the empty string when it is unset).
+std::string util_GetActualFName(const std::string& configured);
+
+}  // namespace adcdf

@@ -1,0 +1,283 @@
+#include "convert/engine.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "record/fields.h"
+#include "record/recipients.h"
+#include "record/record_writer.h"
+#include "stream/section_reader.h"
+#include "support/error.h"
+#include "support/tokenizer.h"
+
+namespace adcdf {
+namespace {
+
+constexpr std::string_view kBlankLine = "\n";
+constexpr int kTrays = 5;
+
+// The working record of the section in hand. Its strings and recipient slots are reused from
+// one section to the next, so converting does not allocate once they have grown.
+struct Work {
+  std::vector<std::string> values;
+  RecipientArray recipients;
+  std::string scratch;
+  int count = 0;          // recipient lines seen
+  bool got_first = false;  // a kFirstAddress value has been taken
+};
+
+Work& work() {
+  thread_local Work w;
+  return w;
+}
+
+class Converter {
+ public:
+  Converter(Context& ctx, const ConverterDef& def)
+      : ctx_(ctx), def_(def), w_(work()), rules_{ctx.trace, ctx.options.gbUpshift} {}
+
+  int run();
+
+ private:
+  void reset_values();
+  void begin_recipients();
+  recrep& next_recipient();
+  void apply(const Keyword& keyword, std::string_view line);
+  void take_tray(const Keyword& keyword, std::string_view line);
+  void skipped(std::string_view line);
+  void write(const Layout& layout, recrep* recipient);
+  std::string& value(int field) { return w_.values[static_cast<size_t>(field)]; }
+  size_t limit(int field) const { return def_.fields[static_cast<size_t>(field)].limit; }
+
+  Context& ctx_;
+  const ConverterDef& def_;
+  Work& w_;
+  FieldRules rules_;
+};
+
+int Converter::run() {
+  TraceScope scope(ctx_.trace, def_.name);
+  int& counter = ctx_.counters.*def_.counter;
+  bool counted = false;
+  try {
+    reset_values();
+    if (def_.counting == Counting::kBeforeHeader) {
+      ++counter;
+      counted = true;
+    }
+    if (def_.recipients == RecipientArrayUse::kBeforeHeader) begin_recipients();
+    if (adcdf_get_generic(ctx_) == 1) return 0;
+    if (def_.counting == Counting::kAfterHeader) {
+      ++counter;
+      counted = true;
+    }
+    if (def_.recipients == RecipientArrayUse::kAfterHeader) begin_recipients();
+    if (def_.announce_read) ctx_.trace.printf("Starting record read...\n");
+
+    for (;;) {
+      std::string_view line = ctx_.next_section_line();
+      auto match = std::find_if(def_.keywords.begin(), def_.keywords.end(),
+                                [line](const Keyword& k) { return line.starts_with(k.text); });
+      if (match != def_.keywords.end()) {
+        apply(*match, line);
+      } else if (line == kBlankLine) {
+        break;
+      } else {
+        skipped(line);
+      }
+    }
+  } catch (const SectionAbandoned&) {
+    if (counted) --counter;
+    throw;
+  }
+
+  if (def_.section_record != nullptr) write(*def_.section_record, nullptr);
+  if (def_.recipient_record != nullptr) {
+    for (int i = 0; i < w_.recipients.size(); ++i) write(*def_.recipient_record, &w_.recipients[i]);
+  }
+  scope.done();
+  return 0;
+}
+
+void Converter::reset_values() {
+  if (w_.values.size() < def_.fields.size()) w_.values.resize(def_.fields.size());
+  for (size_t i = 0; i < def_.fields.size(); ++i) {
+    w_.values[i] = def_.fields[i].numeric ? ctx_.gszInitNum : ctx_.gszInitString;
+  }
+  w_.count = 0;
+  w_.got_first = false;
+}
+
+void Converter::begin_recipients() {
+  try {
+    w_.recipients.begin_section();
+  } catch (const std::bad_alloc&) {
+    ctx_.trace.printf("Attempt to allocate pRecipArray failed.\n");
+    char message[64];
+    std::snprintf(message, sizeof message, "Fatal error (%d)! - Unable to allocate memory.\n",
+                  def_.alloc_status);
+    ctx_.errlog.write_all(message);
+    throw ProcessExit{def_.alloc_status};
+  }
+}
+
+recrep& Converter::next_recipient() {
+  try {
+    return w_.recipients.next_slot();
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "Fatal Error (%d) - Unable to allocate additional memory.\n",
+                 def_.grow_status);
+    throw ProcessExit{def_.grow_status};
+  }
+}
+
+void Converter::apply(const Keyword& keyword, std::string_view line) {
+  const int f = keyword.field;
+  switch (keyword.take) {
+    case Take::kItem:
+      adcdf_get_item(rules_, line, 2, value(f), limit(f));
+      break;
+    case Take::kVarstring:
+      adcdf_get_varstring(rules_, line, 2, value(f), limit(f));
+      break;
+    case Take::kVarstringSz:
+      adcdf_get_varstring_sz(rules_, line, 2, value(f), static_cast<int>(limit(f)));
+      break;
+    case Take::kMta:
+      adcdf_get_varstring_mta(rules_, line, 2, value(f), limit(f));
+      break;
+    case Take::kFirstAddress:
+      if (w_.got_first) break;
+      w_.got_first = true;
+      [[fallthrough]];
+    case Take::kAddress:
+      adcdf_get_address(rules_, line, 2, value(f), limit(f));
+      break;
+    case Take::kYes:
+      value(f) = "yes";
+      break;
+    case Take::kCount:
+      ++w_.count;
+      break;
+    case Take::kIgnore:
+      break;
+    case Take::kRecipient: {
+      recrep& recipient = next_recipient();
+      adcdf_get_recip_line(rules_, line, recipient, w_.recipients.size());
+      w_.recipients.store();
+      ++w_.count;
+      break;
+    }
+    case Take::kRecipientInfo: {
+      recrep& recipient = next_recipient();
+      adcdf_get_recip_info(ctx_, recipient, w_.recipients.size());
+      w_.recipients.store();
+      ++w_.count;
+      break;
+    }
+    case Take::kDeliveryReason:
+      adcdf_get_varstring(rules_, line, 2, value(f), limit(f));
+      if (!w_.recipients.empty()) {
+        w_.recipients.back().ndnReason = static_cast<int>(parse_long(value(f)));
+      }
+      break;
+    case Take::kSignonUser:
+      adcdf_process_user(rules_, line, {value(f), value(f + 1), value(f + 2), value(f + 3)},
+                         {limit(f), limit(f + 1), limit(f + 2), limit(f + 3)});
+      break;
+    case Take::kNumberAndName: {
+      std::string_view copy = line.substr(0, keyword.copy_limit);
+      adcdf_get_item(rules_, copy, 2, value(f), limit(f));
+      adcdf_get_address(rules_, copy, 3, value(keyword.field2), limit(keyword.field2));
+      break;
+    }
+    case Take::kScanUser:
+      if (!value(f).empty()) write(*def_.section_record, nullptr);
+      adcdf_get_address(rules_, line, 2, value(f), limit(f));
+      break;
+    case Take::kTray:
+      take_tray(keyword, line);
+      break;
+  }
+}
+
+// A tray line 'tray <n> <x> <count> <size>': n must be 1 to 5 (read from the word as cut to the
+// number's limit); any other n reports the line as skipped and changes nothing.
+void Converter::take_tray(const Keyword& keyword, std::string_view line) {
+  std::string& number = value(keyword.field2);
+  adcdf_get_item(rules_, line, 2, number, limit(keyword.field2));
+  long n = parse_long(number);
+  if (n < 1 || n > kTrays) {
+    skipped(line);
+    return;
+  }
+  int count_field = keyword.field + 2 * static_cast<int>(n - 1);
+  adcdf_get_item(rules_, line, 4, value(count_field), limit(count_field));
+  adcdf_get_item(rules_, line, 5, value(count_field + 1), limit(count_field + 1));
+}
+
+void Converter::skipped(std::string_view line) {
+  std::string& errors = ctx_.section.errors;
+  errors.append("Skipped line: ");
+  RecordLine::append_number(errors, ctx_.giLineno);
+  errors.append("\nLine = ");
+  errors.append(line);
+  errors.push_back('\n');
+}
+
+void Converter::write(const Layout& layout, recrep* recipient) {
+  RecordLine line(ctx_.section.records, layout.type, ctx_.event);
+  for (const Column& column : layout.columns) {
+    switch (column.kind) {
+      case Col::kText:
+        line.bare(column.text);
+        break;
+      case Col::kBare:
+        line.bare(value(column.field));
+        break;
+      case Col::kSpaced:
+        if (value(column.field).empty()) value(column.field) = " ";
+        [[fallthrough]];
+      case Col::kQuoted:
+        line.quoted(value(column.field));
+        break;
+      case Col::kCount:
+        line.number(w_.count);
+        break;
+      case Col::kCategory:
+        line.bare(recipient->category);
+        break;
+      case Col::kAckReq:
+        line.bare(recipient->ack_req);
+        break;
+      case Col::kQueue:
+        line.quoted(recipient->queue);
+        break;
+      case Col::kRecipSpaced:
+        if (recipient->recip.empty()) recipient->recip = " ";
+        [[fallthrough]];
+      case Col::kRecip:
+        line.quoted(recipient->recip);
+        break;
+      case Col::kLocal:
+        line.bare(recipient->local ? "1" : "0");
+        break;
+      case Col::kGateway:
+        line.bare(recipient->brindleRoute ? "1" : "0");
+        break;
+      case Col::kReason:
+        line.number(recipient->ndnReason);
+        break;
+    }
+  }
+  line.end();
+}
+
+}  // namespace
+
+int run_converter(Context& ctx, const ConverterDef& def) { return Converter(ctx, def).run(); }
+
+}  // namespace adcdf

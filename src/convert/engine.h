@@ -1,0 +1,110 @@
+// The converter engine: one loop for every section type, driven by a table per converter.
+//
+// A converter is data. Its fields (the values a section can carry, with their limits and whether
+// they start as "0" or empty), its keyword table (the texts a line may start with, in the order
+// they are tried, and how each line's value is taken), its counter and when it counts, and its
+// record layouts: one record per section, one per recipient, or both.
+//
+// run_converter() does what every converter does: trace, set the fields to their initial
+// values, count, read the header (a skipped section ends here), then read lines until the blank
+// line. A line is matched by prefix against the keywords in order, the first match winning;
+// unmatched lines go to the error file as skipped lines. At the blank line the records are
+// formatted into the section's output. Nothing reaches a file until the processing loop commits
+// the section, and a section abandoned at a stop is not counted.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "stream/context.h"
+
+namespace adcdf {
+
+enum class Take : uint8_t {
+  kItem,            // word 2 into the field
+  kVarstring,       // the rest of the line, escapes removed
+  kVarstringSz,     // the same, with the field's limit passed to the routine itself
+  kMta,             // the rest of the line, backslashes kept
+  kAddress,         // the rest of the line as a cleaned address
+  kFirstAddress,    // the same, but only from the section's first such line
+  kYes,             // the field becomes "yes"; the value is not looked at
+  kCount,           // counts the line (recipients of the gateway sections)
+  kIgnore,          // recognised; the value is not used
+  kRecipient,       // stores a recipient from this line
+  kRecipientInfo,   // stores a recipient from this line and the two after it
+  kDeliveryReason,  // the rest of the line; also the reason of the last recipient stored
+  kSignonUser,      // user number, mail-system name and two user names, from four fields on
+  kNumberAndName,   // word 2 into the field, the address from word 3 into field2
+  kScanUser,        // writes the user collected so far, then takes the next user's address
+  kTray,            // a tray's count and size, into the tray fields from `field` on
+};
+
+struct Keyword {
+  std::string_view text;
+  Take take;
+  int field = -1;
+  int field2 = -1;
+  size_t copy_limit = 0;  // kNumberAndName: the line is first cut to this many characters
+};
+
+struct Field {
+  size_t limit;  // the most characters the value holds
+  bool numeric;  // starts as "0" (a bare column) rather than empty
+};
+
+enum class Col : uint8_t {
+  kText,         // a constant, written as it stands
+  kBare,         // a field, bare
+  kQuoted,       // a field, quoted
+  kSpaced,       // a field, quoted; an empty value becomes a single blank first
+  kCount,        // the number of recipient lines, as a number
+  kCategory,     // the recipient's category, bare
+  kAckReq,       // the recipient's acknowledgement request, bare
+  kQueue,        // the recipient's queue, quoted
+  kRecip,        // the recipient's address, quoted
+  kRecipSpaced,  // the same, a single blank when empty
+  kLocal,        // 1 when the recipient's queue is local, else 0
+  kGateway,      // 1 when the recipient's queue is a gateway's, else 0
+  kReason,       // the recipient's non-delivery reason, as a number
+};
+
+struct Column {
+  Col kind;
+  int field = -1;
+  std::string_view text = {};
+};
+
+constexpr Column text(std::string_view t) { return {Col::kText, -1, t}; }
+constexpr Column bare(int f) { return {Col::kBare, f}; }
+constexpr Column quoted(int f) { return {Col::kQuoted, f}; }
+constexpr Column spaced(int f) { return {Col::kSpaced, f}; }
+constexpr Column col(Col kind) { return {kind}; }
+inline constexpr Column kZero = text("0");
+inline constexpr Column kEmpty = text("\"\"");
+
+struct Layout {
+  int type;
+  std::span<const Column> columns;
+};
+
+enum class Counting : uint8_t { kBeforeHeader, kAfterHeader };
+enum class RecipientArrayUse : uint8_t { kNone, kBeforeHeader, kAfterHeader };
+
+struct ConverterDef {
+  std::string_view name;
+  int Counters::*counter;
+  Counting counting;
+  std::span<const Field> fields;
+  std::span<const Keyword> keywords;
+  const Layout* section_record;    // once at the blank line (and per user with kScanUser)
+  const Layout* recipient_record;  // once per stored recipient, after the section record
+  RecipientArrayUse recipients = RecipientArrayUse::kNone;
+  int alloc_status = 105;  // exit status when the recipient array cannot be created
+  int grow_status = 103;   // exit status when it cannot grow
+  bool announce_read = false;  // "Starting record read..." once the array exists
+};
+
+int run_converter(Context& ctx, const ConverterDef& def);
+
+}  // namespace adcdf

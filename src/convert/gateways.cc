@@ -1,0 +1,209 @@
+// Gateway sections: X.400 (114, 115), Unix (110, 111), desk (112, 113), fax (107 per recipient)
+// and SMS (119, 120). The twins of each gateway share their fields; their differences are in
+// their keyword tables, their columns and when they count.
+#include "convert/converters.h"
+#include "convert/engine.h"
+
+namespace adcdf {
+namespace {
+
+namespace x400 {
+enum : int { kPriority, kSensitivity, kImportance, kOriginator, kUaMsgid, kMtaMsgid, kARND };
+constexpr Field kFields[] = {{4, true},    {4, true},    {4, true}, {849, false},
+                             {254, false}, {254, false}, {4, false}};
+constexpr Keyword kInKeywords[] = {
+    {"priority", Take::kItem, kPriority},
+    {"sensitivity", Take::kItem, kSensitivity},
+    {"importance", Take::kItem, kImportance},
+    {"originator", Take::kFirstAddress, kOriginator},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"mta-message-id", Take::kMta, kMtaMsgid},
+    {"mta_message-id", Take::kMta, kMtaMsgid},
+    {"all-recips-non-deliv", Take::kYes, kARND},
+    {"type", Take::kIgnore},
+    {"ua-ack-id", Take::kIgnore},
+    {"subject", Take::kIgnore},
+    {"recipient", Take::kIgnore},
+    {"some-recips-non-deliv", Take::kIgnore},
+    {"non-delivery-reason", Take::kIgnore},
+};
+constexpr Keyword kOutKeywords[] = {
+    {"priority", Take::kItem, kPriority},
+    {"sensitivity", Take::kItem, kSensitivity},
+    {"importance", Take::kItem, kImportance},
+    {"originator", Take::kFirstAddress, kOriginator},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"mta-message-id", Take::kMta, kMtaMsgid},
+    {"mta_message-id", Take::kMta, kMtaMsgid},
+    {"recipient", Take::kCount},
+    {"all-recips-non-deliv", Take::kYes, kARND},
+    {"ua-ack-id", Take::kIgnore},
+    {"subject", Take::kIgnore},
+    {"non-delivery-reason", Take::kIgnore},
+    {"mta-ack-id", Take::kIgnore},
+};
+constexpr Column kInColumns[] = {kZero,           bare(kPriority),    bare(kSensitivity),
+                                 bare(kImportance), spaced(kOriginator), spaced(kUaMsgid),
+                                 spaced(kARND),   kZero,              kZero,
+                                 kEmpty,          kZero,              kZero,
+                                 kZero,           kEmpty,             spaced(kMtaMsgid)};
+constexpr Column kOutColumns[] = {kZero,           bare(kPriority),    bare(kSensitivity),
+                                  bare(kImportance), spaced(kOriginator), spaced(kUaMsgid),
+                                  spaced(kARND),   kZero,              kZero,
+                                  kEmpty,          kZero,              kZero,
+                                  kZero,           kEmpty,             spaced(kMtaMsgid),
+                                  kEmpty,          kZero,              col(Col::kCount)};
+constexpr Layout kInRecord{114, kInColumns};
+constexpr Layout kOutRecord{115, kOutColumns};
+constexpr ConverterDef kIn{"adcdf_do_x400in", &Counters::gix400In, Counting::kAfterHeader,
+                           kFields, kInKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{"adcdf_do_x400out", &Counters::gix400Out, Counting::kBeforeHeader,
+                            kFields, kOutKeywords, &kOutRecord, nullptr};
+}  // namespace x400
+
+namespace unix_gw {
+enum : int { kOriginator, kUaMsgid, kType, kReason, kMtaMsgid, kUnixMsgid };
+constexpr Field kFields[] = {{949, false}, {254, false}, {4, true},
+                             {4, true},    {254, false}, {254, false}};
+constexpr Keyword kInKeywords[] = {
+    {"originator", Take::kAddress, kOriginator},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"unix-message-id", Take::kIgnore},
+    {"subject", Take::kIgnore},
+    {"recipient", Take::kIgnore},
+};
+constexpr Keyword kOutKeywords[] = {
+    {"originator", Take::kAddress, kOriginator},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"type", Take::kItem, kType},
+    {"non-delivery-reason", Take::kVarstring, kReason},
+    {"mta-message-id", Take::kVarstring, kMtaMsgid},
+    {"recipient", Take::kCount},
+    {"unix-message-id", Take::kVarstring, kUnixMsgid},
+    {"ua-ack-id", Take::kIgnore},
+    {"hop-count", Take::kIgnore},
+    {"unix-ack-id", Take::kIgnore},
+    {"subject", Take::kIgnore},
+    {"ack-id", Take::kIgnore},
+};
+constexpr Column kInColumns[] = {kZero,  kZero, kZero, kZero, spaced(kOriginator),
+                                 spaced(kUaMsgid), kZero, kZero, kZero, kEmpty,
+                                 kZero,  kZero, kZero, kEmpty, kEmpty};
+constexpr Column kOutColumns[] = {bare(kType),       kZero,  kZero,  kZero,
+                                  spaced(kOriginator), spaced(kUaMsgid), bare(kReason), kZero,
+                                  kZero,             kEmpty, kZero,  kZero,
+                                  kZero,             kEmpty, spaced(kMtaMsgid), spaced(kUnixMsgid),
+                                  kEmpty,            kZero,  col(Col::kCount)};
+constexpr Layout kInRecord{110, kInColumns};
+constexpr Layout kOutRecord{111, kOutColumns};
+constexpr ConverterDef kIn{"adcdf_do_unixin", &Counters::giUnixIn, Counting::kBeforeHeader,
+                           kFields, kInKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{"adcdf_do_unixout", &Counters::giUnixOut, Counting::kBeforeHeader,
+                            kFields, kOutKeywords, &kOutRecord, nullptr};
+}  // namespace unix_gw
+
+namespace desk {
+enum : int { kOriginator, kType, kUaMsgid, kReason, kDeskMsgid };
+constexpr Field kFields[] = {{849, false}, {4, true}, {254, false}, {4, true}, {79, false}};
+constexpr Keyword kInKeywords[] = {
+    {"originator", Take::kAddress, kOriginator},
+    {"type", Take::kItem, kType},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"non-delivery-reason", Take::kVarstring, kReason},
+    {"desk-message-id", Take::kItem, kDeskMsgid},
+    {"subject", Take::kIgnore},
+    {"recipient", Take::kIgnore},
+    {"ua-ack-id", Take::kIgnore},
+    {"desk-ack-id", Take::kIgnore},
+    {"foreign-ack", Take::kIgnore},
+};
+constexpr Keyword kOutKeywords[] = {
+    {"originator", Take::kAddress, kOriginator},
+    {"type", Take::kItem, kType},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"non-delivery-reason", Take::kVarstring, kReason},
+    {"recipient", Take::kCount},
+    {"subject", Take::kIgnore},
+    {"ua-ack-id", Take::kIgnore},
+    {"mta-message-id", Take::kIgnore},
+    {"mta-ack-id", Take::kIgnore},
+};
+constexpr Column kInColumns[] = {bare(kType),  kZero, kZero, kZero, spaced(kOriginator),
+                                 spaced(kUaMsgid), bare(kReason), kZero, kZero,
+                                 spaced(kDeskMsgid), kZero, kZero, kZero, kEmpty, kEmpty};
+constexpr Column kOutColumns[] = {bare(kType), kZero,  kZero, kZero, spaced(kOriginator),
+                                  spaced(kUaMsgid), bare(kReason), kZero, kZero, kEmpty,
+                                  kZero,       kZero,  kZero, kEmpty, kEmpty, col(Col::kCount)};
+constexpr Layout kInRecord{112, kInColumns};
+constexpr Layout kOutRecord{113, kOutColumns};
+constexpr ConverterDef kIn{"adcdf_do_deskin", &Counters::giDeskIn, Counting::kAfterHeader,
+                           kFields, kInKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{"adcdf_do_deskout", &Counters::giDeskOut, Counting::kAfterHeader,
+                            kFields, kOutKeywords, &kOutRecord, nullptr};
+}  // namespace desk
+
+namespace fax {
+enum : int {
+  kPriority, kSensitivity, kImportance, kOriginator, kUaMsgid, kMtaMsgid, kDuration, kReason,
+  kRetries, kSentPages, kSentTime
+};
+constexpr Field kFields[] = {{4, true},    {4, true}, {4, true}, {849, false},
+                             {254, false}, {254, false}, {4, true}, {4, true},
+                             {4, true},    {4, true}, {79, false}};
+constexpr Keyword kKeywords[] = {
+    {"priority", Take::kItem, kPriority},
+    {"sensitivity", Take::kItem, kSensitivity},
+    {"importance", Take::kItem, kImportance},
+    {"originator", Take::kAddress, kOriginator},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"duration", Take::kVarstring, kDuration},
+    {"non-delivery-reason", Take::kVarstring, kReason},
+    {"retries", Take::kVarstring, kRetries},
+    {"sent-pages", Take::kVarstring, kSentPages},
+    {"sent-time", Take::kVarstring, kSentTime},
+    {"recipient", Take::kRecipient},
+    {"mta-message-id", Take::kVarstring, kMtaMsgid},
+    {"subject", Take::kIgnore},
+};
+constexpr Column kColumns[] = {kZero,          bare(kPriority),     bare(kSensitivity),
+                               bare(kImportance), spaced(kOriginator), spaced(kUaMsgid),
+                               bare(kReason),  bare(kDuration),     col(Col::kCategory),
+                               col(Col::kRecipSpaced), bare(kRetries), bare(kSentPages),
+                               spaced(kSentTime), kEmpty,           spaced(kMtaMsgid)};
+constexpr Layout kRecord{107, kColumns};
+constexpr ConverterDef kDef{"adcdf_do_faxgateway", &Counters::giFaxGateway,
+                            Counting::kBeforeHeader, kFields, kKeywords, nullptr, &kRecord,
+                            RecipientArrayUse::kBeforeHeader, 110, 111};
+}  // namespace fax
+
+namespace sms {
+enum : int { kMsgSize, kReason };
+constexpr Field kFields[] = {{9, true}, {4, true}};
+constexpr Keyword kKeywords[] = {
+    {"message-size", Take::kItem, kMsgSize},
+    {"non-delivery-reason", Take::kVarstring, kReason},
+};
+constexpr Column kColumns[] = {kEmpty, kZero, kZero, kZero, kEmpty, kEmpty, bare(kReason),
+                               bare(kMsgSize), kZero, kEmpty, kZero, kZero, kZero, kEmpty,
+                               kEmpty};
+constexpr Layout kInRecord{119, kColumns};
+constexpr Layout kOutRecord{120, kColumns};
+constexpr ConverterDef kIn{"adcdf_do_smsin", &Counters::gixSMSIn, Counting::kAfterHeader,
+                           kFields, kKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{"adcdf_do_smsout", &Counters::gixSMSOut, Counting::kAfterHeader,
+                            kFields, kKeywords, &kOutRecord, nullptr};
+}  // namespace sms
+
+}  // namespace
+
+int adcdf_do_x400in(Context& ctx) { return run_converter(ctx, x400::kIn); }
+int adcdf_do_x400out(Context& ctx) { return run_converter(ctx, x400::kOut); }
+int adcdf_do_unixin(Context& ctx) { return run_converter(ctx, unix_gw::kIn); }
+int adcdf_do_unixout(Context& ctx) { return run_converter(ctx, unix_gw::kOut); }
+int adcdf_do_deskin(Context& ctx) { return run_converter(ctx, desk::kIn); }
+int adcdf_do_deskout(Context& ctx) { return run_converter(ctx, desk::kOut); }
+int adcdf_do_faxgateway(Context& ctx) { return run_converter(ctx, fax::kDef); }
+int adcdf_do_smsin(Context& ctx) { return run_converter(ctx, sms::kIn); }
+int adcdf_do_smsout(Context& ctx) { return run_converter(ctx, sms::kOut); }
+
+}  // namespace adcdf

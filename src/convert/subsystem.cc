@@ -1,0 +1,39 @@
+// subsystem-start and subsystem-stop sections: records 105 and 106.
+#include "convert/converters.h"
+#include "convert/engine.h"
+
+namespace adcdf {
+namespace {
+
+enum : int { kSubsysno, kUser };
+constexpr Field kFields[] = {{4, true}, {19, false}};
+
+constexpr Keyword kStartKeywords[] = {
+    {"subsystem ", Take::kItem, kSubsysno},
+    {"user", Take::kItem, kUser},
+};
+constexpr Keyword kStopKeywords[] = {
+    {"subsystem ", Take::kItem, kSubsysno},
+    {"user", Take::kItem, kUser},
+    {"duration", Take::kIgnore},
+};
+
+constexpr Column kColumns[] = {bare(kSubsysno), kZero, kZero,  kZero, spaced(kUser),
+                               kEmpty,          kZero, kZero,  kZero, kEmpty,
+                               kZero,           kZero, kZero,  kEmpty, kEmpty};
+constexpr Layout kStartRecord{105, kColumns};
+constexpr Layout kStopRecord{106, kColumns};
+
+constexpr ConverterDef kSubsysStart{"adcdf_do_subsysstart", &Counters::giSubsysStart,
+                                    Counting::kBeforeHeader, kFields, kStartKeywords,
+                                    &kStartRecord, nullptr};
+constexpr ConverterDef kSubsysStop{"adcdf_do_subsysstop", &Counters::giSubsysStop,
+                                   Counting::kBeforeHeader, kFields, kStopKeywords,
+                                   &kStopRecord, nullptr};
+
+}  // namespace
+
+int adcdf_do_subsysstart(Context& ctx) { return run_converter(ctx, kSubsysStart); }
+int adcdf_do_subsysstop(Context& ctx) { return run_converter(ctx, kSubsysStop); }
+
+}  // namespace adcdf

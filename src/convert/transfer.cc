@@ -1,0 +1,128 @@
+// Message transfer sections: routing (101 and 503 per recipient), delivery (108 and 504 per
+// recipient) and bulletin (118).
+#include "convert/converters.h"
+#include "convert/engine.h"
+
+namespace adcdf {
+namespace {
+
+namespace routing {
+enum : int {
+  kType, kPriority, kSensitivity, kImportance, kLocal, kHopCount, kOriginator, kUaMsgid,
+  kMsgSize, kReason, kMtaMsgid, kPartCount, kSubject
+};
+constexpr Field kFields[] = {{4, true},   {4, true},   {4, true}, {4, true},   {4, true},
+                             {4, true},   {849, false}, {254, false}, {9, true}, {4, true},
+                             {254, false}, {4, true},   {257, false}};
+constexpr Keyword kKeywords[] = {
+    {"type", Take::kItem, kType},
+    {"priority", Take::kItem, kPriority},
+    {"sensitivity", Take::kItem, kSensitivity},
+    {"importance", Take::kItem, kImportance},
+    {"created-locally", Take::kItem, kLocal},
+    {"hop-count", Take::kItem, kHopCount},
+    {"originator", Take::kAddress, kOriginator},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"recipient", Take::kRecipientInfo},
+    {"message-size", Take::kItem, kMsgSize},
+    {"mta-message-id", Take::kVarstring, kMtaMsgid},
+    {"part-count", Take::kItem, kPartCount},
+    {"subject", Take::kVarstringSz, kSubject},
+    {"ua-ack-id", Take::kIgnore},
+    {"mta-ack-id", Take::kIgnore},
+    {"designate-originator", Take::kIgnore},
+    {"part-type", Take::kIgnore},
+    {"part-size", Take::kIgnore},
+    {"ack-req", Take::kIgnore},
+    {"max-nest-depth", Take::kIgnore},
+    {"delivered-count", Take::kIgnore},
+    {"all-recips-non-deliv", Take::kIgnore},
+    {"non-delivery-reason", Take::kItem, kReason},
+};
+constexpr Column kSectionColumns[] = {
+    bare(kType),        bare(kPriority), bare(kSensitivity), bare(kImportance),
+    spaced(kOriginator), spaced(kUaMsgid), bare(kReason),    bare(kMsgSize),
+    text("x"),          kEmpty,          bare(kLocal),       bare(kHopCount),
+    text("x"),          kEmpty,          spaced(kMtaMsgid),  spaced(kSubject),
+    bare(kPartCount),   col(Col::kCount)};
+constexpr Column kRecipientColumns[] = {
+    spaced(kOriginator),  spaced(kUaMsgid),   bare(kReason),       bare(kMsgSize),
+    col(Col::kCategory),  col(Col::kAckReq),  col(Col::kQueue),    col(Col::kRecip),
+    col(Col::kLocal),     col(Col::kGateway)};
+constexpr Layout kSectionRecord{101, kSectionColumns};
+constexpr Layout kRecipientRecord{503, kRecipientColumns};
+constexpr ConverterDef kDef{"adcdf_do_routing", &Counters::giRouting, Counting::kBeforeHeader,
+                            kFields, kKeywords, &kSectionRecord, &kRecipientRecord,
+                            RecipientArrayUse::kAfterHeader, 105, 103, true};
+}  // namespace routing
+
+namespace delivery {
+enum : int {
+  kType, kOrig, kUaMsgid, kMtaMsgid, kReason, kAutoNotify, kAutoForward, kAutoReply, kAutoFile,
+  kAutoPrint, kDeliveredCount
+};
+constexpr Field kFields[] = {{4, true}, {849, false}, {254, false}, {254, false},
+                             {4, true}, {4, true},    {4, true},    {4, true},
+                             {4, true}, {4, true},    {4, true}};
+constexpr Keyword kKeywords[] = {
+    {"type", Take::kItem, kType},
+    {"originator", Take::kAddress, kOrig},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"recipient", Take::kRecipient},
+    {"auto-forward", Take::kVarstring, kAutoForward},
+    {"auto-notify", Take::kVarstring, kAutoNotify},
+    {"auto-reply", Take::kVarstring, kAutoReply},
+    {"auto-file", Take::kVarstring, kAutoFile},
+    {"auto-print", Take::kVarstring, kAutoPrint},
+    {"non-delivery-reason", Take::kDeliveryReason, kReason},
+    {"mta-message-id", Take::kVarstring, kMtaMsgid},
+    {"delivered-count", Take::kVarstring, kDeliveredCount},
+    {"ua-ack-id", Take::kIgnore},
+    {"mta-ack-id", Take::kIgnore},
+    {"subject", Take::kIgnore},
+    {"new-ua-message-id", Take::kIgnore},
+};
+constexpr Column kSectionColumns[] = {
+    bare(kType),        kZero,             kZero,           kZero,
+    spaced(kOrig),      spaced(kUaMsgid),  bare(kReason),   bare(kAutoNotify),
+    bare(kAutoReply),   bare(kDeliveredCount), bare(kAutoFile), bare(kAutoPrint),
+    bare(kAutoForward), kEmpty,            spaced(kMtaMsgid)};
+constexpr Column kRecipientColumns[] = {spaced(kOrig), spaced(kUaMsgid), col(Col::kReason),
+                                        col(Col::kRecip)};
+constexpr Layout kSectionRecord{108, kSectionColumns};
+constexpr Layout kRecipientRecord{504, kRecipientColumns};
+constexpr ConverterDef kDef{"adcdf_do_delivery", &Counters::giDelivery, Counting::kBeforeHeader,
+                            kFields, kKeywords, &kSectionRecord, &kRecipientRecord,
+                            RecipientArrayUse::kBeforeHeader, 105, 103};
+}  // namespace delivery
+
+namespace bulletin {
+enum : int { kType, kOriginator, kUaMsgid, kBulletin, kMtaMsgid };
+constexpr Field kFields[] = {{4, true}, {849, false}, {254, false}, {79, false}, {254, false}};
+constexpr Keyword kKeywords[] = {
+    {"type", Take::kItem, kType},
+    {"originator", Take::kAddress, kOriginator},
+    {"ua-message-id", Take::kVarstring, kUaMsgid},
+    {"bulletin-name", Take::kVarstring, kBulletin},
+    {"mta-message-id", Take::kVarstring, kMtaMsgid},
+    {"ua-ack-id", Take::kIgnore},
+    {"mta-ack-id", Take::kIgnore},
+    {"subject", Take::kIgnore},
+    {"bulletin-type", Take::kIgnore},
+};
+constexpr Column kColumns[] = {bare(kType),          kZero,  kZero,  kZero,
+                               spaced(kOriginator),  spaced(kUaMsgid), kZero, kZero,
+                               kZero,                spaced(kBulletin), kZero, kZero,
+                               kZero,                kEmpty, quoted(kMtaMsgid)};
+constexpr Layout kRecord{118, kColumns};
+constexpr ConverterDef kDef{"adcdf_do_bulletin", &Counters::giBulletin, Counting::kBeforeHeader,
+                            kFields, kKeywords, &kRecord, nullptr};
+}  // namespace bulletin
+
+}  // namespace
+
+int adcdf_do_routing(Context& ctx) { return run_converter(ctx, routing::kDef); }
+int adcdf_do_delivery(Context& ctx) { return run_converter(ctx, delivery::kDef); }
+int adcdf_do_bulletin(Context& ctx) { return run_converter(ctx, bulletin::kDef); }
+
+}  // namespace adcdf

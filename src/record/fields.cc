@@ -1,0 +1,112 @@
+#include "record/fields.h"
+
+#include <algorithm>
+
+#include "support/tokenizer.h"
+
+namespace adcdf {
+namespace {
+
+void assign_cut(std::string& dest, std::string_view value, size_t limit) {
+  dest.assign(value.data(), std::min(value.size(), limit));
+}
+
+// The raw value of a varstring: from word `pos` to the newline, or nothing.
+std::string_view varstring_value(std::string_view source, int pos) {
+  if (pos == 1) return source;
+  Tokenizer words(source);
+  for (int i = 1; i < pos; ++i) {
+    if (!words.next(" ")) return {};
+  }
+  return words.next("\n").value_or(std::string_view{});
+}
+
+void remove_escapes(std::string& text) {
+  size_t out = 0;
+  for (size_t in = 0; in < text.size(); ++in) {
+    if (text[in] == '\\') {
+      if (++in == text.size()) break;  // a trailing backslash is dropped
+    }
+    text[out++] = text[in];
+  }
+  text.resize(out);
+}
+
+int get_varstring(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                  size_t limit) {
+  TraceScope scope(rules.trace, "adcdf_get_varstring");
+  assign_cut(dest, varstring_value(source, pos), limit);
+  adcdf_special_processing(rules.trace, dest);
+  scope.done();
+  return 0;
+}
+
+}  // namespace
+
+int adcdf_get_item(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                   size_t limit) {
+  TraceScope scope(rules.trace, "adcdf_get_item");
+  if (pos == 1) {
+    assign_cut(dest, source, limit);
+  } else {
+    Tokenizer words(source);
+    std::optional<std::string_view> word = words.next(" ");
+    for (int i = 2; i <= pos && word; ++i) word = words.next(" \n");
+    assign_cut(dest, word.value_or(std::string_view{}), limit);
+  }
+  scope.done();
+  return 0;
+}
+
+int adcdf_get_varstring(const FieldRules& rules, std::string_view source, int pos,
+                        std::string& dest, size_t limit) {
+  return get_varstring(rules, source, pos, dest, limit);
+}
+
+int adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
+                           std::string& dest, int MaxLen) {
+  return get_varstring(rules, source, pos, dest, static_cast<size_t>(std::max(MaxLen, 0)));
+}
+
+int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
+                            std::string& dest, size_t limit) {
+  TraceScope scope(rules.trace, "adcdf_get_varstring_mta");
+  assign_cut(dest, varstring_value(source, pos), limit);
+  scope.done();
+  return 0;
+}
+
+int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos,
+                      std::string& dest, size_t limit) {
+  TraceScope scope(rules.trace, "adcdf_get_address");
+  thread_local std::string szLoc;
+  get_varstring(rules, source, pos, szLoc, kAddressWorkLimit);
+  adcdf_clean_address(rules, szLoc, dest, limit);
+  scope.done();
+  return 0;
+}
+
+int adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
+                        size_t limit) {
+  TraceScope scope(rules.trace, "adcdf_clean_address");
+  size_t take = std::min(source.size(), limit > 0 ? limit - 1 : 0);
+  dest.resize(take);
+  if (rules.upshift) {
+    std::transform(source.begin(), source.begin() + take, dest.begin(), upper_ascii);
+  } else {
+    std::copy(source.begin(), source.begin() + take, dest.begin());
+  }
+  if (limit > 0) dest.push_back(' ');
+  adcdf_special_processing(rules.trace, dest);
+  scope.done();
+  return 0;
+}
+
+int adcdf_special_processing(Tracer& trace, std::string& text) {
+  TraceScope scope(trace, "adcdf_special_processing");
+  remove_escapes(text);
+  scope.done();
+  return 0;
+}
+
+}  // namespace adcdf

@@ -1,0 +1,138 @@
+#include "record/recipients.h"
+
+#include <algorithm>
+
+#include "stream/context.h"
+
+namespace adcdf {
+namespace {
+
+std::string_view without_newline(std::string_view text) {
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  return text;
+}
+
+void assign_cut(std::string& dest, std::string_view value, size_t limit) {
+  dest.assign(value.data(), std::min(value.size(), limit));
+}
+
+bool is_gateway_queue(std::string_view queue) {
+  for (std::string_view prefix : {"ekx400", "EKX400", "smintfc", "SMINTFC"}) {
+    if (queue.substr(0, prefix.size()) == prefix) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+void RecipientArray::begin_section() {
+  count_ = 0;
+  if (slots_.size() < 20) slots_.resize(20);
+}
+
+recrep& RecipientArray::next_slot() {
+  if (count_ == slots_.size()) slots_.resize(slots_.size() + 10);
+  recrep& slot = slots_[count_];
+  slot.category.clear();
+  slot.ack_req.clear();
+  slot.queue.clear();
+  slot.recip.clear();
+  slot.local = slot.brindleRoute = false;
+  slot.ndnReason = 0;
+  return slot;
+}
+
+int adcdf_get_recip_line(const FieldRules& rules, std::string_view pszSource, recrep& recipient,
+                         int /*index*/) {
+  TraceScope scope(rules.trace, "adcdf_get_recip_line");
+  std::string_view line = without_newline(pszSource);
+  size_t hyphen = line.find('-');
+  std::string_view category;
+  bool has_address = false;
+  std::string_view address;
+  if (hyphen != std::string_view::npos) {
+    std::string_view rest = line.substr(hyphen + 1);
+    size_t blank = rest.find(' ');
+    category = rest.substr(0, blank);
+    if (blank != std::string_view::npos) {
+      has_address = true;
+      address = rest.substr(blank + 1);
+    }
+  }
+  if (category == "to") {
+    recipient.category = "0";
+  } else if (category == "cc") {
+    recipient.category = "1";
+  } else if (category == "bcc") {
+    recipient.category = "2";
+  } else if (category == "from") {
+    recipient.category = "3";
+  } else {
+    recipient.category = "4";
+  }
+  if (has_address) {
+    adcdf_clean_address(rules, address, recipient.recip, kRecipLimit);
+  } else {
+    recipient.recip.clear();
+  }
+  scope.done();
+  return 0;
+}
+
+int adcdf_get_recip_info(Context& ctx, recrep& recipient, int index) {
+  TraceScope scope(ctx.trace, "adcdf_get_recip_info");
+  FieldRules rules{ctx.trace, ctx.options.gbUpshift};
+  adcdf_get_recip_line(rules, ctx.gszLine, recipient, index);
+  adcdf_get_item(rules, ctx.next_section_line(), 2, recipient.ack_req, kAckReqLimit);
+  adcdf_get_varstring(rules, ctx.next_section_line(), 2, recipient.queue, kQueueLimit);
+  recipient.local = recipient.queue == "LOCAL";
+  recipient.brindleRoute = is_gateway_queue(recipient.queue);
+  scope.done();
+  return 0;
+}
+
+int adcdf_process_user(const FieldRules& rules, std::string_view pszSource, UserFields out,
+                       const UserLimits& limits) {
+  TraceScope scope(rules.trace, "adcdf_process_user");
+  std::string_view line = pszSource;
+  size_t ibreak4 = line.rfind(' ');
+  size_t ibreak3 = ibreak4 == 0 || ibreak4 == std::string_view::npos
+                       ? std::string_view::npos
+                       : line.rfind(' ', ibreak4 - 1);
+  size_t ibreak1 = line.find(' ');
+  size_t ibreak2 = ibreak1 == std::string_view::npos ? std::string_view::npos
+                                                      : line.find(' ', ibreak1 + 1);
+  thread_local std::string szTemp;
+  bool four_breaks = ibreak3 != std::string_view::npos && ibreak2 != std::string_view::npos &&
+                     ibreak1 < ibreak2 && ibreak2 < ibreak3;
+  if (four_breaks) {
+    assign_cut(out.name2, without_newline(line.substr(ibreak4 + 1)), limits.name2);
+    assign_cut(out.name1, line.substr(ibreak3 + 1, ibreak4 - ibreak3 - 1), limits.name1);
+    assign_cut(szTemp, line.substr(ibreak2 + 1, ibreak3 - ibreak2 - 1), kAddressWorkLimit);
+    adcdf_clean_address(rules, szTemp, out.mail_name, limits.mail_name);
+    assign_cut(out.number, line.substr(ibreak1 + 1, ibreak2 - ibreak1 - 1), limits.number);
+  } else {
+    // Fewer than four blanks: the fields after the keyword, split at single blanks, fill the
+    // values in order; those that are missing stay empty.
+    std::string_view rest = without_newline(line);
+    std::string_view parts[4];
+    size_t blank = rest.find(' ');
+    rest = blank == std::string_view::npos ? std::string_view{} : rest.substr(blank + 1);
+    bool more = blank != std::string_view::npos;
+    for (int i = 0; i < 4 && more; ++i) {
+      size_t next = rest.find(' ');
+      parts[i] = rest.substr(0, next);
+      more = next != std::string_view::npos;
+      if (more) rest.remove_prefix(next + 1);
+    }
+    assign_cut(out.number, parts[0], limits.number);
+    assign_cut(szTemp, parts[1], kAddressWorkLimit);
+    adcdf_clean_address(rules, szTemp, out.mail_name, limits.mail_name);
+    assign_cut(out.name1, parts[2], limits.name1);
+    assign_cut(out.name2, parts[3], limits.name2);
+  }
+  scope.done();
+  return 0;
+}
+
+}  // namespace adcdf

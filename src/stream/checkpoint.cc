@@ -1,0 +1,100 @@
+#include "stream/checkpoint.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+namespace adcdf {
+namespace {
+
+constexpr size_t kChunk = 64 * 1024;
+
+bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// One "%d": false when no digits follow the optional white space and sign.
+bool scan_int(std::string_view& text, int& value) {
+  size_t i = 0;
+  while (i < text.size() && is_c_space(text[i])) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+  if (i >= text.size() || !std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+  // Accumulate as a negative number so that the most negative value fits.
+  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+  int64_t acc = 0;
+  bool overflow = false;
+  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
+    int digit = text[i] - '0';
+    if (acc < (kMin + digit) / 10) overflow = true;
+    if (!overflow) acc = acc * 10 - digit;
+  }
+  int64_t result;
+  if (overflow) {
+    result = negative ? kMin : std::numeric_limits<int64_t>::max();
+  } else if (negative) {
+    result = acc;
+  } else {
+    result = acc == kMin ? std::numeric_limits<int64_t>::max() : -acc;
+  }
+  value = static_cast<int>(static_cast<uint32_t>(static_cast<uint64_t>(result)));
+  text.remove_prefix(i);
+  return true;
+}
+
+}  // namespace
+
+PrefixValues parse_prefix(std::string_view line) {
+  PrefixValues parsed;
+  for (int i = 0; i < 8; ++i) {
+    if (i > 0) {
+      if (line.empty() || line.front() != ',') break;
+      line.remove_prefix(1);
+    }
+    if (!scan_int(line, parsed.values[i])) break;
+    parsed.count = i + 1;
+  }
+  return parsed;
+}
+
+ReverseLineReader::ReverseLineReader(const File& file) : file_(file) {
+  long long size = file.size();
+  complete_end_ = find_newline_before(size) + 1;
+  next_end_ = complete_end_;
+}
+
+long long ReverseLineReader::find_newline_before(long long end) {
+  char buffer[kChunk];
+  while (end > 0) {
+    long long start = std::max(0LL, end - static_cast<long long>(kChunk));
+    size_t length = static_cast<size_t>(end - start);
+    size_t got = file_.read_at(buffer, length, start);
+    if (got < length) length = got;  // the file shrank meanwhile; look at what is there
+    const void* hit = memrchr(buffer, '\n', length);
+    if (hit != nullptr) return start + (static_cast<const char*>(hit) - buffer);
+    end = start;
+  }
+  return -1;
+}
+
+std::optional<std::string> ReverseLineReader::previous() {
+  if (next_end_ <= 0) return std::nullopt;
+  long long newline = next_end_ - 1;  // the line feed that ends this line
+  long long begin = find_newline_before(newline) + 1;
+  std::string line(static_cast<size_t>(newline - begin), '\0');
+  size_t got = file_.read_at(line.data(), line.size(), begin);
+  line.resize(got);
+  next_end_ = begin;
+  return line;
+}
+
+std::optional<PrefixValues> newest_record(const File& file) {
+  ReverseLineReader reader(file);
+  while (auto line = reader.previous()) {
+    PrefixValues values = parse_prefix(*line);
+    if (values.complete() && !values.is_header()) return values;
+  }
+  return std::nullopt;
+}
+
+}  // namespace adcdf

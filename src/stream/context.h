@@ -1,0 +1,107 @@
+// The daemon's state, shared by the section reader, the processing loop and the converters.
+//
+// One Context lives for a whole run. It holds the command-line settings, the current line and
+// its number, the event time of the section in hand and of the last one, the checkpoint, the
+// section counters, and the output of the section being converted. Its members keep the names
+// the debug traces and the record descriptions use.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "stream/audit_input.h"
+#include "stream/generations.h"
+#include "stream/section_output.h"
+#include "support/trace.h"
+
+namespace adcdf {
+
+
+struct Options {
+  std::string gszAuditFilename;
+  std::string gszBaseFilename;
+  int giMaxgen = 7;
+  bool debug = false;
+  bool gbUpshift = true;
+  bool noerr = false;
+};
+
+// Event time of the section in hand, in local time (year counted from 1900, month 1 to 12).
+struct EventTime {
+  int giYear = 0;
+  int giMonth = 0;
+  int giDay = 0;
+  int giHour = 0;
+  int giMin = 0;
+  int giSec = 0;
+  long glGMT = 0;
+};
+
+// Date and time of the last section whose header was decoded.
+struct LastDate {
+  int gilastyear = 0;
+  int gilastmonth = 0;
+  int gilastday = 0;
+  int gilasthour = 0;
+  int gilastmin = 0;
+  int gilastsec = 0;
+};
+
+struct Counters {
+  int giBulletin = 0;
+  int giDelivery = 0;
+  int giDeskIn = 0;
+  int giDeskOut = 0;
+  int giDirSyncIn = 0;
+  int giDirSyncOut = 0;
+  int giFaxGateway = 0;
+  int giEkscan = 0;
+  int giRequestServer = 0;
+  int giRouting = 0;
+  int giRoutSummary = 0;
+  int giSubsysStart = 0;
+  int giSubsysStop = 0;
+  int giUnixIn = 0;
+  int giUnixOut = 0;
+  int giUserSignoff = 0;
+  int giUserSignon = 0;
+  int gix400In = 0;
+  int gix400Out = 0;
+  int gixSMSIn = 0;
+  int gixSMSOut = 0;
+  int gixNOTESIn = 0;
+  int gixNOTESOut = 0;
+};
+
+struct Context {
+  Context(Options opts, Tracer& tracer, AuditInput& audit)
+      : options(std::move(opts)), trace(tracer), input(audit) {}
+
+  // Reads the next line of the section in hand into gszLine and counts it (waits at the end of
+  // the file; throws SectionAbandoned on a stop).
+  std::string_view next_section_line() {
+    ++giLineno;
+    gszLine = input.read_section_line();
+    return gszLine;
+  }
+
+  Options options;
+  Tracer& trace;
+  AuditInput& input;
+  Generations generations{options.gszBaseFilename, options.giMaxgen};
+
+  std::string_view gszLine;
+  int giLineno = 0;
+  EventTime event;
+  LastDate last;
+  long glGMTcheckpoint = 0;
+  Counters counters;
+  std::string gszInitNum = "0";
+  std::string gszInitString;
+
+  SectionOutput section;
+  File errlog;  // the error file (or /dev/null)
+};
+
+}  // namespace adcdf

@@ -1,0 +1,36 @@
+// Everything one section produces, held until the section is complete.
+//
+// Records (with the header record of a new generation first, when the section's header asked
+// for one), the error-file entries of its skipped lines, and the rotation to carry out before
+// the records are written. The processing loop commits it when the converter returns and drops
+// it when the section is abandoned, so a stop or a crash never leaves part of a section in the
+// files, and a section either rotates the generations together with its records or not at all.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace adcdf {
+
+// The file operations of one rotation, decided (and traced) when the section header is read.
+struct RotationPlan {
+  std::optional<std::string> remove;                       // the oldest generation, if present
+  std::vector<std::pair<std::string, std::string>> renames;  // from, to; highest first
+};
+
+struct SectionOutput {
+  std::string records;
+  std::string errors;
+  std::optional<RotationPlan> rotation;
+
+  bool empty() const { return records.empty() && errors.empty() && !rotation; }
+  void clear() {
+    records.clear();
+    errors.clear();
+    rotation.reset();
+  }
+};
+
+}  // namespace adcdf

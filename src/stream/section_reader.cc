@@ -1,0 +1,78 @@
+#include "stream/section_reader.h"
+
+#include <ctime>
+#include <string>
+
+#include "stream/context.h"
+#include "stream/generations.h"
+#include "support/signals.h"
+#include "support/tokenizer.h"
+
+namespace adcdf {
+namespace {
+
+constexpr std::string_view kBlankLine = "\n";
+
+// Reads the section's remaining lines up to and including its blank line. A line that reads as
+// empty (it starts with a NUL byte) ends the skip as the blank line would.
+void skip_loop(Context& ctx) {
+  while (ctx.gszLine != kBlankLine) {
+    if (ctx.next_section_line().empty()) ctx.gszLine = kBlankLine;
+  }
+}
+
+bool day_changed(const EventTime& event, const LastDate& last) {
+  return event.giYear > last.gilastyear || event.giMonth > last.gilastmonth ||
+         event.giDay > last.gilastday;
+}
+
+}  // namespace
+
+int adcdf_get_generic(Context& ctx) {
+  TraceScope scope(ctx.trace, "adcdf_get_generic");
+  int result = 0;
+  std::string_view line = ctx.next_section_line();
+  if (line.empty() || line == kBlankLine) return 1;
+
+  Tokenizer words(line);
+  words.next(" ");
+  std::optional<std::string_view> pstr = words.next(" ");
+  if (ctx.trace.on()) {
+    std::string shown = pstr ? std::string(*pstr) : std::string("(null)");
+    ctx.trace.printf("pstr = %s\n", shown.c_str());
+  }
+  if (!pstr) {
+    skip_loop(ctx);
+    return 1;
+  }
+
+  std::time_t ldate = parse_long(*pstr);
+  ctx.trace.printf("ldate = %ld\n", static_cast<long>(ldate));
+  struct tm ptime {};
+  if (localtime_r(&ldate, &ptime) == nullptr) {
+    skip_loop(ctx);
+    return 1;
+  }
+  ctx.event = EventTime{ptime.tm_year, ptime.tm_mon + 1, ptime.tm_mday, ptime.tm_hour,
+                        ptime.tm_min,  ptime.tm_sec,     static_cast<long>(ldate)};
+
+  // A SIGUSR1 since the last header: forget the last date, so this section starts a new
+  // generation unless it is skipped.
+  if (gbNewGenerationRequested) {
+    gbNewGenerationRequested = 0;
+    ctx.last = LastDate{};
+  }
+
+  if (ctx.event.glGMT < ctx.glGMTcheckpoint) {
+    result = 1;
+    skip_loop(ctx);
+  } else if (day_changed(ctx.event, ctx.last)) {
+    adcdf_rename_files(ctx);
+  }
+  const EventTime& e = ctx.event;
+  ctx.last = LastDate{e.giYear, e.giMonth, e.giDay, e.giHour, e.giMin, e.giSec};
+  scope.done();
+  return result;
+}
+
+}  // namespace adcdf

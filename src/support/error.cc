@@ -1,0 +1,30 @@
+#include "support/error.h"
+
+#include <cstring>
+
+namespace adcdf {
+
+void raise_file_error(int reason, const std::string& what, const std::string& name, int err) {
+  throw AdcdfError(kGroupFile, reason, what + " " + name + ": " + std::strerror(err));
+}
+
+std::string msg_GetAnyMsg(const AdcdfError& error) {
+  const char* head = "unexpected failure";
+  if (error.group() == kGroupMemory) {
+    head = "out of memory";
+  } else if (error.group() == kGroupFile) {
+    switch (error.reason()) {
+      case kReasonOpen: head = "file open failed"; break;
+      case kReasonRead: head = "file read failed"; break;
+      case kReasonWrite: head = "file write failed"; break;
+      case kReasonFlush: head = "file flush failed"; break;
+      case kReasonRename: head = "file rename failed"; break;
+      case kReasonRemove: head = "file removal failed"; break;
+      case kReasonTruncate: head = "file truncation failed"; break;
+      default: break;
+    }
+  }
+  return std::string(head) + ": " + error.what();
+}
+
+}  // namespace adcdf

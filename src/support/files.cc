@@ -1,0 +1,90 @@
+#include "support/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "support/error.h"
+
+namespace adcdf {
+
+File& File::operator=(File&& other) noexcept {
+  if (this != &other) {
+    close();
+    fd_ = other.fd_;
+    name_ = std::move(other.name_);
+    other.fd_ = -1;
+  }
+  return *this;
+}
+
+File File::open_or_throw(const std::string& name, int flags) {
+  int fd = ::open(name.c_str(), flags | O_CLOEXEC, 0666);
+  if (fd < 0) raise_file_error(kReasonOpen, "cannot open", name, errno);
+  return File(fd, name);
+}
+
+File File::append(const std::string& name) {
+  return open_or_throw(name, O_WRONLY | O_CREAT | O_APPEND);
+}
+
+File File::create(const std::string& name) {
+  return open_or_throw(name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+}
+
+File File::read_write(const std::string& name) { return open_or_throw(name, O_RDWR); }
+
+File File::read_only(const std::string& name) { return open_or_throw(name, O_RDONLY); }
+
+void File::write_all(std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd_, data.data(), data.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      raise_file_error(kReasonWrite, "cannot write", name_, errno);
+    }
+    if (n == 0) raise_file_error(kReasonWrite, "cannot write", name_, ENOSPC);
+    data.remove_prefix(static_cast<size_t>(n));
+  }
+}
+
+size_t File::read_at(char* buffer, size_t size, long long offset) const {
+  for (;;) {
+    ssize_t n = ::pread(fd_, buffer, size, offset);
+    if (n >= 0) return static_cast<size_t>(n);
+    if (errno != EINTR) raise_file_error(kReasonRead, "cannot read", name_, errno);
+  }
+}
+
+long long File::size() const {
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name_, errno);
+  return st.st_size;
+}
+
+void File::truncate(long long length) {
+  if (::ftruncate(fd_, length) != 0) raise_file_error(kReasonTruncate, "cannot cut", name_, errno);
+}
+
+void File::close() {
+  if (fd_ >= 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+}
+
+bool file_exists(const std::string& name) { return ::access(name.c_str(), F_OK) == 0; }
+
+void rename_file(const std::string& from, const std::string& to) {
+  if (std::rename(from.c_str(), to.c_str()) != 0)
+    raise_file_error(kReasonRename, "cannot rename to " + to + ":", from, errno);
+}
+
+void remove_file(const std::string& name) {
+  if (::unlink(name.c_str()) != 0) raise_file_error(kReasonRemove, "cannot remove", name, errno);
+}
+
+}  // namespace adcdf
