@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs what building and testing ekadcdf needs on a Debian machine, skipping what is there.
+# Usage: scripts/install-deps.sh [extra-package ...]
+set -euo pipefail
+packages=(g++ cmake ninja-build libgtest-dev libgmock-dev python3 "$@")
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,129 @@
+// Helpers shared by the unit tests: captured traces, a scripted end-of-file policy, temporary
+// directories, and a Context over an in-memory audit stream.
+#pragma once
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "stream/audit_input.h"
+#include "stream/context.h"
+#include "stream/line_reader.h"
+#include "support/trace.h"
+
+namespace adcdf::testing {
+
+// A Tracer whose output is kept in memory.
+class TraceCapture {
+ public:
+  TraceCapture() : file_(open_memstream(&data_, &size_)), tracer_(file_) {}
+  ~TraceCapture() {
+    std::fclose(file_);
+    std::free(data_);
+  }
+  TraceCapture(const TraceCapture&) = delete;
+  TraceCapture& operator=(const TraceCapture&) = delete;
+
+  Tracer& tracer() { return tracer_; }
+  std::string text() {
+    std::fflush(file_);
+    return std::string(data_, size_);
+  }
+
+ private:
+  char* data_ = nullptr;
+  size_t size_ = 0;
+  std::FILE* file_;
+  Tracer tracer_;
+};
+
+// Stands in for the 2-second poll: each pause appends the next chunk (if any) to the source; once
+// the chunks are used up, `stop_after` further pauses are allowed before the daemon is told to
+// stop.
+class ScriptedWaiter : public Waiter {
+ public:
+  ScriptedWaiter(MemorySource& source, std::vector<std::string> chunks = {}, int stop_after = 0)
+      : source_(source), chunks_(std::move(chunks)), stop_after_(stop_after) {}
+
+  bool keep_going() override { return !stopped_; }
+  void pause() override {
+    ++pauses_;
+    if (next_ < chunks_.size()) {
+      source_.append(chunks_[next_++]);
+    } else if (stop_after_-- <= 0) {
+      stopped_ = true;
+    }
+  }
+  int pauses() const { return pauses_; }
+
+ private:
+  MemorySource& source_;
+  std::vector<std::string> chunks_;
+  size_t next_ = 0;
+  int stop_after_;
+  int pauses_ = 0;
+  bool stopped_ = false;
+};
+
+// A fresh directory, removed with everything in it at the end of the test.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "ekadcdf-test-XXXXXX").string();
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempDir() { std::filesystem::remove_all(path_); }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  std::string read(const std::string& name) const {
+    std::ifstream in(file(name), std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  void write(const std::string& name, const std::string& text) const {
+    std::ofstream(file(name), std::ios::binary) << text;
+  }
+  bool exists(const std::string& name) const { return std::filesystem::exists(file(name)); }
+
+ private:
+  std::string path_;
+};
+
+// A Context over an in-memory audit stream. `audit` is what the file holds at the start; the
+// waiter appends `chunks` one per poll and then stops the daemon.
+struct Harness {
+  explicit Harness(std::string audit, Options options = {}, std::vector<std::string> chunks = {})
+      : source(std::move(audit)),
+        waiter(source, std::move(chunks)),
+        input(source, waiter),
+        ctx(std::move(options), trace.tracer(), input) {
+    ctx.trace.set_debug(ctx.options.debug);
+  }
+
+  // Runs a converter as the processing loop would: the name line has just been read.
+  int convert(int (*converter)(Context&), std::string_view name_line = "section\n") {
+    ctx.gszLine = name_line;
+    return converter(ctx);
+  }
+
+  TraceCapture trace;
+  MemorySource source;
+  ScriptedWaiter waiter;
+  AuditInput input;
+  Context ctx;
+};
+
+}  // namespace adcdf::testing
