@@ -115,8 +115,11 @@ void restore_checkpoint(Context& ctx) {
 
 void commit_section(Context& ctx) {
   SectionOutput& section = ctx.section;
-  if (section.rotation) ctx.generations.rotate(*section.rotation);
-  if (!section.records.empty()) ctx.generations.append(section.records);
+  if (section.rotation) {
+    ctx.generations.rotate(*section.rotation, section.records);
+  } else if (!section.records.empty()) {
+    ctx.generations.append(section.records);
+  }
   if (!section.errors.empty()) ctx.errlog.write_all(section.errors);
   section.clear();
 }
@@ -134,6 +137,7 @@ int adcdf_process_file(Context& ctx) {
   ctx.trace.printf("Opening file: %s\n", ctx.generations.name(0).c_str());
   ctx.last = LastDate{};
   ctx.glGMTcheckpoint = 0;
+  ctx.generations.recover();
   restore_checkpoint(ctx);
   ctx.trace.printf("Check point time: %d\n", static_cast<int>(ctx.glGMTcheckpoint));
   ctx.generations.open_current();

@@ -6,8 +6,36 @@
 #include <cstdio>
 
 #include "stream/context.h"
+#include "support/error.h"
 
 namespace adcdf {
+namespace {
+
+constexpr std::string_view kJournalEnd = "end";
+
+// A file beside the generations, hidden and outside the "<base>." names.
+std::string side_file(const std::string& base, const char* suffix) {
+  size_t slash = base.rfind('/');
+  std::string dir = slash == std::string::npos ? "" : base.substr(0, slash + 1);
+  std::string name = slash == std::string::npos ? base : base.substr(slash + 1);
+  return dir + "." + name + "-rotation." + suffix;
+}
+
+std::string read_whole(const std::string& name) {
+  File file = File::read_only(name);
+  std::string text(static_cast<size_t>(file.size()), '\0');
+  text.resize(file.read_at(text.data(), text.size(), 0));
+  return text;
+}
+
+}  // namespace
+
+Generations::Generations(std::string base, int maxgen)
+    : base_(std::move(base)),
+      maxgen_(maxgen),
+      fresh_(side_file(base_, "new")),
+      doomed_(side_file(base_, "old")),
+      journal_(side_file(base_, "journal")) {}
 
 std::string Generations::name(int generation) const {
   char suffix[16];
@@ -15,7 +43,10 @@ std::string Generations::name(int generation) const {
   return base_ + suffix;
 }
 
-void Generations::open_current() { current_ = File::append(name(0)); }
+void Generations::open_current() {
+  current_ = File::append(name(0));
+  size_ = current_.size();
+}
 
 RotationPlan Generations::plan(Tracer& trace) const {
   const int kept = std::max(maxgen_, 1);
@@ -35,11 +66,73 @@ RotationPlan Generations::plan(Tracer& trace) const {
   return plan;
 }
 
-void Generations::rotate(const RotationPlan& plan) {
+// Each step is a rename that is done once its target exists or its source is gone: no step
+// moves onto a name that still holds a generation, so this tells a done step from a pending
+// one, and running the steps again after a crash finishes the rotation.
+void Generations::run_steps(const Steps& steps) {
+  for (const auto& [from, to] : steps) {
+    if (file_exists(to) || !file_exists(from)) continue;
+    rename_file(from, to);
+  }
+}
+
+void Generations::rotate(const RotationPlan& plan, std::string_view content) {
   current_.close();
-  if (plan.remove && file_exists(*plan.remove)) remove_file(*plan.remove);
-  for (const auto& [from, to] : plan.renames) rename_file(from, to);
-  current_ = File::create(name(0));
+  File::create(fresh_).write_all(content);
+
+  Steps steps;
+  if (plan.remove) steps.emplace_back(*plan.remove, doomed_);
+  steps.insert(steps.end(), plan.renames.begin(), plan.renames.end());
+  steps.emplace_back(fresh_, name(0));
+  std::string journal;
+  for (const auto& [from, to] : steps) {
+    journal.append(from).push_back('\0');
+    journal.append(to).push_back('\0');
+  }
+  journal.append(kJournalEnd);
+  File::create(journal_).write_all(journal);
+
+  run_steps(steps);
+  remove_file(journal_);
+  if (file_exists(doomed_)) remove_file(doomed_);
+  open_current();
+}
+
+void Generations::recover() {
+  if (file_exists(journal_)) {
+    std::string journal = read_whole(journal_);
+    if (journal.ends_with(kJournalEnd)) {
+      journal.resize(journal.size() - kJournalEnd.size());
+      Steps steps;
+      size_t pos = 0;
+      while (pos < journal.size()) {
+        size_t from_end = journal.find('\0', pos);
+        size_t to_end = journal.find('\0', from_end + 1);
+        if (from_end == std::string::npos || to_end == std::string::npos) break;
+        steps.emplace_back(journal.substr(pos, from_end - pos),
+                           journal.substr(from_end + 1, to_end - from_end - 1));
+        pos = to_end + 1;
+      }
+      run_steps(steps);
+    }
+    remove_file(journal_);
+  }
+  if (file_exists(fresh_)) remove_file(fresh_);
+  if (file_exists(doomed_)) remove_file(doomed_);
+}
+
+void Generations::append(std::string_view data) {
+  try {
+    current_.write_all(data);
+  } catch (const AdcdfError&) {
+    // Cut off whatever part of the write reached the file, so no torn record stays behind.
+    try {
+      current_.truncate(size_);
+    } catch (const AdcdfError&) {
+    }
+    throw;
+  }
+  size_ += static_cast<long long>(data.size());
 }
 
 std::string header_record(std::time_t now, std::string_view host) {

@@ -8,8 +8,18 @@
 #include <cstdio>
 
 #include "support/error.h"
+#include "support/faults.h"
 
 namespace adcdf {
+namespace {
+
+// The errno an installed fault injector wants `op` on `name` to fail with, or 0.
+int injected(FileOp op, const std::string& name, size_t* partial = nullptr) {
+  FaultInjector* injector = fault_injector();
+  return injector == nullptr ? 0 : injector->fail(op, name, partial);
+}
+
+}  // namespace
 
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {
@@ -22,6 +32,7 @@ File& File::operator=(File&& other) noexcept {
 }
 
 File File::open_or_throw(const std::string& name, int flags) {
+  if (int err = injected(FileOp::kOpen, name)) raise_file_error(kReasonOpen, "cannot open", name, err);
   int fd = ::open(name.c_str(), flags | O_CLOEXEC, 0666);
   if (fd < 0) raise_file_error(kReasonOpen, "cannot open", name, errno);
   return File(fd, name);
@@ -40,6 +51,15 @@ File File::read_write(const std::string& name) { return open_or_throw(name, O_RD
 File File::read_only(const std::string& name) { return open_or_throw(name, O_RDONLY); }
 
 void File::write_all(std::string_view data) {
+  size_t partial = data.size();
+  if (int err = injected(FileOp::kWrite, name_, &partial)) {
+    if (partial < data.size()) write_raw(data.substr(0, partial));
+    raise_file_error(kReasonWrite, "cannot write", name_, err);
+  }
+  write_raw(data);
+}
+
+void File::write_raw(std::string_view data) {
   while (!data.empty()) {
     ssize_t n = ::write(fd_, data.data(), data.size());
     if (n < 0) {
@@ -66,6 +86,9 @@ long long File::size() const {
 }
 
 void File::truncate(long long length) {
+  if (int err = injected(FileOp::kTruncate, name_)) {
+    raise_file_error(kReasonTruncate, "cannot cut", name_, err);
+  }
   if (::ftruncate(fd_, length) != 0) raise_file_error(kReasonTruncate, "cannot cut", name_, errno);
 }
 
@@ -79,11 +102,17 @@ void File::close() {
 bool file_exists(const std::string& name) { return ::access(name.c_str(), F_OK) == 0; }
 
 void rename_file(const std::string& from, const std::string& to) {
+  if (int err = injected(FileOp::kRename, from)) {
+    raise_file_error(kReasonRename, "cannot rename to " + to + ":", from, err);
+  }
   if (std::rename(from.c_str(), to.c_str()) != 0)
     raise_file_error(kReasonRename, "cannot rename to " + to + ":", from, errno);
 }
 
 void remove_file(const std::string& name) {
+  if (int err = injected(FileOp::kRemove, name)) {
+    raise_file_error(kReasonRemove, "cannot remove", name, err);
+  }
   if (::unlink(name.c_str()) != 0) raise_file_error(kReasonRemove, "cannot remove", name, errno);
 }
 

@@ -45,6 +45,7 @@ class File {
  private:
   File(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
   static File open_or_throw(const std::string& name, int flags);
+  void write_raw(std::string_view data);
 
   int fd_ = -1;
   std::string name_;
