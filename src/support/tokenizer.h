@@ -15,15 +15,22 @@ class Tokenizer {
   explicit Tokenizer(std::string_view text) : rest_(text) {}
 
   std::optional<std::string_view> next(std::string_view delimiters) {
-    size_t start = rest_.find_first_not_of(delimiters);
-    if (start == std::string_view::npos) {
+    auto is_delimiter = [delimiters](char c) {
+      for (char d : delimiters) {
+        if (c == d) return true;
+      }
+      return false;
+    };
+    size_t start = 0;
+    while (start < rest_.size() && is_delimiter(rest_[start])) ++start;
+    if (start == rest_.size()) {
       rest_ = {};
       return std::nullopt;
     }
-    rest_.remove_prefix(start);
-    size_t end = rest_.find_first_of(delimiters);
-    std::string_view token = rest_.substr(0, end);
-    rest_.remove_prefix(end == std::string_view::npos ? rest_.size() : end + 1);
+    size_t end = start;
+    while (end < rest_.size() && !is_delimiter(rest_[end])) ++end;
+    std::string_view token = rest_.substr(start, end - start);
+    rest_.remove_prefix(end == rest_.size() ? end : end + 1);
     return token;
   }
 
