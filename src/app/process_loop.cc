@@ -115,12 +115,14 @@ void restore_checkpoint(Context& ctx) {
 
 void commit_section(Context& ctx) {
   SectionOutput& section = ctx.section;
+  // Error entries first: when writing them fails, the records are not written either, and a
+  // restart converts the section again.
+  if (!section.errors.empty()) ctx.errlog.write_all(section.errors);
   if (section.rotation) {
     ctx.generations.rotate(*section.rotation, section.records);
   } else if (!section.records.empty()) {
     ctx.generations.append(section.records);
   }
-  if (!section.errors.empty()) ctx.errlog.write_all(section.errors);
   section.clear();
 }
 

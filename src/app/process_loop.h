@@ -14,8 +14,8 @@ int adcdf_process_file(Context& ctx);
 // stream/checkpoint.h), cutting a torn last line off <base>.000.
 void restore_checkpoint(Context& ctx);
 
-// Writes out what the section in hand produced: the rotation it asked for, its records in one
-// write, its error-file entries.
+// Writes out what the section in hand produced: its error-file entries, the rotation it asked
+// for, its records in one write.
 void commit_section(Context& ctx);
 
 }  // namespace adcdf
