@@ -1,0 +1,230 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "convert/converters.h"
+#include "test_support.h"
+
+namespace adcdf {
+namespace {
+
+using testing::Harness;
+
+constexpr LastDate kNoRotation{1000, 13, 32, 0, 0, 0};
+constexpr long kTime = 1364913005;  // 2013-04-02 14:30:05 UTC
+
+struct Converted {
+  std::string records;
+  std::string errors;
+};
+
+// Converts one section with header time kTime and keyword lines `body` (ending with its blank
+// line), as the first section of the file: its keyword lines are numbered from 3. Checks that
+// the converter stops right after the blank line.
+Converted convert(int (*converter)(Context&), const std::string& body) {
+  ::setenv("TZ", "UTC", 1);
+  ::tzset();
+  Harness h("hdr " + std::to_string(kTime) + "\n" + body + "after\n");
+  h.ctx.last = kNoRotation;
+  h.ctx.giLineno = 1;
+  EXPECT_EQ(h.convert(converter), 0);
+  EXPECT_EQ(h.input.read_line().value_or("<end>"), "after\n");
+  return {h.ctx.section.records, h.ctx.section.errors};
+}
+
+std::string rec(int type, const std::string& columns) {
+  return std::to_string(type) + ",113,4,2,14,30,5,1364913005," + columns + "\n";
+}
+
+std::string skipped(int lineno, const std::string& line) {
+  return "Skipped line: " + std::to_string(lineno) + "\nLine = " + line + "\n\n";
+}
+
+struct Case {
+  const char* name;
+  int (*converter)(Context&);
+  int type;
+  std::string body;
+  std::string columns;  // from 9 on
+  std::string errors;
+};
+
+void run_cases(std::initializer_list<Case> cases) {
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Converted out = convert(c.converter, c.body);
+    EXPECT_EQ(out.records, rec(c.type, c.columns));
+    EXPECT_EQ(out.errors, c.errors);
+  }
+}
+
+// The first originator wins; "mta_message-id" fills the same column as "mta-message-id", the
+// later line winning, backslashes kept; any "all-recips-non-deliv" line gives "yes".
+TEST(X400Converters, Sections) {
+  const std::string body =
+      "priority 1\nsensitivity 2\nimportance 3\noriginator-admin-cap first\noriginator second\n"
+      "ua-message-id U\\1\nmta-message-id A\\B\nmta_message-id C\\D\nall-recips-non-deliv no\n"
+      "ua-ack-id 1\nsubject s\nnon-delivery-reason 2\nrecipient-to a\nrecipient-cc b\n\n";
+  const std::string common = "0,1,2,3,\"FIRST \",\"U1\",\"yes\",0,0,\"\",0,0,0,\"\",\"C\\D\"";
+  run_cases({
+      {"x400-in", adcdf_do_x400in, 114, body, common, ""},
+      {"x400-out", adcdf_do_x400out, 115, body, common + ",\"\",0,2", ""},
+      {"empty x400-in", adcdf_do_x400in, 114, "\n",
+       "0,0,0,0,\" \",\" \",\" \",0,0,\"\",0,0,0,\"\",\" \"", ""},
+      {"empty x400-out", adcdf_do_x400out, 115, "\n",
+       "0,0,0,0,\" \",\" \",\" \",0,0,\"\",0,0,0,\"\",\" \",\"\",0,0", ""},
+      {"bare all-recips-non-deliv", adcdf_do_x400in, 114, "all-recips-non-deliv\n\n",
+       "0,0,0,0,\" \",\" \",\"yes\",0,0,\"\",0,0,0,\"\",\" \"", ""},
+  });
+  // The first-originator rule starts afresh in every section.
+  run_cases({{"next section", adcdf_do_x400out, 115, "originator third\n\n",
+              "0,0,0,0,\"THIRD \",\" \",\" \",0,0,\"\",0,0,0,\"\",\" \",\"\",0,0", ""}});
+}
+
+// Keywords that one twin accepts and the other reports as skipped.
+TEST(GatewayConverters, TwinKeywordDifferences) {
+  struct Row {
+    const char* line;
+    int (*accepts)(Context&);
+    int (*skips)(Context&);
+  };
+  const Row rows[] = {
+      {"type 1", adcdf_do_x400in, adcdf_do_x400out},
+      {"some-recips-non-deliv", adcdf_do_x400in, adcdf_do_x400out},
+      {"mta-ack-id 1", adcdf_do_x400out, adcdf_do_x400in},
+      {"type 1", adcdf_do_unixout, adcdf_do_unixin},
+      {"non-delivery-reason 1", adcdf_do_unixout, adcdf_do_unixin},
+      {"mta-message-id m", adcdf_do_unixout, adcdf_do_unixin},
+      {"ua-ack-id 1", adcdf_do_unixout, adcdf_do_unixin},
+      {"hop-count 1", adcdf_do_unixout, adcdf_do_unixin},
+      {"unix-ack-id 1", adcdf_do_unixout, adcdf_do_unixin},
+      {"ack-id 1", adcdf_do_unixout, adcdf_do_unixin},
+      {"desk-message-id d", adcdf_do_deskin, adcdf_do_deskout},
+      {"desk-ack-id 1", adcdf_do_deskin, adcdf_do_deskout},
+      {"foreign-ack 1", adcdf_do_deskin, adcdf_do_deskout},
+      {"mta-message-id m", adcdf_do_deskout, adcdf_do_deskin},
+      {"mta-ack-id 1", adcdf_do_deskout, adcdf_do_deskin},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.line);
+    const std::string body = std::string(row.line) + "\n\n";
+    Converted accepted = convert(row.accepts, body);
+    Converted refused = convert(row.skips, body);
+    EXPECT_EQ(accepted.errors, "");
+    EXPECT_EQ(refused.errors, skipped(3, row.line));
+    EXPECT_EQ(std::count(refused.records.begin(), refused.records.end(), '\n'), 1);
+  }
+}
+
+// The Unix originator holds 950 bytes: a long address keeps all that the 849-character address
+// work buffer passes on, where the 850-byte originators of the other gateways lose one more.
+TEST(UnixConverters, Sections) {
+  const std::string longer = "originator " + std::string(900, 'a') + "\n\n";
+  const std::string unix_orig = std::string(849, 'A') + " ";
+  run_cases({
+      {"empty unix-in", adcdf_do_unixin, 110, "\n",
+       "0,0,0,0,\" \",\" \",0,0,0,\"\",0,0,0,\"\",\"\"", ""},
+      {"unix-in ignores", adcdf_do_unixin, 110,
+       "originator a\noriginator b\nua-message-id U\nunix-message-id x\nsubject s\n"
+       "recipient-to r\n\n",
+       "0,0,0,0,\"B \",\"U\",0,0,0,\"\",0,0,0,\"\",\"\"", ""},
+      {"empty unix-out", adcdf_do_unixout, 111, "\n",
+       "0,0,0,0,\" \",\" \",0,0,0,\"\",0,0,0,\"\",\" \",\" \",\"\",0,0", ""},
+      {"full unix-out", adcdf_do_unixout, 111,
+       "type 1 2\noriginator o\nua-message-id U\nnon-delivery-reason 2 3\nmta-message-id M\n"
+       "unix-message-id X Y\nrecipient-to a\nrecipient-cc b\nrecipient-bcc c\n\n",
+       "1,0,0,0,\"O \",\"U\",2 3,0,0,\"\",0,0,0,\"\",\"M\",\"X Y\",\"\",0,3", ""},
+      {"unix-in long originator", adcdf_do_unixin, 110, longer,
+       "0,0,0,0,\"" + unix_orig + "\",\" \",0,0,0,\"\",0,0,0,\"\",\"\"", ""},
+      {"unix-out long originator", adcdf_do_unixout, 111, longer,
+       "0,0,0,0,\"" + unix_orig + "\",\" \",0,0,0,\"\",0,0,0,\"\",\" \",\" \",\"\",0,0", ""},
+      {"x400-in long originator", adcdf_do_x400in, 114, longer,
+       "0,0,0,0,\"" + std::string(848, 'A') + " \",\" \",\" \",0,0,\"\",0,0,0,\"\",\" \"", ""},
+  });
+}
+
+TEST(DeskConverters, Sections) {
+  run_cases({
+      {"empty desk-in", adcdf_do_deskin, 112, "\n",
+       "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\"\",\"\"", ""},
+      {"full desk-in", adcdf_do_deskin, 112,
+       "originator a\noriginator b\ntype 5 6\nua-message-id U V\nnon-delivery-reason 7\n"
+       "desk-message-id D1 D2\nrecipient-to r\nsubject s\n\n",
+       "5,0,0,0,\"B \",\"U V\",7,0,0,\"D1\",0,0,0,\"\",\"\"", ""},
+      {"empty desk-out", adcdf_do_deskout, 113, "\n",
+       "0,0,0,0,\" \",\" \",0,0,0,\"\",0,0,0,\"\",\"\",0", ""},
+      {"desk-out recipients", adcdf_do_deskout, 113,
+       "recipient-to a\nrecipient-cc b\nua-ack-id 1\n\n",
+       "0,0,0,0,\" \",\" \",0,0,0,\"\",0,0,0,\"\",\"\",2", ""},
+  });
+}
+
+// One record per recipient, written after the blank line with the section's final values.
+TEST(FaxConverter, OneRecordPerRecipient) {
+  Converted out = convert(adcdf_do_faxgateway,
+                          "priority 1\nsensitivity 2\nimportance 3\noriginator one\n"
+                          "recipient-to ann\noriginator two\nua-message-id UA\nrecipient-cc bob\n"
+                          "recipient-memo\nrecipient \nduration 12\nnon-delivery-reason 5\n"
+                          "retries 2\nsent-pages 9\nsent-time 10:00 am\nmta-message-id M\n"
+                          "subject s\n\n");
+  const std::string head = "0,1,2,3,\"TWO \",\"UA\",5,12,";
+  const std::string tail = ",2,9,\"10:00 am\",\"\",\"M\"";
+  EXPECT_EQ(out.records, rec(107, head + "0,\"ANN \"" + tail) +
+                             rec(107, head + "1,\"BOB \"" + tail) +
+                             rec(107, head + "4,\" \"" + tail) + rec(107, head + "4,\" \"" + tail));
+  EXPECT_EQ(out.errors, "");
+
+  out = convert(adcdf_do_faxgateway, "recipient-bcc x\n\n");
+  EXPECT_EQ(out.records, rec(107, "0,0,0,0,\" \",\" \",0,0,2,\"X \",0,0,\" \",\"\",\" \""));
+
+  out = convert(adcdf_do_faxgateway, "originator o\nbogus\n\n");
+  EXPECT_EQ(out.records, "");
+  EXPECT_EQ(out.errors, skipped(4, "bogus"));
+}
+
+TEST(SmsConverters, ReasonComesBeforeSize) {
+  const std::string body = "message-size 1234 5\nnon-delivery-reason 5\noriginator x\n\n";
+  const std::string columns = "\"\",0,0,0,\"\",\"\",5,1234,0,\"\",0,0,0,\"\",\"\"";
+  run_cases({
+      {"sms-in", adcdf_do_smsin, 119, body, columns, skipped(5, "originator x")},
+      {"sms-out", adcdf_do_smsout, 120, body, columns, skipped(5, "originator x")},
+      {"empty", adcdf_do_smsin, 119, "\n", "\"\",0,0,0,\"\",\"\",0,0,0,\"\",0,0,0,\"\",\"\"", ""},
+  });
+}
+
+// Where each gateway counts: before the header (a section before the checkpoint is counted) or
+// only once the section has been accepted.
+TEST(GatewayConverters, CountingPoint) {
+  struct Row {
+    const char* name;
+    int (*converter)(Context&);
+    int Counters::*counter;
+    bool counts_skipped;
+  };
+  const Row rows[] = {
+      {"x400-in", adcdf_do_x400in, &Counters::gix400In, false},
+      {"x400-out", adcdf_do_x400out, &Counters::gix400Out, true},
+      {"unix-in", adcdf_do_unixin, &Counters::giUnixIn, true},
+      {"unix-out", adcdf_do_unixout, &Counters::giUnixOut, true},
+      {"desk-in", adcdf_do_deskin, &Counters::giDeskIn, false},
+      {"desk-out", adcdf_do_deskout, &Counters::giDeskOut, false},
+      {"fax", adcdf_do_faxgateway, &Counters::giFaxGateway, true},
+      {"sms-in", adcdf_do_smsin, &Counters::gixSMSIn, false},
+      {"sms-out", adcdf_do_smsout, &Counters::gixSMSOut, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Harness h("hdr 99\nrecipient-to a\n\nhdr 100\n\nnext\n");
+    h.ctx.last = kNoRotation;
+    h.ctx.glGMTcheckpoint = 100;
+    h.convert(row.converter);
+    EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 1 : 0);
+    EXPECT_EQ(h.ctx.section.records, "");
+    h.convert(row.converter);
+    EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 2 : 1);
+    EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");
+  }
+}
+
+}  // namespace
+}  // namespace adcdf
