@@ -24,7 +24,7 @@ constexpr int kTrays = 5;
 struct Work {
   std::vector<std::string> values;
   RecipientArray recipients;
-  std::string scratch;
+  std::string event;  // the section's event columns, formatted once for all its records
   int count = 0;          // recipient lines seen
   bool got_first = false;  // a kFirstAddress value has been taken
 };
@@ -80,7 +80,10 @@ int Converter::run() {
     for (;;) {
       std::string_view line = ctx_.next_section_line();
       auto match = std::find_if(def_.keywords.begin(), def_.keywords.end(),
-                                [line](const Keyword& k) { return line.starts_with(k.text); });
+                                [line](const Keyword& k) {
+                                  return !line.empty() && line[0] == k.text[0] &&
+                                         line.starts_with(k.text);
+                                });
       if (match != def_.keywords.end()) {
         apply(*match, line);
       } else if (line == kBlankLine) {
@@ -109,6 +112,7 @@ void Converter::reset_values() {
   }
   w_.count = 0;
   w_.got_first = false;
+  w_.event.clear();
 }
 
 void Converter::begin_recipients() {
@@ -229,7 +233,8 @@ void Converter::skipped(std::string_view line) {
 }
 
 void Converter::write(const Layout& layout, recrep* recipient) {
-  RecordLine line(ctx_.section.records, layout.type, ctx_.event);
+  if (w_.event.empty()) append_event_columns(w_.event, ctx_.event);
+  RecordLine line(ctx_.section.records, layout.type, w_.event);
   for (const Column& column : layout.columns) {
     switch (column.kind) {
       case Col::kText:

@@ -22,8 +22,10 @@ std::string_view varstring_value(std::string_view source, int pos) {
 }
 
 void remove_escapes(std::string& text) {
-  size_t out = 0;
-  for (size_t in = 0; in < text.size(); ++in) {
+  size_t first = text.find('\\');
+  if (first == std::string::npos) return;
+  size_t out = first;
+  for (size_t in = first; in < text.size(); ++in) {
     if (text[in] == '\\') {
       if (++in == text.size()) break;  // a trailing backslash is dropped
     }

@@ -15,9 +15,18 @@
 
 namespace adcdf {
 
+// Appends the columns 2 to 8 of every record of a section, with their commas:
+// "year,month,day,hour,minute,second,time,".
+void append_event_columns(std::string& out, const EventTime& event);
+
 class RecordLine {
  public:
   RecordLine(std::string& out, int type, const EventTime& event);
+  // As above, with the event's columns already formatted by append_event_columns().
+  RecordLine(std::string& out, int type, std::string_view event_columns) : out_(out) {
+    number(type);
+    out_.append(event_columns);
+  }
 
   RecordLine& bare(std::string_view value) {
     out_.append(value);
