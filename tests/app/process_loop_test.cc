@@ -1,0 +1,208 @@
+#include "app/process_loop.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "test_support.h"
+
+namespace adcdf {
+namespace {
+
+using testing::Harness;
+using testing::TempDir;
+
+// 2026-03-05 14:30:05, 16:00:00 and 2026-03-06 09:00:00 UTC.
+constexpr long kT1 = 1772721005;
+constexpr long kT2 = 1772726400;
+constexpr long kNextDay = 1772787600;
+
+std::string section(long time, const std::string& body = "subsystem 3\nuser sysadm\n") {
+  return "subsystem-start\nhdr " + std::to_string(time) + "\n" + body + "\n";
+}
+
+std::string record(long time) {
+  std::time_t t = time;
+  struct tm u {};
+  gmtime_r(&t, &u);
+  char text[160];
+  std::snprintf(text, sizeof text,
+                "105,%d,%d,%d,%d,%d,%d,%ld,3,0,0,0,\"sysadm\",\"\",0,0,0,\"\",0,0,0,\"\",\"\"\n",
+                u.tm_year, u.tm_mon + 1, u.tm_mday, u.tm_hour, u.tm_min, u.tm_sec, time);
+  return text;
+}
+
+const std::string kHeader =
+    "999,126,3,5,0,0,0,0,\"host\",0,0,0,\"\",\"\",0,0,0,\"\",0,0,0,\"\",\"\"\n";
+
+class ProcessLoop : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    options.gszBaseFilename = dir.file("b");
+  }
+
+  // The files named b.<suffix>, by suffix.
+  std::map<std::string, std::string> outputs() const {
+    std::map<std::string, std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+      std::string name = entry.path().filename().string();
+      found[name.substr(2)] = dir.read(name);
+    }
+    return found;
+  }
+
+  // A rotated generation's content after its header record, which carries today's date.
+  static std::string after_header(const std::string& text) {
+    EXPECT_TRUE(text.starts_with("999,")) << text;
+    return text.substr(text.find('\n') + 1);
+  }
+
+  TempDir dir;
+  Options options;
+};
+
+TEST_F(ProcessLoop, UnknownSectionsAreReportedLineByLineNotesPassedOver) {
+  Harness h("\nbogus\nhdr 1\nkey v\n\nnotes-in\nx 1\ny\n\nnotes-out\n\nRouting\nsubsystem-start \n",
+            options);
+  EXPECT_EQ(adcdf_process_file(h.ctx), 0);
+  EXPECT_EQ(h.ctx.counters.gixNOTESIn, 1);
+  EXPECT_EQ(h.ctx.counters.gixNOTESOut, 1);
+  EXPECT_EQ(outputs(), (std::map<std::string, std::string>{
+                           {"000", ""},
+                           {"ERR",
+                            "Unknown audit file section: line 2\nbogus\n\n"
+                            "Unknown audit file section: line 3\nhdr 1\n\n"
+                            "Unknown audit file section: line 4\nkey v\n\n"
+                            "Unknown audit file section: line 12\nRouting\n\n"
+                            "Unknown audit file section: line 13\nsubsystem-start \n\n"}}));
+}
+
+TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
+  Harness h(section(kT1) + section(kT2, "subsystem 3\nuser sysadm\njunk line\n") + "bogus\n" +
+                section(kNextDay),
+            options);
+  adcdf_process_file(h.ctx);
+  auto files = outputs();
+  ASSERT_EQ(files.size(), 4u);  // 000, 001, 002 and ERR
+  EXPECT_EQ(files["002"], "");  // the empty generation created at start
+  EXPECT_EQ(after_header(files["001"]), record(kT1) + record(kT2));
+  EXPECT_EQ(after_header(files["000"]), record(kNextDay));
+  EXPECT_EQ(files["ERR"],
+            "Skipped line: 10\nLine = junk line\n\n"
+            "Unknown audit file section: line 12\nbogus\n\n");
+  EXPECT_EQ(h.ctx.counters.giSubsysStart, 3);
+}
+
+TEST_F(ProcessLoop, DebugTraceAndStatistics) {
+  options.debug = true;
+  Harness h("notes-out\n\nbogus\n", options);
+  adcdf_process_file(h.ctx);
+  const std::string base = dir.file("b");
+  EXPECT_EQ(h.trace.text(),
+            "-> adcdf_process_file\nOpened error file: " + base + ".ERR\nOpening file: " + base +
+                ".000\nFile does not exist: " + base +
+                ".000\nCheck point time: 0\n"
+                "gszLine: notes-out\n\n-> adcdf_do_notesout\n<- adcdf_do_notesout\n"
+                "gszLine: bogus\n\nUnknown audit file section: line 3\nbogus\n\n"
+                "gszLine: \n\n"
+                "Statistics:\n\nSection name           Number\n-----------------------------\n"
+                "Bulletin               0\nDelivery               0\nDesk-in                0\n"
+                "Desk-out               0\nDirSync-in             0\nDirSync-out            0\n"
+                "Fax-gateway            0\nEkscan                 0\nRequest-server         0\n"
+                "Routing                0\nRouting-summary        0\nSubsystem-start        0\n"
+                "Subsystem-stop         0\nUnix-in                0\nUnix-out               0\n"
+                "User-signoff           0\nUser-signon            0\nX400-in                0\n"
+                "X400-out               0\nSMS-in                 0\nSMS-out                0\n"
+                "NOTES-in               0\nNOTES-out              1\n\n"
+                "<- adcdf_process_file\n");
+}
+
+struct RestoreCase {
+  const char* name;
+  std::map<std::string, std::string> before;  // by suffix
+  long checkpoint;
+  std::array<int, 6> last;
+  bool parse_message;
+  bool cut_tail;  // bytes after the last line feed of b.000 are cut off
+};
+
+TEST_F(ProcessLoop, RestoreCheckpointFromNewestRecord) {
+  const std::string r1 = record(kT1), r2 = record(kT2);
+  const std::string hdr6 = "999,126,3,6,0,0,0,0,\"h\",0\n";
+  const std::array<int, 6> d1{126, 3, 5, 14, 30, 5}, d2{126, 3, 5, 16, 0, 0}, zero{};
+  const std::string torn = "105,126,3,5,17,0,0,1772730000,3";
+  const RestoreCase cases[] = {
+      {"nothing", {}, 0, zero, false, false},
+      {"empty current", {{"000", ""}}, 0, zero, true, false},
+      {"record", {{"000", kHeader + r1}}, kT1, d1, false, false},
+      {"torn tail cut off", {{"000", kHeader + r1 + torn}}, kT1, d1, false, true},
+      {"header last", {{"000", kHeader + r1 + hdr6}}, kT1, d1, false, false},
+      {"records older", {{"000", hdr6}, {"001", kHeader + r1 + r2}}, kT2, d2, false, false},
+      {"header only", {{"000", hdr6}}, 0, {126, 3, 6, 0, 0, 0}, false, false},
+      {"lowest older", {{"001", torn}, {"002", r1 + r2}, {"003", r1}}, kT2, d2, false, false},
+      {"unparsable current", {{"000", "garbage\n"}, {"001", r1}}, kT1, d1, true, false},
+      {"partial values stay", {{"000", "105,126,3\n"}}, 0, {126, 3, 0, 0, 0, 0}, true, false},
+  };
+  for (const RestoreCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir run_dir;
+    options.gszBaseFilename = run_dir.file("b");
+    for (const auto& [suffix, text] : c.before) run_dir.write("b." + suffix, text);
+    Harness h("", options);
+    restore_checkpoint(h.ctx);
+    EXPECT_EQ(h.ctx.glGMTcheckpoint, c.checkpoint);
+    const LastDate& l = h.ctx.last;
+    EXPECT_EQ((std::array<int, 6>{l.gilastyear, l.gilastmonth, l.gilastday, l.gilasthour,
+                                  l.gilastmin, l.gilastsec}),
+              c.last);
+    EXPECT_EQ(h.trace.text(),
+              c.parse_message ? "Unable to parse date and time on last line of .000 file.\n" : "");
+    for (const auto& [suffix, text] : c.before) {
+      std::string expected = text;
+      if (suffix == "000" && c.cut_tail) expected.resize(expected.rfind('\n') + 1);
+      EXPECT_EQ(run_dir.read("b." + suffix), expected) << suffix;
+    }
+  }
+}
+
+TEST_F(ProcessLoop, RestartSkipsBeforeCheckpointAndAppendsSameDay) {
+  dir.write("b.000", kHeader + record(kT1) + record(kT2) + "105,126,3");
+  Harness h(section(kT1) + section(kT2) + section(kT2 + 60), options);
+  adcdf_process_file(h.ctx);
+  EXPECT_EQ(outputs(),
+            (std::map<std::string, std::string>{
+                {"000", kHeader + record(kT1) + record(kT2) + record(kT2) + record(kT2 + 60)},
+                {"ERR", ""}}));
+  EXPECT_EQ(h.ctx.counters.giSubsysStart, 3);
+}
+
+TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
+  const std::string current = kHeader + record(kT1);
+  dir.write("b.000", current);
+  // A later day, so the section's header plans a rotation; a skipped line before the stop.
+  Harness h("subsystem-start\nhdr " + std::to_string(kNextDay) + "\njunk\n", options,
+            {"subsystem 3\n"});
+  adcdf_process_file(h.ctx);
+  EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
+  EXPECT_EQ(h.ctx.counters.giSubsysStart, 0);
+}
+
+TEST_F(ProcessLoop, NoErrWritesNoErrorFile) {
+  options.noerr = true;
+  Harness h("bogus\n" + section(kT1, "subsystem 3\nuser sysadm\njunk\n"), options);
+  adcdf_process_file(h.ctx);
+  auto files = outputs();
+  EXPECT_EQ(files.count("ERR"), 0u);
+  EXPECT_EQ(after_header(files["000"]), record(kT1));
+}
+
+}  // namespace
+}  // namespace adcdf

@@ -1,0 +1,198 @@
+#include "stream/section_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "support/signals.h"
+#include "test_support.h"
+
+namespace adcdf {
+namespace {
+
+using testing::Harness;
+using testing::TempDir;
+
+constexpr LastDate kNoRotation{1000, 13, 32, 0, 0, 0};
+
+std::array<int, 6> fields(const LastDate& d) {
+  return {d.gilastyear, d.gilastmonth, d.gilastday, d.gilasthour, d.gilastmin, d.gilastsec};
+}
+
+std::string next_line(Harness& h) {
+  auto line = h.input.read_line();
+  return line ? std::string(*line) : std::string("<none>");
+}
+
+class SectionReader : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    options.gszBaseFilename = dir.file("out");
+  }
+  void TearDown() override {
+    gbNewGenerationRequested = 0;
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+  }
+
+  TempDir dir;
+  Options options;
+};
+
+struct HeaderCase {
+  const char* name;
+  std::string audit;  // from the header line on
+  int result;
+  std::string trace;  // after the entry line; the exit line follows when the result is 0
+  int lineno;
+  const char* next;  // the line the loop would read next
+};
+
+TEST_F(SectionReader, HeaderLineDecodingAndSkipping) {
+  const HeaderCase cases[] = {
+      {"time with newline", "h 1700000000\nk v\n\nnext\n", 0,
+       "pstr = 1700000000\n\nldate = 1700000000\n", 1, "k v\n"},
+      {"blank second word", "header \nk v\n\nnext\n", 0, "pstr = \n\nldate = 0\n", 1, "k v\n"},
+      {"tab is no separator", "h\tx 5\n\n", 0, "pstr = 5\n\nldate = 5\n", 1, "\n"},
+      {"sign and trailing junk", "  h   +42abc more\n\n", 0, "pstr = +42abc\nldate = 42\n", 1,
+       "\n"},
+      {"no second word", "header\nk v\n\nnext\n", 1, "pstr = (null)\n", 3, "next\n"},
+      {"blank header", "\nk v\n\nnext\n", 1, "", 1, "k v\n"},
+      {"clamped high, localtime fails", "h 99999999999999999999\nk v\n\nnext\n", 1,
+       "pstr = 99999999999999999999\n\nldate = 9223372036854775807\n", 3, "next\n"},
+      {"clamped low, localtime fails", "h -99999999999999999999 x\n\nnext\n", 1,
+       "pstr = -99999999999999999999\nldate = -9223372036854775808\n", 2, "next\n"},
+      {"NUL line ends the skip", std::string("h\nk v\n\0junk\nnext\n", 17), 1, "pstr = (null)\n", 3,
+       "next\n"},
+  };
+  for (const HeaderCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    options.debug = true;
+    Harness h(c.audit, options);
+    h.ctx.last = kNoRotation;
+    EXPECT_EQ(h.convert(adcdf_get_generic), c.result);
+    EXPECT_EQ(h.trace.text(),
+              "-> adcdf_get_generic\n" + c.trace + (c.result == 0 ? "<- adcdf_get_generic\n" : ""));
+    EXPECT_EQ(h.ctx.giLineno, c.lineno);
+    EXPECT_EQ(next_line(h), c.next);
+    if (c.result == 1) {
+      EXPECT_EQ(fields(h.ctx.last), fields(kNoRotation));
+    }
+    EXPECT_TRUE(h.ctx.section.empty());
+  }
+}
+
+TEST_F(SectionReader, CheckpointEqualConvertsOneBelowSkips) {
+  ::setenv("TZ", "JST-9", 1);  // the event time is broken down in local time
+  ::tzset();
+  for (long time : {1700000000L, 1699999999L}) {
+    SCOPED_TRACE(time);
+    Harness h("h " + std::to_string(time) + "\nk v\n\nnext\n", options);
+    h.ctx.glGMTcheckpoint = 1700000000;
+    bool skipped = time < 1700000000;
+    EXPECT_EQ(h.convert(adcdf_get_generic), skipped ? 1 : 0);
+    // The last date is zero, so only the converted section starts a generation.
+    EXPECT_EQ(h.ctx.section.rotation.has_value(), !skipped);
+    EXPECT_EQ(h.ctx.section.records.starts_with("999,"), !skipped);
+    EXPECT_EQ(h.ctx.giLineno, skipped ? 3 : 1);
+    EXPECT_EQ(fields(h.ctx.last), (std::array<int, 6>{123, 11, 15, 7, 13, skipped ? 19 : 20}));
+  }
+}
+
+std::time_t utc(int year, int month, int day, int hour = 12) {
+  struct tm t {};
+  t.tm_year = year - 1900;
+  t.tm_mon = month - 1;
+  t.tm_mday = day;
+  t.tm_hour = hour;
+  return timegm(&t);
+}
+
+TEST_F(SectionReader, DayChangeComparesYearMonthDayEachOnItsOwn) {
+  const struct {
+    const char* name;
+    LastDate last;
+    std::time_t event;
+    bool rotates;
+  } cases[] = {
+      {"year", {125, 12, 31, 23, 0, 0}, utc(2026, 1, 1), true},
+      {"month", {126, 1, 31, 23, 0, 0}, utc(2026, 2, 1), true},
+      {"day 15 > 10, earlier month", {126, 3, 10, 0, 0, 0}, utc(2026, 2, 15), true},
+      {"month 12 > 1, earlier year", {127, 1, 1, 0, 0, 0}, utc(2026, 12, 1), true},
+      {"same day, later hour", {126, 5, 20, 10, 0, 0}, utc(2026, 5, 20, 15), false},
+      {"earlier day", {126, 5, 21, 0, 0, 0}, utc(2026, 5, 20), false},
+      {"earlier whole date", {126, 6, 21, 0, 0, 0}, utc(2026, 5, 20), false},
+  };
+  dir.write("out.000", "old\n");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Harness h("h " + std::to_string(c.event) + "\n\n", options);
+    h.ctx.last = c.last;
+    ASSERT_EQ(h.convert(adcdf_get_generic), 0);
+    EXPECT_EQ(h.ctx.section.rotation.has_value(), c.rotates);
+    // The header record only, ahead of the records the converter adds.
+    EXPECT_EQ(h.ctx.section.records.starts_with("999,"), c.rotates);
+    EXPECT_EQ(std::count(h.ctx.section.records.begin(), h.ctx.section.records.end(), '\n'),
+              c.rotates ? 1 : 0);
+    // A rotation is only planned; the section's commit carries it out.
+    EXPECT_EQ(dir.read("out.000"), "old\n");
+    EXPECT_FALSE(dir.exists("out.001"));
+    const EventTime& e = h.ctx.event;
+    EXPECT_EQ(fields(h.ctx.last),
+              (std::array<int, 6>{e.giYear, e.giMonth, e.giDay, e.giHour, e.giMin, e.giSec}));
+  }
+}
+
+TEST_F(SectionReader, NewGenerationRequestRotatesAtNextDatedSection) {
+  const std::string dated = "h 1700000000\n";  // converted: its converter reads the rest
+  Harness h("h\n\nh 99999999999999999999\n\n" + dated + dated, options);
+  h.ctx.last = LastDate{123, 11, 14, 0, 0, 0};  // same day: no rotation of its own
+  gbNewGenerationRequested = 1;
+  // Headers without a usable time leave the request pending.
+  EXPECT_EQ(h.convert(adcdf_get_generic), 1);
+  EXPECT_EQ(h.convert(adcdf_get_generic), 1);
+  EXPECT_FALSE(h.ctx.section.rotation);
+  EXPECT_EQ(gbNewGenerationRequested, 1);
+  EXPECT_EQ(h.convert(adcdf_get_generic), 0);
+  EXPECT_TRUE(h.ctx.section.rotation);
+  EXPECT_EQ(gbNewGenerationRequested, 0);
+  h.ctx.section.clear();
+  EXPECT_EQ(h.convert(adcdf_get_generic), 0);
+  EXPECT_FALSE(h.ctx.section.rotation);
+}
+
+TEST_F(SectionReader, WaitsForLinesInsideTheSection) {
+  Harness header("", options, {"h 1700", "000000\n"});
+  header.ctx.last = kNoRotation;
+  EXPECT_EQ(header.convert(adcdf_get_generic), 0);
+  EXPECT_EQ(header.ctx.event.glGMT, 1700000000);
+  EXPECT_EQ(header.waiter.pauses(), 2);
+
+  Harness skip("h 5\nk v\n", options, {"more\n", "\n"});
+  skip.ctx.glGMTcheckpoint = 10;
+  EXPECT_EQ(skip.convert(adcdf_get_generic), 1);
+  EXPECT_EQ(skip.ctx.giLineno, 4);
+  EXPECT_EQ(skip.waiter.pauses(), 2);
+}
+
+TEST_F(SectionReader, StopInsideTheSectionAbandonsIt) {
+  const LastDate before{120, 1, 2, 3, 4, 5};
+  for (const char* audit : {"", "h 17", "h 5\nk v\n", "h\nk v\n"}) {
+    SCOPED_TRACE(audit);
+    Harness h(audit, options);
+    h.ctx.glGMTcheckpoint = 10;
+    h.ctx.last = before;
+    EXPECT_THROW(h.convert(adcdf_get_generic), SectionAbandoned);
+    EXPECT_EQ(fields(h.ctx.last), fields(before));
+    EXPECT_TRUE(h.ctx.section.empty());
+  }
+}
+
+}  // namespace
+}  // namespace adcdf
