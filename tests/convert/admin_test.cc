@@ -1,60 +1,12 @@
 #include <gtest/gtest.h>
 
+#include "convert/convert_test_support.h"
 #include "convert/converters.h"
-#include "test_support.h"
 
 namespace adcdf {
 namespace {
 
-using testing::Harness;
-
-constexpr LastDate kNoRotation{1000, 13, 32, 0, 0, 0};
-constexpr long kTime = 1364913005;  // 2013-04-02 14:30:05 UTC
-
-struct Converted {
-  std::string records;
-  std::string errors;
-};
-
-// Converts one section with header time kTime and keyword lines `body` (ending with its blank
-// line), as the first section of the file: its keyword lines are numbered from 3. Checks that
-// the converter stops right after the blank line.
-Converted convert(int (*converter)(Context&), const std::string& body) {
-  ::setenv("TZ", "UTC", 1);
-  ::tzset();
-  Harness h("hdr " + std::to_string(kTime) + "\n" + body + "after\n");
-  h.ctx.last = kNoRotation;
-  h.ctx.giLineno = 1;
-  EXPECT_EQ(h.convert(converter), 0);
-  EXPECT_EQ(h.input.read_line().value_or("<end>"), "after\n");
-  return {h.ctx.section.records, h.ctx.section.errors};
-}
-
-std::string rec(int type, const std::string& columns) {
-  return std::to_string(type) + ",113,4,2,14,30,5,1364913005," + columns + "\n";
-}
-
-std::string skipped(int lineno, const std::string& line) {
-  return "Skipped line: " + std::to_string(lineno) + "\nLine = " + line + "\n\n";
-}
-
-struct Case {
-  const char* name;
-  int (*converter)(Context&);
-  int type;
-  std::string body;
-  std::string columns;  // 9 to 23
-  std::string errors;
-};
-
-void run_cases(std::initializer_list<Case> cases) {
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Converted out = convert(c.converter, c.body);
-    EXPECT_EQ(out.records, rec(c.type, c.columns));
-    EXPECT_EQ(out.errors, c.errors);
-  }
-}
+using namespace testing;
 
 // A user's record is written when the next user begins and at the blank line; values not
 // given for a user are those of the user before.
