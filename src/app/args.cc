@@ -75,8 +75,8 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
   trace.printf(
       "Current args:\n Auditfilename     = %s\n Basefilename      = %s\n Maxgenerations    = "
       "%d\n Upshift addresses = %s\n Debug mode        = %s\n\n",
-      o.gszAuditFilename.c_str(), o.gszBaseFilename.c_str(), o.giMaxgen,
-      o.gbUpshift ? "Yes" : "No", o.debug ? "On" : "Off");
+      o.gszAuditFilename.c_str(), o.gszBaseFilename.c_str(), o.giMaxgen, o.gbUpshift ? "Yes" : "No",
+      o.debug ? "On" : "Off");
   scope.done();
   return parsed;
 }

@@ -68,10 +68,9 @@ void print_statistics(Context& ctx) {
       "X400-out               %d\nSMS-in                 %d\nSMS-out                %d\n"
       "NOTES-in               %d\nNOTES-out              %d\n\n",
       c.giBulletin, c.giDelivery, c.giDeskIn, c.giDeskOut, c.giDirSyncIn, c.giDirSyncOut,
-      c.giFaxGateway, c.giEkscan, c.giRequestServer, c.giRouting, c.giRoutSummary,
-      c.giSubsysStart, c.giSubsysStop, c.giUnixIn, c.giUnixOut, c.giUserSignoff,
-      c.giUserSignon, c.gix400In, c.gix400Out, c.gixSMSIn, c.gixSMSOut, c.gixNOTESIn,
-      c.gixNOTESOut);
+      c.giFaxGateway, c.giEkscan, c.giRequestServer, c.giRouting, c.giRoutSummary, c.giSubsysStart,
+      c.giSubsysStop, c.giUnixIn, c.giUnixOut, c.giUserSignoff, c.giUserSignon, c.gix400In,
+      c.gix400Out, c.gixSMSIn, c.gixSMSOut, c.gixNOTESIn, c.gixNOTESOut);
 }
 
 void report_unknown_section(Context& ctx) {
@@ -148,8 +147,7 @@ int adcdf_process_file(Context& ctx) {
     std::optional<std::string_view> line = ctx.input.read_line();
     ctx.gszLine = line ? *line : kBlankLine;
     if (ctx.trace.on()) {
-      ctx.trace.printf("gszLine: %.*s\n", static_cast<int>(ctx.gszLine.size()),
-                       ctx.gszLine.data());
+      ctx.trace.printf("gszLine: %.*s\n", static_cast<int>(ctx.gszLine.size()), ctx.gszLine.data());
     }
     if (ctx.gszLine == kBlankLine) {
       ++ctx.giLineno;

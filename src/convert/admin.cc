@@ -10,9 +10,20 @@ namespace {
 
 namespace ekscan {
 enum : int {
-  kUser, kUserMsgNo, kUserSize,
-  kTray1Num, kTray1Size, kTray2Num, kTray2Size, kTray3Num, kTray3Size, kTray4Num, kTray4Size,
-  kTray5Num, kTray5Size, kTrayNum
+  kUser,
+  kUserMsgNo,
+  kUserSize,
+  kTray1Num,
+  kTray1Size,
+  kTray2Num,
+  kTray2Size,
+  kTray3Num,
+  kTray3Size,
+  kTray4Num,
+  kTray4Size,
+  kTray5Num,
+  kTray5Size,
+  kTrayNum
 };
 constexpr Field kFields[] = {{254, false}, {9, true}, {9, true}, {9, true}, {9, true},
                              {9, true},    {9, true}, {9, true}, {9, true}, {9, true},
@@ -26,19 +37,29 @@ constexpr Keyword kKeywords[] = {
     {"bb-area-messages", Take::kIgnore},
     {"bb-area-size", Take::kIgnore},
 };
-constexpr Column kColumns[] = {spaced(kUser),   bare(kUserMsgNo), bare(kUserSize),
-                               bare(kTray1Num), bare(kTray1Size), bare(kTray2Num),
-                               bare(kTray2Size), bare(kTray3Num), bare(kTray3Size),
-                               bare(kTray4Num), bare(kTray4Size), bare(kTray5Num),
-                               bare(kTray5Size), kEmpty,          kEmpty};
+constexpr Column kColumns[] = {
+    spaced(kUser),    bare(kUserMsgNo), bare(kUserSize),  bare(kTray1Num),  bare(kTray1Size),
+    bare(kTray2Num),  bare(kTray2Size), bare(kTray3Num),  bare(kTray3Size), bare(kTray4Num),
+    bare(kTray4Size), bare(kTray5Num),  bare(kTray5Size), kEmpty,           kEmpty};
 constexpr Layout kRecord{102, kColumns};
-constexpr ConverterDef kDef{"adcdf_do_ekscan", &Counters::giEkscan, Counting::kBeforeHeader,
-                            kFields, kKeywords, &kRecord, nullptr};
+constexpr ConverterDef kDef{"adcdf_do_ekscan",
+                            &Counters::giEkscan,
+                            Counting::kBeforeHeader,
+                            kFields,
+                            kKeywords,
+                            &kRecord,
+                            nullptr};
 }  // namespace ekscan
 
 namespace signon {
 enum : int {
-  kUserNum, kBrindleName, kUsername1, kUsername2, kSignonStatus, kClientType, kDesigNum,
+  kUserNum,
+  kBrindleName,
+  kUsername1,
+  kUsername2,
+  kSignonStatus,
+  kClientType,
+  kDesigNum,
   kDesigName
 };
 constexpr Field kFields[] = {{19, true}, {79, false}, {19, false}, {19, false},
@@ -50,14 +71,29 @@ constexpr Keyword kKeywords[] = {
     {"designate-user", Take::kNumberAndName, kDesigNum, kDesigName, 849},
     {"user-agent-id", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,          kZero,              kZero,
-                               kZero,          spaced(kBrindleName), spaced(kUsername1),
-                               bare(kUserNum), bare(kSignonStatus), bare(kClientType),
-                               spaced(kUsername2), kZero,          kZero,
-                               bare(kDesigNum), spaced(kDesigName), kEmpty};
+constexpr Column kColumns[] = {kZero,
+                               kZero,
+                               kZero,
+                               kZero,
+                               spaced(kBrindleName),
+                               spaced(kUsername1),
+                               bare(kUserNum),
+                               bare(kSignonStatus),
+                               bare(kClientType),
+                               spaced(kUsername2),
+                               kZero,
+                               kZero,
+                               bare(kDesigNum),
+                               spaced(kDesigName),
+                               kEmpty};
 constexpr Layout kRecord{103, kColumns};
-constexpr ConverterDef kDef{"adcdf_do_usersignon", &Counters::giUserSignon,
-                            Counting::kAfterHeader, kFields, kKeywords, &kRecord, nullptr};
+constexpr ConverterDef kDef{"adcdf_do_usersignon",
+                            &Counters::giUserSignon,
+                            Counting::kAfterHeader,
+                            kFields,
+                            kKeywords,
+                            &kRecord,
+                            nullptr};
 }  // namespace signon
 
 namespace signoff {
@@ -69,12 +105,29 @@ constexpr Keyword kKeywords[] = {
     {"duration", Take::kVarstring, kDuration},
     {"designate-user", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,  kZero, kZero, kZero, spaced(kBrindleName), kEmpty,
-                               bare(kUserNum), bare(kSignoffStatus), bare(kDuration), kEmpty,
-                               kZero,  kZero, kZero, kEmpty, kEmpty};
+constexpr Column kColumns[] = {kZero,
+                               kZero,
+                               kZero,
+                               kZero,
+                               spaced(kBrindleName),
+                               kEmpty,
+                               bare(kUserNum),
+                               bare(kSignoffStatus),
+                               bare(kDuration),
+                               kEmpty,
+                               kZero,
+                               kZero,
+                               kZero,
+                               kEmpty,
+                               kEmpty};
 constexpr Layout kRecord{104, kColumns};
-constexpr ConverterDef kDef{"adcdf_do_usersignoff", &Counters::giUserSignoff,
-                            Counting::kAfterHeader, kFields, kKeywords, &kRecord, nullptr};
+constexpr ConverterDef kDef{"adcdf_do_usersignoff",
+                            &Counters::giUserSignoff,
+                            Counting::kAfterHeader,
+                            kFields,
+                            kKeywords,
+                            &kRecord,
+                            nullptr};
 }  // namespace signoff
 
 namespace request {
@@ -90,22 +143,46 @@ constexpr Keyword kKeywords[] = {
     {"mta-ack-id", Take::kIgnore},
     {"subject", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,         kZero,           kZero,  kZero,
-                               spaced(kOrig), spaced(kUaMsgid), kZero, kZero,
-                               kZero,         spaced(kRequestName), bare(kOrigCap), kZero,
-                               kZero,         kEmpty,          spaced(kMtaMsgid)};
+constexpr Column kColumns[] = {kZero,
+                               kZero,
+                               kZero,
+                               kZero,
+                               spaced(kOrig),
+                               spaced(kUaMsgid),
+                               kZero,
+                               kZero,
+                               kZero,
+                               spaced(kRequestName),
+                               bare(kOrigCap),
+                               kZero,
+                               kZero,
+                               kEmpty,
+                               spaced(kMtaMsgid)};
 constexpr Layout kRecord{109, kColumns};
-constexpr ConverterDef kDef{"adcdf_do_requestserver", &Counters::giRequestServer,
-                            Counting::kBeforeHeader, kFields, kKeywords, &kRecord, nullptr};
+constexpr ConverterDef kDef{"adcdf_do_requestserver",
+                            &Counters::giRequestServer,
+                            Counting::kBeforeHeader,
+                            kFields,
+                            kKeywords,
+                            &kRecord,
+                            nullptr};
 }  // namespace request
 
 namespace dirsync {
 enum : int {
-  kOriginator, kOperation, kCommand, kFlags, kReload, kExportDir, kImportDir, kMaxRepSize,
-  kSendRef, kRequest
+  kOriginator,
+  kOperation,
+  kCommand,
+  kFlags,
+  kReload,
+  kExportDir,
+  kImportDir,
+  kMaxRepSize,
+  kSendRef,
+  kRequest
 };
-constexpr Field kFields[] = {{849, false}, {79, true},  {79, true}, {79, true}, {9, true},
-                             {254, false}, {254, false}, {9, true}, {9, true},  {79, true}};
+constexpr Field kFields[] = {{849, false}, {79, true},   {79, true}, {79, true}, {9, true},
+                             {254, false}, {254, false}, {9, true},  {9, true},  {79, true}};
 // The two directions differ only in the keyword of their first row.
 constexpr std::array<Keyword, 12> keywords(std::string_view party) {
   return {{{party, Take::kAddress, kOriginator},
@@ -123,26 +200,58 @@ constexpr std::array<Keyword, 12> keywords(std::string_view party) {
 }
 constexpr auto kInKeywords = keywords("originator");
 constexpr auto kOutKeywords = keywords("recipient");
-constexpr Column kColumns[] = {bare(kOperation),    bare(kCommand),   bare(kFlags),
-                               bare(kReload),       spaced(kOriginator), spaced(kExportDir),
-                               kZero,               bare(kMaxRepSize), kZero,
-                               spaced(kImportDir),  bare(kSendRef),   bare(kRequest),
-                               kZero,               kEmpty,           kEmpty};
+constexpr Column kColumns[] = {bare(kOperation),
+                               bare(kCommand),
+                               bare(kFlags),
+                               bare(kReload),
+                               spaced(kOriginator),
+                               spaced(kExportDir),
+                               kZero,
+                               bare(kMaxRepSize),
+                               kZero,
+                               spaced(kImportDir),
+                               bare(kSendRef),
+                               bare(kRequest),
+                               kZero,
+                               kEmpty,
+                               kEmpty};
 constexpr Layout kInRecord{116, kColumns};
 constexpr Layout kOutRecord{117, kColumns};
-constexpr ConverterDef kIn{"adcdf_do_dirsyncin", &Counters::giDirSyncIn, Counting::kAfterHeader,
-                           kFields, kInKeywords, &kInRecord, nullptr};
-constexpr ConverterDef kOut{"adcdf_do_dirsyncout", &Counters::giDirSyncOut,
-                            Counting::kAfterHeader, kFields, kOutKeywords, &kOutRecord, nullptr};
+constexpr ConverterDef kIn{"adcdf_do_dirsyncin",
+                           &Counters::giDirSyncIn,
+                           Counting::kAfterHeader,
+                           kFields,
+                           kInKeywords,
+                           &kInRecord,
+                           nullptr};
+constexpr ConverterDef kOut{"adcdf_do_dirsyncout",
+                            &Counters::giDirSyncOut,
+                            Counting::kAfterHeader,
+                            kFields,
+                            kOutKeywords,
+                            &kOutRecord,
+                            nullptr};
 }  // namespace dirsync
 
 }  // namespace
 
-int adcdf_do_ekscan(Context& ctx) { return run_converter(ctx, ekscan::kDef); }
-int adcdf_do_usersignon(Context& ctx) { return run_converter(ctx, signon::kDef); }
-int adcdf_do_usersignoff(Context& ctx) { return run_converter(ctx, signoff::kDef); }
-int adcdf_do_requestserver(Context& ctx) { return run_converter(ctx, request::kDef); }
-int adcdf_do_dirsyncin(Context& ctx) { return run_converter(ctx, dirsync::kIn); }
-int adcdf_do_dirsyncout(Context& ctx) { return run_converter(ctx, dirsync::kOut); }
+int adcdf_do_ekscan(Context& ctx) {
+  return run_converter(ctx, ekscan::kDef);
+}
+int adcdf_do_usersignon(Context& ctx) {
+  return run_converter(ctx, signon::kDef);
+}
+int adcdf_do_usersignoff(Context& ctx) {
+  return run_converter(ctx, signoff::kDef);
+}
+int adcdf_do_requestserver(Context& ctx) {
+  return run_converter(ctx, request::kDef);
+}
+int adcdf_do_dirsyncin(Context& ctx) {
+  return run_converter(ctx, dirsync::kIn);
+}
+int adcdf_do_dirsyncout(Context& ctx) {
+  return run_converter(ctx, dirsync::kOut);
+}
 
 }  // namespace adcdf

@@ -24,8 +24,8 @@ constexpr int kTrays = 5;
 struct Work {
   std::vector<std::string> values;
   RecipientArray recipients;
-  std::string event;  // the section's event columns, formatted once for all its records
-  int count = 0;          // recipient lines seen
+  std::string event;       // the section's event columns, formatted once for all its records
+  int count = 0;           // recipient lines seen
   bool got_first = false;  // a kFirstAddress value has been taken
 };
 
@@ -79,11 +79,10 @@ int Converter::run() {
 
     for (;;) {
       std::string_view line = ctx_.next_section_line();
-      auto match = std::find_if(def_.keywords.begin(), def_.keywords.end(),
-                                [line](const Keyword& k) {
-                                  return !line.empty() && line[0] == k.text[0] &&
-                                         line.starts_with(k.text);
-                                });
+      auto match =
+          std::find_if(def_.keywords.begin(), def_.keywords.end(), [line](const Keyword& k) {
+            return !line.empty() && line[0] == k.text[0] && line.starts_with(k.text);
+          });
       if (match != def_.keywords.end()) {
         apply(*match, line);
       } else if (line == kBlankLine) {
@@ -283,6 +282,8 @@ void Converter::write(const Layout& layout, recrep* recipient) {
 
 }  // namespace
 
-int run_converter(Context& ctx, const ConverterDef& def) { return Converter(ctx, def).run(); }
+int run_converter(Context& ctx, const ConverterDef& def) {
+  return Converter(ctx, def).run();
+}
 
 }  // namespace adcdf

@@ -13,6 +13,7 @@
 // the section, and a section abandoned at a stop is not counted.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -75,13 +76,32 @@ struct Column {
   std::string_view text = {};
 };
 
-constexpr Column text(std::string_view t) { return {Col::kText, -1, t}; }
-constexpr Column bare(int f) { return {Col::kBare, f}; }
-constexpr Column quoted(int f) { return {Col::kQuoted, f}; }
-constexpr Column spaced(int f) { return {Col::kSpaced, f}; }
-constexpr Column col(Col kind) { return {kind}; }
+constexpr Column text(std::string_view t) {
+  return {Col::kText, -1, t};
+}
+constexpr Column bare(int f) {
+  return {Col::kBare, f};
+}
+constexpr Column quoted(int f) {
+  return {Col::kQuoted, f};
+}
+constexpr Column spaced(int f) {
+  return {Col::kSpaced, f};
+}
+constexpr Column col(Col kind) {
+  return {kind};
+}
 inline constexpr Column kZero = text("0");
 inline constexpr Column kEmpty = text("\"\"");
+
+// Joins two tables, for twins whose tables share a beginning.
+template <typename T, size_t N, size_t M>
+constexpr std::array<T, N + M> join(const std::array<T, N>& head, const std::array<T, M>& tail) {
+  std::array<T, N + M> joined{};
+  for (size_t i = 0; i < N; ++i) joined[i] = head[i];
+  for (size_t i = 0; i < M; ++i) joined[N + i] = tail[i];
+  return joined;
+}
 
 struct Layout {
   int type;
@@ -100,8 +120,8 @@ struct ConverterDef {
   const Layout* section_record;    // once at the blank line (and per user with kScanUser)
   const Layout* recipient_record;  // once per stored recipient, after the section record
   RecipientArrayUse recipients = RecipientArrayUse::kNone;
-  int alloc_status = 105;  // exit status when the recipient array cannot be created
-  int grow_status = 103;   // exit status when it cannot grow
+  int alloc_status = 105;      // exit status when the recipient array cannot be created
+  int grow_status = 103;       // exit status when it cannot grow
   bool announce_read = false;  // "Starting record read..." once the array exists
 };
 

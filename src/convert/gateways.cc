@@ -1,6 +1,8 @@
 // Gateway sections: X.400 (114, 115), Unix (110, 111), desk (112, 113), fax (107 per recipient)
 // and SMS (119, 120). The twins of each gateway share their fields; their differences are in
 // their keyword tables, their columns and when they count.
+#include <array>
+
 #include "convert/converters.h"
 #include "convert/engine.h"
 
@@ -11,7 +13,8 @@ namespace x400 {
 enum : int { kPriority, kSensitivity, kImportance, kOriginator, kUaMsgid, kMtaMsgid, kARND };
 constexpr Field kFields[] = {{4, true},    {4, true},    {4, true}, {849, false},
                              {254, false}, {254, false}, {4, false}};
-constexpr Keyword kInKeywords[] = {
+// The twins read their first seven keywords alike.
+constexpr std::array<Keyword, 7> kSharedKeywords{{
     {"priority", Take::kItem, kPriority},
     {"sensitivity", Take::kItem, kSensitivity},
     {"importance", Take::kItem, kImportance},
@@ -19,46 +22,49 @@ constexpr Keyword kInKeywords[] = {
     {"ua-message-id", Take::kVarstring, kUaMsgid},
     {"mta-message-id", Take::kMta, kMtaMsgid},
     {"mta_message-id", Take::kMta, kMtaMsgid},
-    {"all-recips-non-deliv", Take::kYes, kARND},
-    {"type", Take::kIgnore},
-    {"ua-ack-id", Take::kIgnore},
-    {"subject", Take::kIgnore},
-    {"recipient", Take::kIgnore},
-    {"some-recips-non-deliv", Take::kIgnore},
-    {"non-delivery-reason", Take::kIgnore},
-};
-constexpr Keyword kOutKeywords[] = {
-    {"priority", Take::kItem, kPriority},
-    {"sensitivity", Take::kItem, kSensitivity},
-    {"importance", Take::kItem, kImportance},
-    {"originator", Take::kFirstAddress, kOriginator},
-    {"ua-message-id", Take::kVarstring, kUaMsgid},
-    {"mta-message-id", Take::kMta, kMtaMsgid},
-    {"mta_message-id", Take::kMta, kMtaMsgid},
-    {"recipient", Take::kCount},
-    {"all-recips-non-deliv", Take::kYes, kARND},
-    {"ua-ack-id", Take::kIgnore},
-    {"subject", Take::kIgnore},
-    {"non-delivery-reason", Take::kIgnore},
-    {"mta-ack-id", Take::kIgnore},
-};
-constexpr Column kInColumns[] = {kZero,           bare(kPriority),    bare(kSensitivity),
-                                 bare(kImportance), spaced(kOriginator), spaced(kUaMsgid),
-                                 spaced(kARND),   kZero,              kZero,
-                                 kEmpty,          kZero,              kZero,
-                                 kZero,           kEmpty,             spaced(kMtaMsgid)};
-constexpr Column kOutColumns[] = {kZero,           bare(kPriority),    bare(kSensitivity),
-                                  bare(kImportance), spaced(kOriginator), spaced(kUaMsgid),
-                                  spaced(kARND),   kZero,              kZero,
-                                  kEmpty,          kZero,              kZero,
-                                  kZero,           kEmpty,             spaced(kMtaMsgid),
-                                  kEmpty,          kZero,              col(Col::kCount)};
+}};
+constexpr auto kInKeywords = join(kSharedKeywords, std::array<Keyword, 7>{{
+                                                       {"all-recips-non-deliv", Take::kYes, kARND},
+                                                       {"type", Take::kIgnore},
+                                                       {"ua-ack-id", Take::kIgnore},
+                                                       {"subject", Take::kIgnore},
+                                                       {"recipient", Take::kIgnore},
+                                                       {"some-recips-non-deliv", Take::kIgnore},
+                                                       {"non-delivery-reason", Take::kIgnore},
+                                                   }});
+constexpr auto kOutKeywords = join(kSharedKeywords, std::array<Keyword, 6>{{
+                                                        {"recipient", Take::kCount},
+                                                        {"all-recips-non-deliv", Take::kYes, kARND},
+                                                        {"ua-ack-id", Take::kIgnore},
+                                                        {"subject", Take::kIgnore},
+                                                        {"non-delivery-reason", Take::kIgnore},
+                                                        {"mta-ack-id", Take::kIgnore},
+                                                    }});
+// x400-out's record is x400-in's with three more columns.
+// clang-format off
+constexpr std::array<Column, 15> kInColumns{
+    kZero,            bare(kPriority), bare(kSensitivity), bare(kImportance), spaced(kOriginator),
+    spaced(kUaMsgid), spaced(kARND),   kZero,              kZero,             kEmpty,
+    kZero,            kZero,           kZero,              kEmpty,            spaced(kMtaMsgid)};
+// clang-format on
+constexpr auto kOutColumns =
+    join(kInColumns, std::array<Column, 3>{kEmpty, kZero, col(Col::kCount)});
 constexpr Layout kInRecord{114, kInColumns};
 constexpr Layout kOutRecord{115, kOutColumns};
-constexpr ConverterDef kIn{"adcdf_do_x400in", &Counters::gix400In, Counting::kAfterHeader,
-                           kFields, kInKeywords, &kInRecord, nullptr};
-constexpr ConverterDef kOut{"adcdf_do_x400out", &Counters::gix400Out, Counting::kBeforeHeader,
-                            kFields, kOutKeywords, &kOutRecord, nullptr};
+constexpr ConverterDef kIn{"adcdf_do_x400in",
+                           &Counters::gix400In,
+                           Counting::kAfterHeader,
+                           kFields,
+                           kInKeywords,
+                           &kInRecord,
+                           nullptr};
+constexpr ConverterDef kOut{"adcdf_do_x400out",
+                            &Counters::gix400Out,
+                            Counting::kBeforeHeader,
+                            kFields,
+                            kOutKeywords,
+                            &kOutRecord,
+                            nullptr};
 }  // namespace x400
 
 namespace unix_gw {
@@ -86,20 +92,56 @@ constexpr Keyword kOutKeywords[] = {
     {"subject", Take::kIgnore},
     {"ack-id", Take::kIgnore},
 };
-constexpr Column kInColumns[] = {kZero,  kZero, kZero, kZero, spaced(kOriginator),
-                                 spaced(kUaMsgid), kZero, kZero, kZero, kEmpty,
-                                 kZero,  kZero, kZero, kEmpty, kEmpty};
-constexpr Column kOutColumns[] = {bare(kType),       kZero,  kZero,  kZero,
-                                  spaced(kOriginator), spaced(kUaMsgid), bare(kReason), kZero,
-                                  kZero,             kEmpty, kZero,  kZero,
-                                  kZero,             kEmpty, spaced(kMtaMsgid), spaced(kUnixMsgid),
-                                  kEmpty,            kZero,  col(Col::kCount)};
+constexpr Column kInColumns[] = {kZero,
+                                 kZero,
+                                 kZero,
+                                 kZero,
+                                 spaced(kOriginator),
+                                 spaced(kUaMsgid),
+                                 kZero,
+                                 kZero,
+                                 kZero,
+                                 kEmpty,
+                                 kZero,
+                                 kZero,
+                                 kZero,
+                                 kEmpty,
+                                 kEmpty};
+constexpr Column kOutColumns[] = {bare(kType),
+                                  kZero,
+                                  kZero,
+                                  kZero,
+                                  spaced(kOriginator),
+                                  spaced(kUaMsgid),
+                                  bare(kReason),
+                                  kZero,
+                                  kZero,
+                                  kEmpty,
+                                  kZero,
+                                  kZero,
+                                  kZero,
+                                  kEmpty,
+                                  spaced(kMtaMsgid),
+                                  spaced(kUnixMsgid),
+                                  kEmpty,
+                                  kZero,
+                                  col(Col::kCount)};
 constexpr Layout kInRecord{110, kInColumns};
 constexpr Layout kOutRecord{111, kOutColumns};
-constexpr ConverterDef kIn{"adcdf_do_unixin", &Counters::giUnixIn, Counting::kBeforeHeader,
-                           kFields, kInKeywords, &kInRecord, nullptr};
-constexpr ConverterDef kOut{"adcdf_do_unixout", &Counters::giUnixOut, Counting::kBeforeHeader,
-                            kFields, kOutKeywords, &kOutRecord, nullptr};
+constexpr ConverterDef kIn{"adcdf_do_unixin",
+                           &Counters::giUnixIn,
+                           Counting::kBeforeHeader,
+                           kFields,
+                           kInKeywords,
+                           &kInRecord,
+                           nullptr};
+constexpr ConverterDef kOut{"adcdf_do_unixout",
+                            &Counters::giUnixOut,
+                            Counting::kBeforeHeader,
+                            kFields,
+                            kOutKeywords,
+                            &kOutRecord,
+                            nullptr};
 }  // namespace unix_gw
 
 namespace desk {
@@ -128,28 +170,72 @@ constexpr Keyword kOutKeywords[] = {
     {"mta-message-id", Take::kIgnore},
     {"mta-ack-id", Take::kIgnore},
 };
-constexpr Column kInColumns[] = {bare(kType),  kZero, kZero, kZero, spaced(kOriginator),
-                                 spaced(kUaMsgid), bare(kReason), kZero, kZero,
-                                 spaced(kDeskMsgid), kZero, kZero, kZero, kEmpty, kEmpty};
-constexpr Column kOutColumns[] = {bare(kType), kZero,  kZero, kZero, spaced(kOriginator),
-                                  spaced(kUaMsgid), bare(kReason), kZero, kZero, kEmpty,
-                                  kZero,       kZero,  kZero, kEmpty, kEmpty, col(Col::kCount)};
+constexpr Column kInColumns[] = {bare(kType),
+                                 kZero,
+                                 kZero,
+                                 kZero,
+                                 spaced(kOriginator),
+                                 spaced(kUaMsgid),
+                                 bare(kReason),
+                                 kZero,
+                                 kZero,
+                                 spaced(kDeskMsgid),
+                                 kZero,
+                                 kZero,
+                                 kZero,
+                                 kEmpty,
+                                 kEmpty};
+constexpr Column kOutColumns[] = {bare(kType),
+                                  kZero,
+                                  kZero,
+                                  kZero,
+                                  spaced(kOriginator),
+                                  spaced(kUaMsgid),
+                                  bare(kReason),
+                                  kZero,
+                                  kZero,
+                                  kEmpty,
+                                  kZero,
+                                  kZero,
+                                  kZero,
+                                  kEmpty,
+                                  kEmpty,
+                                  col(Col::kCount)};
 constexpr Layout kInRecord{112, kInColumns};
 constexpr Layout kOutRecord{113, kOutColumns};
-constexpr ConverterDef kIn{"adcdf_do_deskin", &Counters::giDeskIn, Counting::kAfterHeader,
-                           kFields, kInKeywords, &kInRecord, nullptr};
-constexpr ConverterDef kOut{"adcdf_do_deskout", &Counters::giDeskOut, Counting::kAfterHeader,
-                            kFields, kOutKeywords, &kOutRecord, nullptr};
+constexpr ConverterDef kIn{"adcdf_do_deskin",
+                           &Counters::giDeskIn,
+                           Counting::kAfterHeader,
+                           kFields,
+                           kInKeywords,
+                           &kInRecord,
+                           nullptr};
+constexpr ConverterDef kOut{"adcdf_do_deskout",
+                            &Counters::giDeskOut,
+                            Counting::kAfterHeader,
+                            kFields,
+                            kOutKeywords,
+                            &kOutRecord,
+                            nullptr};
 }  // namespace desk
 
 namespace fax {
 enum : int {
-  kPriority, kSensitivity, kImportance, kOriginator, kUaMsgid, kMtaMsgid, kDuration, kReason,
-  kRetries, kSentPages, kSentTime
+  kPriority,
+  kSensitivity,
+  kImportance,
+  kOriginator,
+  kUaMsgid,
+  kMtaMsgid,
+  kDuration,
+  kReason,
+  kRetries,
+  kSentPages,
+  kSentTime
 };
-constexpr Field kFields[] = {{4, true},    {4, true}, {4, true}, {849, false},
-                             {254, false}, {254, false}, {4, true}, {4, true},
-                             {4, true},    {4, true}, {79, false}};
+constexpr Field kFields[] = {{4, true},    {4, true},    {4, true},  {849, false},
+                             {254, false}, {254, false}, {4, true},  {4, true},
+                             {4, true},    {4, true},    {79, false}};
 constexpr Keyword kKeywords[] = {
     {"priority", Take::kItem, kPriority},
     {"sensitivity", Take::kItem, kSensitivity},
@@ -165,15 +251,32 @@ constexpr Keyword kKeywords[] = {
     {"mta-message-id", Take::kVarstring, kMtaMsgid},
     {"subject", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,          bare(kPriority),     bare(kSensitivity),
-                               bare(kImportance), spaced(kOriginator), spaced(kUaMsgid),
-                               bare(kReason),  bare(kDuration),     col(Col::kCategory),
-                               col(Col::kRecipSpaced), bare(kRetries), bare(kSentPages),
-                               spaced(kSentTime), kEmpty,           spaced(kMtaMsgid)};
+constexpr Column kColumns[] = {kZero,
+                               bare(kPriority),
+                               bare(kSensitivity),
+                               bare(kImportance),
+                               spaced(kOriginator),
+                               spaced(kUaMsgid),
+                               bare(kReason),
+                               bare(kDuration),
+                               col(Col::kCategory),
+                               col(Col::kRecipSpaced),
+                               bare(kRetries),
+                               bare(kSentPages),
+                               spaced(kSentTime),
+                               kEmpty,
+                               spaced(kMtaMsgid)};
 constexpr Layout kRecord{107, kColumns};
-constexpr ConverterDef kDef{"adcdf_do_faxgateway", &Counters::giFaxGateway,
-                            Counting::kBeforeHeader, kFields, kKeywords, nullptr, &kRecord,
-                            RecipientArrayUse::kBeforeHeader, 110, 111};
+constexpr ConverterDef kDef{.name = "adcdf_do_faxgateway",
+                            .counter = &Counters::giFaxGateway,
+                            .counting = Counting::kBeforeHeader,
+                            .fields = kFields,
+                            .keywords = kKeywords,
+                            .section_record = nullptr,
+                            .recipient_record = &kRecord,
+                            .recipients = RecipientArrayUse::kBeforeHeader,
+                            .alloc_status = 110,
+                            .grow_status = 111};
 }  // namespace fax
 
 namespace sms {
@@ -183,27 +286,51 @@ constexpr Keyword kKeywords[] = {
     {"message-size", Take::kItem, kMsgSize},
     {"non-delivery-reason", Take::kVarstring, kReason},
 };
-constexpr Column kColumns[] = {kEmpty, kZero, kZero, kZero, kEmpty, kEmpty, bare(kReason),
-                               bare(kMsgSize), kZero, kEmpty, kZero, kZero, kZero, kEmpty,
-                               kEmpty};
+constexpr Column kColumns[] = {kEmpty, kZero,         kZero,          kZero,  kEmpty,
+                               kEmpty, bare(kReason), bare(kMsgSize), kZero,  kEmpty,
+                               kZero,  kZero,         kZero,          kEmpty, kEmpty};
 constexpr Layout kInRecord{119, kColumns};
 constexpr Layout kOutRecord{120, kColumns};
 constexpr ConverterDef kIn{"adcdf_do_smsin", &Counters::gixSMSIn, Counting::kAfterHeader,
-                           kFields, kKeywords, &kInRecord, nullptr};
-constexpr ConverterDef kOut{"adcdf_do_smsout", &Counters::gixSMSOut, Counting::kAfterHeader,
-                            kFields, kKeywords, &kOutRecord, nullptr};
+                           kFields,          kKeywords,           &kInRecord,
+                           nullptr};
+constexpr ConverterDef kOut{"adcdf_do_smsout",
+                            &Counters::gixSMSOut,
+                            Counting::kAfterHeader,
+                            kFields,
+                            kKeywords,
+                            &kOutRecord,
+                            nullptr};
 }  // namespace sms
 
 }  // namespace
 
-int adcdf_do_x400in(Context& ctx) { return run_converter(ctx, x400::kIn); }
-int adcdf_do_x400out(Context& ctx) { return run_converter(ctx, x400::kOut); }
-int adcdf_do_unixin(Context& ctx) { return run_converter(ctx, unix_gw::kIn); }
-int adcdf_do_unixout(Context& ctx) { return run_converter(ctx, unix_gw::kOut); }
-int adcdf_do_deskin(Context& ctx) { return run_converter(ctx, desk::kIn); }
-int adcdf_do_deskout(Context& ctx) { return run_converter(ctx, desk::kOut); }
-int adcdf_do_faxgateway(Context& ctx) { return run_converter(ctx, fax::kDef); }
-int adcdf_do_smsin(Context& ctx) { return run_converter(ctx, sms::kIn); }
-int adcdf_do_smsout(Context& ctx) { return run_converter(ctx, sms::kOut); }
+int adcdf_do_x400in(Context& ctx) {
+  return run_converter(ctx, x400::kIn);
+}
+int adcdf_do_x400out(Context& ctx) {
+  return run_converter(ctx, x400::kOut);
+}
+int adcdf_do_unixin(Context& ctx) {
+  return run_converter(ctx, unix_gw::kIn);
+}
+int adcdf_do_unixout(Context& ctx) {
+  return run_converter(ctx, unix_gw::kOut);
+}
+int adcdf_do_deskin(Context& ctx) {
+  return run_converter(ctx, desk::kIn);
+}
+int adcdf_do_deskout(Context& ctx) {
+  return run_converter(ctx, desk::kOut);
+}
+int adcdf_do_faxgateway(Context& ctx) {
+  return run_converter(ctx, fax::kDef);
+}
+int adcdf_do_smsin(Context& ctx) {
+  return run_converter(ctx, sms::kIn);
+}
+int adcdf_do_smsout(Context& ctx) {
+  return run_converter(ctx, sms::kOut);
+}
 
 }  // namespace adcdf

@@ -18,22 +18,34 @@ constexpr Keyword kStopKeywords[] = {
     {"duration", Take::kIgnore},
 };
 
-constexpr Column kColumns[] = {bare(kSubsysno), kZero, kZero,  kZero, spaced(kUser),
-                               kEmpty,          kZero, kZero,  kZero, kEmpty,
-                               kZero,           kZero, kZero,  kEmpty, kEmpty};
+constexpr Column kColumns[] = {bare(kSubsysno), kZero, kZero, kZero,  spaced(kUser),
+                               kEmpty,          kZero, kZero, kZero,  kEmpty,
+                               kZero,           kZero, kZero, kEmpty, kEmpty};
 constexpr Layout kStartRecord{105, kColumns};
 constexpr Layout kStopRecord{106, kColumns};
 
-constexpr ConverterDef kSubsysStart{"adcdf_do_subsysstart", &Counters::giSubsysStart,
-                                    Counting::kBeforeHeader, kFields, kStartKeywords,
-                                    &kStartRecord, nullptr};
-constexpr ConverterDef kSubsysStop{"adcdf_do_subsysstop", &Counters::giSubsysStop,
-                                   Counting::kBeforeHeader, kFields, kStopKeywords,
-                                   &kStopRecord, nullptr};
+constexpr ConverterDef kSubsysStart{"adcdf_do_subsysstart",
+                                    &Counters::giSubsysStart,
+                                    Counting::kBeforeHeader,
+                                    kFields,
+                                    kStartKeywords,
+                                    &kStartRecord,
+                                    nullptr};
+constexpr ConverterDef kSubsysStop{"adcdf_do_subsysstop",
+                                   &Counters::giSubsysStop,
+                                   Counting::kBeforeHeader,
+                                   kFields,
+                                   kStopKeywords,
+                                   &kStopRecord,
+                                   nullptr};
 
 }  // namespace
 
-int adcdf_do_subsysstart(Context& ctx) { return run_converter(ctx, kSubsysStart); }
-int adcdf_do_subsysstop(Context& ctx) { return run_converter(ctx, kSubsysStop); }
+int adcdf_do_subsysstart(Context& ctx) {
+  return run_converter(ctx, kSubsysStart);
+}
+int adcdf_do_subsysstop(Context& ctx) {
+  return run_converter(ctx, kSubsysStop);
+}
 
 }  // namespace adcdf

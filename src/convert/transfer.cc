@@ -8,12 +8,23 @@ namespace {
 
 namespace routing {
 enum : int {
-  kType, kPriority, kSensitivity, kImportance, kLocal, kHopCount, kOriginator, kUaMsgid,
-  kMsgSize, kReason, kMtaMsgid, kPartCount, kSubject
+  kType,
+  kPriority,
+  kSensitivity,
+  kImportance,
+  kLocal,
+  kHopCount,
+  kOriginator,
+  kUaMsgid,
+  kMsgSize,
+  kReason,
+  kMtaMsgid,
+  kPartCount,
+  kSubject
 };
-constexpr Field kFields[] = {{4, true},   {4, true},   {4, true}, {4, true},   {4, true},
-                             {4, true},   {849, false}, {254, false}, {9, true}, {4, true},
-                             {254, false}, {4, true},   {257, false}};
+constexpr Field kFields[] = {{4, true},    {4, true},    {4, true},    {4, true}, {4, true},
+                             {4, true},    {849, false}, {254, false}, {9, true}, {4, true},
+                             {254, false}, {4, true},    {257, false}};
 constexpr Keyword kKeywords[] = {
     {"type", Take::kItem, kType},
     {"priority", Take::kItem, kPriority},
@@ -40,26 +51,42 @@ constexpr Keyword kKeywords[] = {
     {"non-delivery-reason", Take::kItem, kReason},
 };
 constexpr Column kSectionColumns[] = {
-    bare(kType),        bare(kPriority), bare(kSensitivity), bare(kImportance),
-    spaced(kOriginator), spaced(kUaMsgid), bare(kReason),    bare(kMsgSize),
-    text("x"),          kEmpty,          bare(kLocal),       bare(kHopCount),
-    text("x"),          kEmpty,          spaced(kMtaMsgid),  spaced(kSubject),
-    bare(kPartCount),   col(Col::kCount)};
+    bare(kType),         bare(kPriority),  bare(kSensitivity), bare(kImportance),
+    spaced(kOriginator), spaced(kUaMsgid), bare(kReason),      bare(kMsgSize),
+    text("x"),           kEmpty,           bare(kLocal),       bare(kHopCount),
+    text("x"),           kEmpty,           spaced(kMtaMsgid),  spaced(kSubject),
+    bare(kPartCount),    col(Col::kCount)};
 constexpr Column kRecipientColumns[] = {
-    spaced(kOriginator),  spaced(kUaMsgid),   bare(kReason),       bare(kMsgSize),
-    col(Col::kCategory),  col(Col::kAckReq),  col(Col::kQueue),    col(Col::kRecip),
-    col(Col::kLocal),     col(Col::kGateway)};
+    spaced(kOriginator), spaced(kUaMsgid), bare(kReason),    bare(kMsgSize),   col(Col::kCategory),
+    col(Col::kAckReq),   col(Col::kQueue), col(Col::kRecip), col(Col::kLocal), col(Col::kGateway)};
 constexpr Layout kSectionRecord{101, kSectionColumns};
 constexpr Layout kRecipientRecord{503, kRecipientColumns};
-constexpr ConverterDef kDef{"adcdf_do_routing", &Counters::giRouting, Counting::kBeforeHeader,
-                            kFields, kKeywords, &kSectionRecord, &kRecipientRecord,
-                            RecipientArrayUse::kAfterHeader, 105, 103, true};
+constexpr ConverterDef kDef{.name = "adcdf_do_routing",
+                            .counter = &Counters::giRouting,
+                            .counting = Counting::kBeforeHeader,
+                            .fields = kFields,
+                            .keywords = kKeywords,
+                            .section_record = &kSectionRecord,
+                            .recipient_record = &kRecipientRecord,
+                            .recipients = RecipientArrayUse::kAfterHeader,
+                            .alloc_status = 105,
+                            .grow_status = 103,
+                            .announce_read = true};
 }  // namespace routing
 
 namespace delivery {
 enum : int {
-  kType, kOrig, kUaMsgid, kMtaMsgid, kReason, kAutoNotify, kAutoForward, kAutoReply, kAutoFile,
-  kAutoPrint, kDeliveredCount
+  kType,
+  kOrig,
+  kUaMsgid,
+  kMtaMsgid,
+  kReason,
+  kAutoNotify,
+  kAutoForward,
+  kAutoReply,
+  kAutoFile,
+  kAutoPrint,
+  kDeliveredCount
 };
 constexpr Field kFields[] = {{4, true}, {849, false}, {254, false}, {254, false},
                              {4, true}, {4, true},    {4, true},    {4, true},
@@ -82,18 +109,35 @@ constexpr Keyword kKeywords[] = {
     {"subject", Take::kIgnore},
     {"new-ua-message-id", Take::kIgnore},
 };
-constexpr Column kSectionColumns[] = {
-    bare(kType),        kZero,             kZero,           kZero,
-    spaced(kOrig),      spaced(kUaMsgid),  bare(kReason),   bare(kAutoNotify),
-    bare(kAutoReply),   bare(kDeliveredCount), bare(kAutoFile), bare(kAutoPrint),
-    bare(kAutoForward), kEmpty,            spaced(kMtaMsgid)};
+constexpr Column kSectionColumns[] = {bare(kType),
+                                      kZero,
+                                      kZero,
+                                      kZero,
+                                      spaced(kOrig),
+                                      spaced(kUaMsgid),
+                                      bare(kReason),
+                                      bare(kAutoNotify),
+                                      bare(kAutoReply),
+                                      bare(kDeliveredCount),
+                                      bare(kAutoFile),
+                                      bare(kAutoPrint),
+                                      bare(kAutoForward),
+                                      kEmpty,
+                                      spaced(kMtaMsgid)};
 constexpr Column kRecipientColumns[] = {spaced(kOrig), spaced(kUaMsgid), col(Col::kReason),
                                         col(Col::kRecip)};
 constexpr Layout kSectionRecord{108, kSectionColumns};
 constexpr Layout kRecipientRecord{504, kRecipientColumns};
-constexpr ConverterDef kDef{"adcdf_do_delivery", &Counters::giDelivery, Counting::kBeforeHeader,
-                            kFields, kKeywords, &kSectionRecord, &kRecipientRecord,
-                            RecipientArrayUse::kBeforeHeader, 105, 103};
+constexpr ConverterDef kDef{.name = "adcdf_do_delivery",
+                            .counter = &Counters::giDelivery,
+                            .counting = Counting::kBeforeHeader,
+                            .fields = kFields,
+                            .keywords = kKeywords,
+                            .section_record = &kSectionRecord,
+                            .recipient_record = &kRecipientRecord,
+                            .recipients = RecipientArrayUse::kBeforeHeader,
+                            .alloc_status = 105,
+                            .grow_status = 103};
 }  // namespace delivery
 
 namespace bulletin {
@@ -110,19 +154,41 @@ constexpr Keyword kKeywords[] = {
     {"subject", Take::kIgnore},
     {"bulletin-type", Take::kIgnore},
 };
-constexpr Column kColumns[] = {bare(kType),          kZero,  kZero,  kZero,
-                               spaced(kOriginator),  spaced(kUaMsgid), kZero, kZero,
-                               kZero,                spaced(kBulletin), kZero, kZero,
-                               kZero,                kEmpty, quoted(kMtaMsgid)};
+constexpr Column kColumns[] = {bare(kType),
+                               kZero,
+                               kZero,
+                               kZero,
+                               spaced(kOriginator),
+                               spaced(kUaMsgid),
+                               kZero,
+                               kZero,
+                               kZero,
+                               spaced(kBulletin),
+                               kZero,
+                               kZero,
+                               kZero,
+                               kEmpty,
+                               quoted(kMtaMsgid)};
 constexpr Layout kRecord{118, kColumns};
-constexpr ConverterDef kDef{"adcdf_do_bulletin", &Counters::giBulletin, Counting::kBeforeHeader,
-                            kFields, kKeywords, &kRecord, nullptr};
+constexpr ConverterDef kDef{"adcdf_do_bulletin",
+                            &Counters::giBulletin,
+                            Counting::kBeforeHeader,
+                            kFields,
+                            kKeywords,
+                            &kRecord,
+                            nullptr};
 }  // namespace bulletin
 
 }  // namespace
 
-int adcdf_do_routing(Context& ctx) { return run_converter(ctx, routing::kDef); }
-int adcdf_do_delivery(Context& ctx) { return run_converter(ctx, delivery::kDef); }
-int adcdf_do_bulletin(Context& ctx) { return run_converter(ctx, bulletin::kDef); }
+int adcdf_do_routing(Context& ctx) {
+  return run_converter(ctx, routing::kDef);
+}
+int adcdf_do_delivery(Context& ctx) {
+  return run_converter(ctx, delivery::kDef);
+}
+int adcdf_do_bulletin(Context& ctx) {
+  return run_converter(ctx, bulletin::kDef);
+}
 
 }  // namespace adcdf

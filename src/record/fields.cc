@@ -78,8 +78,8 @@ int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, in
   return 0;
 }
 
-int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos,
-                      std::string& dest, size_t limit) {
+int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                      size_t limit) {
   TraceScope scope(rules.trace, "adcdf_get_address");
   thread_local std::string szLoc;
   get_varstring(rules, source, pos, szLoc, kAddressWorkLimit);

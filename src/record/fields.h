@@ -39,13 +39,15 @@ int adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int
                            std::string& dest, int MaxLen);
 int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
                             std::string& dest, size_t limit);
-int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos,
-                      std::string& dest, size_t limit);
+int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                      size_t limit);
 int adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
                         size_t limit);
 int adcdf_special_processing(Tracer& trace, std::string& text);
 
 // a-z to A-Z; every other byte unchanged, whatever the locale.
-inline char upper_ascii(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c; }
+inline char upper_ascii(char c) {
+  return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c;
+}
 
 }  // namespace adcdf

@@ -96,12 +96,11 @@ int adcdf_process_user(const FieldRules& rules, std::string_view pszSource, User
   TraceScope scope(rules.trace, "adcdf_process_user");
   std::string_view line = pszSource;
   size_t ibreak4 = line.rfind(' ');
-  size_t ibreak3 = ibreak4 == 0 || ibreak4 == std::string_view::npos
-                       ? std::string_view::npos
-                       : line.rfind(' ', ibreak4 - 1);
+  size_t ibreak3 = ibreak4 == 0 || ibreak4 == std::string_view::npos ? std::string_view::npos
+                                                                     : line.rfind(' ', ibreak4 - 1);
   size_t ibreak1 = line.find(' ');
-  size_t ibreak2 = ibreak1 == std::string_view::npos ? std::string_view::npos
-                                                      : line.find(' ', ibreak1 + 1);
+  size_t ibreak2 =
+      ibreak1 == std::string_view::npos ? std::string_view::npos : line.find(' ', ibreak1 + 1);
   thread_local std::string szTemp;
   bool four_breaks = ibreak3 != std::string_view::npos && ibreak2 != std::string_view::npos &&
                      ibreak1 < ibreak2 && ibreak2 < ibreak3;

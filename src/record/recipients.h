@@ -20,10 +20,10 @@ namespace adcdf {
 struct Context;
 
 struct recrep {
-  std::string category;  // "0".."4"
-  std::string ack_req;   // at most 2 characters
-  std::string queue;     // at most 127 characters
-  std::string recip;     // cleaned address, at most 849 characters with its appended blank
+  std::string category;       // "0".."4"
+  std::string ack_req;        // at most 2 characters
+  std::string queue;          // at most 127 characters
+  std::string recip;          // cleaned address, at most 849 characters with its appended blank
   bool local = false;         // queue is exactly "LOCAL"
   bool brindleRoute = false;  // queue starts with a gateway queue name
   int ndnReason = 0;

@@ -4,7 +4,9 @@
 
 namespace adcdf {
 
-bool PollWaiter::keep_going() { return bContinue != 0; }
+bool PollWaiter::keep_going() {
+  return bContinue != 0;
+}
 
 void PollWaiter::pause() {
   trace_.printf("waiting...\n");

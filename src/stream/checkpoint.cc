@@ -11,7 +11,9 @@ namespace {
 
 constexpr size_t kChunk = 64 * 1024;
 
-bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+bool is_c_space(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
 
 // One "%d": false when no digits follow the optional white space and sign.
 bool scan_int(std::string_view& text, int& value) {

@@ -17,7 +17,6 @@
 
 namespace adcdf {
 
-
 struct Options {
   std::string gszAuditFilename;
   std::string gszBaseFilename;

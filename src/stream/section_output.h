@@ -16,7 +16,7 @@ namespace adcdf {
 
 // The file operations of one rotation, decided (and traced) when the section header is read.
 struct RotationPlan {
-  std::optional<std::string> remove;                       // the oldest generation, if present
+  std::optional<std::string> remove;                         // the oldest generation, if present
   std::vector<std::pair<std::string, std::string>> renames;  // from, to; highest first
 };
 

@@ -53,7 +53,7 @@ int adcdf_get_generic(Context& ctx) {
     skip_loop(ctx);
     return 1;
   }
-  ctx.event = EventTime{ptime.tm_year, ptime.tm_mon + 1, ptime.tm_mday, ptime.tm_hour,
+  ctx.event = EventTime{ptime.tm_year, ptime.tm_mon + 1, ptime.tm_mday,           ptime.tm_hour,
                         ptime.tm_min,  ptime.tm_sec,     static_cast<long>(ldate)};
 
   // A SIGUSR1 since the last header: forget the last date, so this section starts a new

@@ -14,14 +14,29 @@ std::string msg_GetAnyMsg(const AdcdfError& error) {
     head = "out of memory";
   } else if (error.group() == kGroupFile) {
     switch (error.reason()) {
-      case kReasonOpen: head = "file open failed"; break;
-      case kReasonRead: head = "file read failed"; break;
-      case kReasonWrite: head = "file write failed"; break;
-      case kReasonFlush: head = "file flush failed"; break;
-      case kReasonRename: head = "file rename failed"; break;
-      case kReasonRemove: head = "file removal failed"; break;
-      case kReasonTruncate: head = "file truncation failed"; break;
-      default: break;
+      case kReasonOpen:
+        head = "file open failed";
+        break;
+      case kReasonRead:
+        head = "file read failed";
+        break;
+      case kReasonWrite:
+        head = "file write failed";
+        break;
+      case kReasonFlush:
+        head = "file flush failed";
+        break;
+      case kReasonRename:
+        head = "file rename failed";
+        break;
+      case kReasonRemove:
+        head = "file removal failed";
+        break;
+      case kReasonTruncate:
+        head = "file truncation failed";
+        break;
+      default:
+        break;
     }
   }
   return std::string(head) + ": " + error.what();

@@ -11,6 +11,8 @@ FaultInjector* set_fault_injector(FaultInjector* injector) {
   return previous;
 }
 
-FaultInjector* fault_injector() { return g_injector; }
+FaultInjector* fault_injector() {
+  return g_injector;
+}
 
 }  // namespace adcdf

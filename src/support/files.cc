@@ -32,7 +32,8 @@ File& File::operator=(File&& other) noexcept {
 }
 
 File File::open_or_throw(const std::string& name, int flags) {
-  if (int err = injected(FileOp::kOpen, name)) raise_file_error(kReasonOpen, "cannot open", name, err);
+  if (int err = injected(FileOp::kOpen, name))
+    raise_file_error(kReasonOpen, "cannot open", name, err);
   int fd = ::open(name.c_str(), flags | O_CLOEXEC, 0666);
   if (fd < 0) raise_file_error(kReasonOpen, "cannot open", name, errno);
   return File(fd, name);
@@ -46,9 +47,13 @@ File File::create(const std::string& name) {
   return open_or_throw(name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
 }
 
-File File::read_write(const std::string& name) { return open_or_throw(name, O_RDWR); }
+File File::read_write(const std::string& name) {
+  return open_or_throw(name, O_RDWR);
+}
 
-File File::read_only(const std::string& name) { return open_or_throw(name, O_RDONLY); }
+File File::read_only(const std::string& name) {
+  return open_or_throw(name, O_RDONLY);
+}
 
 void File::write_all(std::string_view data) {
   size_t partial = data.size();
@@ -99,7 +104,9 @@ void File::close() {
   }
 }
 
-bool file_exists(const std::string& name) { return ::access(name.c_str(), F_OK) == 0; }
+bool file_exists(const std::string& name) {
+  return ::access(name.c_str(), F_OK) == 0;
+}
 
 void rename_file(const std::string& from, const std::string& to) {
   if (int err = injected(FileOp::kRename, from)) {

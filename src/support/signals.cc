@@ -8,9 +8,13 @@ namespace adcdf {
 volatile std::sig_atomic_t bContinue = 1;
 volatile std::sig_atomic_t gbNewGenerationRequested = 0;
 
-void adcdf_sighandler1(int) { gbNewGenerationRequested = 1; }
+void adcdf_sighandler1(int) {
+  gbNewGenerationRequested = 1;
+}
 
-void adcdf_sighandler2(int) { bContinue = 0; }
+void adcdf_sighandler2(int) {
+  bContinue = 0;
+}
 
 void util_Signal(int signo, void (*handler)(int)) {
   struct sigaction action {};

@@ -12,9 +12,13 @@ void Tracer::printf(const char* format, ...) {
   va_end(args);
 }
 
-void Tracer::write(std::string_view text) { std::fwrite(text.data(), 1, text.size(), sink_); }
+void Tracer::write(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), sink_);
+}
 
-void Tracer::flush() { std::fflush(sink_); }
+void Tracer::flush() {
+  std::fflush(sink_);
+}
 
 void Tracer::line(std::string_view arrow, std::string_view name) {
   std::fwrite(arrow.data(), 1, arrow.size(), sink_);
