@@ -1,0 +1,105 @@
+// The command line of the running binary: usage, the argument messages and their statuses, the
+// default audit file and the argument summary.
+#include "daemon_harness.h"
+
+namespace daemon_test {
+namespace {
+
+const char kUsage[] =
+    "Usage:\n\nekadcdf -a auditfile -b basecdffile [-g maxgen] [-x] [-d] [-e]\nwhere\n"
+    "-a auditfile   = the audit file name.\n"
+    "-b basecdffile = the string for the output cdf file (with no extension.)\n"
+    "-g maxgen      = value for number of previous versions of\n"
+    "                 the cdf file.  Versions older than this\n"
+    "                 number will be removed from the system.\n"
+    "                 Default is 6.  Maximum is 100.\n"
+    "-x             = do not force characters in addresses to upper case.\n"
+    "-d             = print debug messages to stderr.\n"
+    "-e             = do not write information to the errorlog.\n\n";
+
+struct BadCommandLine {
+  std::vector<std::string> args;
+  std::string message;
+  int status;
+};
+
+TEST(DaemonArgs, BadCommandLinesEndWithTheirMessageAndStatus) {
+  const std::string kNoAudit = "\nAuditFile name missing.\n";
+  const std::string kNoBase = "\nBaseFile name missing.\n";
+  const std::string kCannotOpen = "\nFailed to open the audit file.\n";
+  const BadCommandLine cases[] = {
+      {{}, kUsage, 1},
+      {{"-d"}, kUsage, 1},
+      {{"-b", "cdf", "-a"}, kNoAudit, 2},
+      {{"-a", "", "-b", "cdf"}, kNoAudit, 2},
+      {{"-d", "-a", "audit", "-b"}, kNoBase, 2},
+      {{"-a", "audit", "-b", "", "-d"}, kNoBase, 2},
+      {{"-d", "-a", "missing", "-b", "cdf"}, kCannotOpen, 2},
+      // A repeated "-a" opens each file in turn: the second one is missing.
+      {{"-a", "audit", "-a", "missing", "-b", "cdf"}, kCannotOpen, 2},
+      // Without "-a" the default under $HOME is opened, and it does not exist.
+      {{"-b", "cdf", "-d"}, kCannotOpen, 2},
+  };
+  for (const auto& c : cases) {
+    std::string shown;
+    for (const auto& a : c.args) shown += "'" + a + "' ";
+    SCOPED_TRACE(shown);
+    Sandbox box;
+    box.write("audit", "subsystem-start\nh 1700000000\n\n");
+    Daemon daemon(box, c.args, {.home = box.root().string()});
+    EXPECT_EQ(daemon.wait_exit(), c.status);
+    EXPECT_EQ(daemon.err(), c.message);
+    EXPECT_EQ(daemon.out(), "");
+    // Nothing but the audit file is opened before the arguments are accepted.
+    EXPECT_TRUE(box.files("").size() == 1) << "files were created";
+  }
+}
+
+TEST(DaemonArgs, DefaultAuditFileUnderHomeAndTheArgumentSummary) {
+  Sandbox box;
+  fs::create_directories(box.root() / "logs");
+  write_file(box.root() / "logs/audit", "request\nh 1700000000\noriginator ann/hq\n\n");
+  // Unknown arguments are ignored; "-g" above 100 is clamped; "-x" keeps addresses as written.
+  Daemon daemon(box, {"-b", "cdf", "-q", "junk", "-g", "500", "-x", "-d"},
+                {.home = box.root().string()});
+  ASSERT_TRUE(daemon.wait_err("waiting...\n"));
+  EXPECT_EQ(daemon.stop(), 0);
+  std::string err = daemon.err();
+  EXPECT_EQ(err.rfind("Current args:\n Auditfilename     = " + box.root().string() +
+                          "/logs/audit\n Basefilename      = cdf\n Maxgenerations    = 100\n"
+                          " Upshift addresses = No\n Debug mode        = On\n\n"
+                          "<- adcdf_parse_args\n-> adcdf_init_vars\n",
+                      0),
+            0u)
+      << err;
+  EXPECT_EQ(box.read("cdf.000"),
+            header_record() +
+                "109,123,11,14,22,13,20,1700000000,0,0,0,0,\"ann/hq \",\" \",0,0,0,\" \",0,0,0,"
+                "\"\",\" \"\n");
+  EXPECT_EQ(daemon.out(), "");
+}
+
+TEST(DaemonArgs, MaxgenValuesAreShownAsParsed) {
+  // {value of -g, the summary's value}: not a number gives 0, negative values stay negative,
+  // 100 is the largest.
+  const std::pair<std::string, std::string> cases[] = {{"abc", "0"}, {"-3", "-3"}, {"101", "100"}};
+  for (const auto& [value, shown] : cases) {
+    SCOPED_TRACE(value);
+    Sandbox box;
+    box.write("audit", "");
+    Daemon daemon(box, {"-d", "-a", "audit", "-e", "-b", "cdf", "-g", value});
+    ASSERT_TRUE(daemon.wait_err("waiting...\n"));
+    EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_NE(daemon.err().find(" Maxgenerations    = " + shown + "\n"), std::string::npos);
+  }
+  // "-g" as the last argument, with no value, leaves the default.
+  Sandbox box;
+  box.write("audit", "");
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d", "-g"});
+  ASSERT_TRUE(daemon.wait_err("waiting...\n"));
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_NE(daemon.err().find(" Maxgenerations    = 7\n"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace daemon_test

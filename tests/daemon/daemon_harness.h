@@ -1,0 +1,219 @@
+// Runs the real ekadcdf binary as a daemon in a scratch directory: start it with a chosen
+// command line and environment, append to its audit file while it runs, wait for conditions
+// with a deadline, signal it and collect its exit status and output.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace daemon_test {
+
+namespace fs = std::filesystem;
+
+inline std::string read_file(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+inline void write_file(const fs::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// Appends with one write, as the mail server would.
+inline void append_file(const fs::path& path, const std::string& text) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  ::close(fd);
+}
+
+inline size_t count_of(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+// Polls `condition` every 20 ms until it holds or `seconds` have passed.
+inline bool eventually(const std::function<bool()>& condition, double seconds = 20) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return condition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+// The type-999 record that starts a generation begun today, in the time zone `tz` (the
+// daemon's), with this host's name.
+inline std::string header_record(const std::string& tz = "UTC") {
+  ::setenv("TZ", tz.c_str(), 1);  // the tests' own clock readings need no time zone of their own
+  ::tzset();
+  time_t now = ::time(nullptr);
+  struct tm local {};
+  ::localtime_r(&now, &local);
+  char host[257] = {};
+  ::gethostname(host, 256);
+  return "999," + std::to_string(local.tm_year) + "," + std::to_string(local.tm_mon + 1) + "," +
+         std::to_string(local.tm_mday) + ",0,0,0,0,\"" + host +
+         "\",0,0,0,\"\",\"\",0,0,0,\"\",0,0,0,\"\",\"\"\n";
+}
+
+// A scratch directory: the daemon runs in work(), its standard streams and process-list entry
+// are kept beside it, so work() holds only what the daemon itself creates there.
+class Sandbox {
+ public:
+  Sandbox() {
+    std::string pattern = (fs::temp_directory_path() / "ekadcdf-daemon-XXXXXX").string();
+    root_ = ::mkdtemp(pattern.data());
+    fs::create_directory(work());
+  }
+  ~Sandbox() {
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+  Sandbox(const Sandbox&) = delete;
+  Sandbox& operator=(const Sandbox&) = delete;
+
+  fs::path root() const { return root_; }
+  fs::path work() const { return root_ / "w"; }
+  fs::path path(const std::string& name) const { return work() / name; }
+  std::string read(const std::string& name) const { return read_file(path(name)); }
+  void write(const std::string& name, const std::string& text) const {
+    write_file(path(name), text);
+  }
+  void append(const std::string& name, const std::string& text) const {
+    append_file(path(name), text);
+  }
+  // Every file of the working directory whose name starts with `prefix`, with its content.
+  std::map<std::string, std::string> files(const std::string& prefix = "cdf.") const {
+    std::map<std::string, std::string> found;
+    for (const auto& entry : fs::directory_iterator(work())) {
+      std::string name = entry.path().filename().string();
+      if (name.rfind(prefix, 0) == 0) found[name] = read_file(entry.path());
+    }
+    return found;
+  }
+
+ private:
+  fs::path root_;
+};
+
+struct Env {
+  std::string tz = "UTC";
+  std::optional<std::string> home = std::nullopt;
+};
+
+class Daemon {
+ public:
+  Daemon(const Sandbox& box, std::vector<std::string> args, Env env = {}) : box_(box) {
+    ++runs_;
+    out_ = box.root() / ("stdout." + std::to_string(runs_));
+    err_ = box.root() / ("stderr." + std::to_string(runs_));
+    std::vector<std::string> environment = {"TZ=" + env.tz,
+                                            "RUNTIME_DIRECTORY=" + box.root().string()};
+    if (env.home) environment.push_back("HOME=" + *env.home);
+    args.insert(args.begin(), EKADCDF_BINARY);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      std::vector<char*> argv, envp;
+      for (auto& a : args) argv.push_back(a.data());
+      for (auto& e : environment) envp.push_back(e.data());
+      argv.push_back(nullptr);
+      envp.push_back(nullptr);
+      int out = ::open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      int err = ::open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (out < 0 || err < 0 || ::chdir(box.work().c_str()) != 0) ::_exit(127);
+      ::dup2(out, 1);
+      ::dup2(err, 2);
+      ::execve(argv[0], argv.data(), envp.data());
+      ::_exit(127);
+    }
+  }
+  ~Daemon() {
+    if (pid_ > 0 && !status_) {
+      ::kill(pid_, SIGKILL);
+      int ignored;
+      ::waitpid(pid_, &ignored, 0);
+    }
+  }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  pid_t pid() const { return pid_; }
+  std::string out() const { return read_file(out_); }
+  std::string err() const { return read_file(err_); }
+  void signal(int signo) const { ::kill(pid_, signo); }
+
+  // Standard error holds `needle` at least `times` times (the daemon flushes it before it sleeps).
+  bool wait_err(const std::string& needle, size_t times = 1, double seconds = 20) const {
+    return eventually([&] { return count_of(err(), needle) >= times; }, seconds);
+  }
+  bool wait_file(const std::string& name, const std::string& content, double seconds = 20) const {
+    return eventually([&] { return box_.read(name) == content; }, seconds);
+  }
+  // The exit status as the shell shows it: the exit code, or 128 + the signal number.
+  int wait_exit(double seconds = 20) {
+    if (!status_) {
+      eventually(
+          [&] {
+            int status = 0;
+            if (::waitpid(pid_, &status, WNOHANG) != pid_) return false;
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return true;
+          },
+          seconds);
+    }
+    return status_ ? *status_ : -1;
+  }
+  // SIGTERM, then the exit status.
+  int stop() {
+    signal(SIGTERM);
+    return wait_exit();
+  }
+
+ private:
+  const Sandbox& box_;
+  pid_t pid_ = -1;
+  std::optional<int> status_;
+  fs::path out_, err_;
+  static inline int runs_ = 0;
+};
+
+// The debug statistics block with the counts given by label (all others 0).
+inline std::string statistics(const std::map<std::string, int>& counts) {
+  static const char* const kLabels[] = {
+      "Bulletin",        "Delivery",        "Desk-in",        "Desk-out",       "DirSync-in",
+      "DirSync-out",     "Fax-gateway",     "Ekscan",         "Request-server", "Routing",
+      "Routing-summary", "Subsystem-start", "Subsystem-stop", "Unix-in",        "Unix-out",
+      "User-signoff",    "User-signon",     "X400-in",        "X400-out",       "SMS-in",
+      "SMS-out",         "NOTES-in",        "NOTES-out"};
+  std::string text =
+      "Statistics:\n\nSection name           Number\n-----------------------------\n";
+  for (const char* label : kLabels) {
+    std::string line = label;
+    line.resize(23, ' ');
+    auto it = counts.find(label);
+    text += line + std::to_string(it == counts.end() ? 0 : it->second) + "\n";
+  }
+  return text + "\n";
+}
+
+}  // namespace daemon_test

@@ -1,0 +1,156 @@
+// The daemon following its audit file while it grows, and its signals: SIGTERM between and
+// inside sections, SIGUSR1.
+#include "daemon_harness.h"
+
+namespace daemon_test {
+namespace {
+
+const std::vector<std::string> kDebugArgs = {"-a", "audit", "-b", "cdf", "-d"};
+const std::string kTail = "0,0,0,\"\",0,0,0,\"\",\"\"\n";
+const char kEnd[] = "<- adcdf_process_file\n<- main: ADCDF Daemon Outer Block\n";
+
+std::string without_waiting(std::string text) {
+  for (size_t at; (at = text.find("waiting...\n")) != std::string::npos;) text.erase(at, 11);
+  return text;
+}
+
+TEST(DaemonFollow, LinesAndSectionsSplitAcrossAppends) {
+  Sandbox box;
+  box.write("audit", "");
+  Daemon daemon(box, kDebugArgs);
+  ASSERT_TRUE(daemon.wait_err("waiting...\n"));
+  // The process-list entry names the running daemon.
+  EXPECT_EQ(read_file(box.root() / "ekadcdf.pid"), std::to_string(daemon.pid()) + "\n");
+
+  // A name line and half a header word: the converter waits for the rest of the header instead
+  // of giving the section up, and the half word is held back until its line is complete.
+  box.append("audit", "subsystem-stop\nh 16999");
+  ASSERT_TRUE(daemon.wait_err("-> adcdf_get_generic\n"));
+  EXPECT_EQ(daemon.err().find("pstr"), std::string::npos);
+  box.append("audit", "52400 x\nsubsystem 7\nuser al");
+  ASSERT_TRUE(daemon.wait_err("-> adcdf_get_item\n"));
+  EXPECT_NE(daemon.err().find("pstr = 1699952400\nldate = 1699952400\n"), std::string::npos);
+  EXPECT_EQ(count_of(daemon.err(), "-> adcdf_get_item\n"), 1u);
+  box.append("audit", "ice\nduration 5\n");
+  ASSERT_TRUE(daemon.wait_err("-> adcdf_get_item\n", 2));
+  // No record until the section's blank line has arrived.
+  EXPECT_EQ(box.files(), (std::map<std::string, std::string>{{"cdf.000", ""}, {"cdf.ERR", ""}}));
+  const std::string first =
+      header_record() + "106,123,11,14,9,0,0,1699952400,7,0,0,0,\"alice\",\"\"," + kTail;
+  // The blank line, then a name line broken in two.
+  box.append("audit", "\nsubsys");
+  ASSERT_TRUE(daemon.wait_file("cdf.000", first)) << box.read("cdf.000");
+  box.append("audit", "tem-start\nh 1699952401\nuser bob\n\n");
+  ASSERT_TRUE(daemon.wait_file(
+      "cdf.000", first + "105,123,11,14,9,0,1,1699952401,0,0,0,0,\"bob\",\"\"," + kTail));
+
+  // SIGTERM while waiting: statistics, nothing on standard output, status 0.
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(daemon.out(), "");
+  EXPECT_EQ(box.files(), (std::map<std::string, std::string>{
+                             {"cdf.000", box.read("cdf.000")}, {"cdf.001", ""}, {"cdf.ERR", ""}}));
+  std::string err = daemon.err();
+  std::string end =
+      "gszLine: \n\n" + statistics({{"Subsystem-start", 1}, {"Subsystem-stop", 1}}) + kEnd;
+  ASSERT_GE(err.size(), end.size());
+  EXPECT_EQ(err.substr(err.size() - end.size()), end);
+  EXPECT_FALSE(fs::exists(box.root() / "ekadcdf.pid"));
+
+  // The same file read whole gives the same trace, apart from the waiting lines.
+  Sandbox whole;
+  whole.write("audit", box.read("audit"));
+  Daemon again(whole, kDebugArgs);
+  ASSERT_TRUE(again.wait_err("waiting...\n"));
+  EXPECT_EQ(again.stop(), 0);
+  EXPECT_EQ(without_waiting(again.err()), without_waiting(err));
+  EXPECT_EQ(whole.files(), box.files());
+}
+
+// Starts a daemon that converts one section, then appends `partial` (a section without its blank
+// line), waits for `reached` on standard error and stops the daemon: the section is abandoned and
+// the files are exactly as they were before it. Returns the daemon's standard error.
+std::string expect_abandoned(const std::string& partial, const std::string& reached, Sandbox& box) {
+  box.write("audit", "subsystem-start\nh 1699952400\nuser ann\n\n");
+  Daemon daemon(box, kDebugArgs);
+  EXPECT_TRUE(daemon.wait_file(
+      "cdf.000", header_record() + "105,123,11,14,9,0,0,1699952400,0,0,0,0,\"ann\",\"\"," + kTail));
+  EXPECT_TRUE(daemon.wait_err("waiting...\n"));
+  auto before = box.files();
+  box.append("audit", partial);
+  EXPECT_TRUE(daemon.wait_err(reached));
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(daemon.out(), "");
+  EXPECT_EQ(box.files(), before);
+  EXPECT_EQ(box.read("cdf.ERR"), "");
+  std::string end = statistics({{"Subsystem-start", 1}}) + kEnd;
+  std::string err = daemon.err();
+  EXPECT_EQ(err.substr(err.size() - std::min(err.size(), end.size())), end);
+  return err;
+}
+
+TEST(DaemonFollow, SigtermInsideASectionAbandonsIt) {
+  Sandbox box;
+  expect_abandoned("subsystem-start\nh 1699956000\nuser bob\nbogus line\n", "ldate = 1699956000\n",
+                   box);
+}
+
+TEST(DaemonFollow, SigtermInsideASectionThatChangesTheDayRotatesNothing) {
+  Sandbox box;
+  std::string err =
+      expect_abandoned("subsystem-stop\nh 1700006400\nbogus line\n", "ldate = 1700006400\n", box);
+  // The rotation was decided, and traced, when the header was read.
+  EXPECT_EQ(count_of(err, "Looking for: cdf.000\n"), 2u);
+  // A restart reads the completed section again under the checkpoint rule: the first section
+  // (the checkpoint's second) is converted again, the second starts the new day's generation.
+  box.append("audit", "\n");
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf"});
+  const std::string rotated =
+      header_record() + "106,123,11,15,0,0,0,1700006400,0,0,0,0,\" \",\"\"," + kTail;
+  ASSERT_TRUE(daemon.wait_file("cdf.000", rotated));
+  EXPECT_EQ(daemon.stop(), 0);
+  const std::string ann = "105,123,11,14,9,0,0,1699952400,0,0,0,0,\"ann\",\"\"," + kTail;
+  EXPECT_EQ(box.files(), (std::map<std::string, std::string>{
+                             {"cdf.000", rotated},
+                             {"cdf.001", header_record() + ann + ann},
+                             {"cdf.002", ""},
+                             {"cdf.ERR", "Skipped line: 7\nLine = bogus line\n\n"}}));
+}
+
+TEST(DaemonFollow, Sigusr1StartsANewGenerationAtTheNextSection) {
+  Sandbox box;
+  const std::string a = "105,123,11,14,9,0,0,1699952400,0,0,0,0,\"ann\",\"\"," + kTail;
+  box.write("audit", "subsystem-start\nh 1699952400\nuser ann\n\n");
+  Daemon daemon(box, kDebugArgs);
+  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + a));
+  ASSERT_TRUE(daemon.wait_err("waiting...\n"));
+  // While the daemon waits, the request changes nothing.
+  auto before = box.files();
+  daemon.signal(SIGUSR1);
+  size_t waits = count_of(daemon.err(), "waiting...\n");
+  ASSERT_TRUE(daemon.wait_err("waiting...\n", waits + 1));
+  EXPECT_EQ(box.files(), before);
+
+  // The next section opens a new generation, although its day is the same.
+  const std::string b = "106,123,11,14,9,1,0,1699952460,0,0,0,0,\" \",\"\"," + kTail;
+  box.append("audit", "subsystem-stop\nh 1699952460\n\n");
+  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + b));
+  EXPECT_EQ(box.read("cdf.001"), header_record() + a);
+
+  // The handler stays installed: a second request works as well, and only for one section.
+  daemon.signal(SIGUSR1);
+  const std::string c = "105,123,11,14,9,2,0,1699952520,0,0,0,0,\"cy\",\"\"," + kTail;
+  const std::string d = "105,123,11,14,9,3,0,1699952580,0,0,0,0,\"di\",\"\"," + kTail;
+  box.append(
+      "audit",
+      "subsystem-start\nh 1699952520\nuser cy\n\nsubsystem-start\nh 1699952580\nuser di\n\n");
+  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + c + d));
+  EXPECT_EQ(daemon.stop(), 0);
+  EXPECT_EQ(box.files(), (std::map<std::string, std::string>{{"cdf.000", header_record() + c + d},
+                                                             {"cdf.001", header_record() + b},
+                                                             {"cdf.002", header_record() + a},
+                                                             {"cdf.003", ""},
+                                                             {"cdf.ERR", ""}}));
+}
+
+}  // namespace
+}  // namespace daemon_test
