@@ -56,9 +56,13 @@ std::optional<std::string_view> LineReader::next() {
       if (!fill()) return std::nullopt;
       continue;
     }
+    size_t line_begin = begin_;
     begin_ += length;
-    const char* nul = static_cast<const char*>(std::memchr(start, '\0', length));
-    if (nul != nullptr) length = static_cast<size_t>(nul - start);
+    if (first_nul_ < begin_) {
+      // The line holds a NUL byte: like a C string, it ends there. Look for the next one.
+      length = first_nul_ - line_begin;
+      find_nul();
+    }
     return std::string_view(start, length);
   }
 }
@@ -67,11 +71,28 @@ bool LineReader::fill() {
   if (begin_ > 0) {
     std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
     end_ -= begin_;
+    first_nul_ -= begin_;
     begin_ = 0;
   }
   size_t n = source_.read(buffer_.get() + end_, capacity_ - end_);
+  size_t old_end = end_;
   end_ += n;
+  if (first_nul_ >= old_end) {
+    first_nul_ = old_end;
+    find_nul();
+  }
   return n > 0;
+}
+
+void LineReader::find_nul() {
+  size_t from = std::max(first_nul_, begin_);
+  if (from >= end_) {
+    first_nul_ = end_;
+    return;
+  }
+  const void* nul = std::memchr(buffer_.get() + from, '\0', end_ - from);
+  first_nul_ =
+      nul == nullptr ? end_ : static_cast<size_t>(static_cast<const char*>(nul) - buffer_.get());
 }
 
 }  // namespace adcdf

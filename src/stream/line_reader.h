@@ -65,12 +65,15 @@ class LineReader {
  private:
   // Moves the unread bytes to the front and reads more; false when nothing new arrived.
   bool fill();
+  // Moves first_nul_ to the next NUL byte at or after the current line, or to end_.
+  void find_nul();
 
   ByteSource& source_;
   std::unique_ptr<char[]> buffer_;
   size_t capacity_;
   size_t begin_ = 0;
   size_t end_ = 0;
+  size_t first_nul_ = 0;  // offset of the first NUL byte at or after begin_, or end_ if none
 };
 
 }  // namespace adcdf
