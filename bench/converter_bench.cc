@@ -25,7 +25,7 @@
 #include <string_view>
 
 #include "app/process_loop.h"
-#include "convert/converters.h"
+#include "convert/dispatch.h"
 #include "stream/audit_input.h"
 #include "stream/context.h"
 #include "stream/line_reader.h"
@@ -37,36 +37,6 @@
 
 namespace adcdf {
 namespace {
-
-struct Dispatch {
-  std::string_view name_line;
-  int (*convert)(Context&);
-};
-
-constexpr std::array<Dispatch, 22> kSections{{
-    {"ekscan\n", adcdf_do_ekscan},
-    {"subsystem-start\n", adcdf_do_subsysstart},
-    {"subsystem-stop\n", adcdf_do_subsysstop},
-    {"user-signon\n", adcdf_do_usersignon},
-    {"user-signoff\n", adcdf_do_usersignoff},
-    {"routing\n", adcdf_do_routing},
-    {"fax\n", adcdf_do_faxgateway},
-    {"delivery\n", adcdf_do_delivery},
-    {"request\n", adcdf_do_requestserver},
-    {"unix-in\n", adcdf_do_unixin},
-    {"unix-out\n", adcdf_do_unixout},
-    {"desk-in\n", adcdf_do_deskin},
-    {"desk-out\n", adcdf_do_deskout},
-    {"x400-in\n", adcdf_do_x400in},
-    {"x400-out\n", adcdf_do_x400out},
-    {"sms-in\n", adcdf_do_smsin},
-    {"sms-out\n", adcdf_do_smsout},
-    {"notes-in\n", adcdf_do_notesin},
-    {"notes-out\n", adcdf_do_notesout},
-    {"bulletin\n", adcdf_do_bulletin},
-    {"dirsync-in\n", adcdf_do_dirsyncin},
-    {"dirsync-out\n", adcdf_do_dirsyncout},
-}};
 
 // Reads from a string without copying it first.
 class ViewSource : public ByteSource {
@@ -171,9 +141,7 @@ size_t convert_all(std::string_view text) {
   while (auto line = input.read_line()) {
     ctx.gszLine = *line;
     if (ctx.gszLine != "\n") {
-      auto entry = std::find_if(kSections.begin(), kSections.end(),
-                                [&](const Dispatch& d) { return d.name_line == ctx.gszLine; });
-      if (entry != kSections.end()) {
+      if (const SectionEntry* entry = find_section(ctx.gszLine)) {
         entry->convert(ctx);
         produced += ctx.section.records.size();
         ctx.section.clear();

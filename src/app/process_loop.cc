@@ -1,9 +1,8 @@
 #include "app/process_loop.h"
 
-#include <array>
 #include <string>
 
-#include "convert/converters.h"
+#include "convert/dispatch.h"
 #include "record/record_writer.h"
 #include "stream/checkpoint.h"
 
@@ -11,37 +10,6 @@ namespace adcdf {
 namespace {
 
 constexpr std::string_view kBlankLine = "\n";
-
-struct SectionEntry {
-  std::string_view name_line;
-  int (*convert)(Context&);
-};
-
-// Compared in this order, each against the whole line, newline included.
-constexpr std::array<SectionEntry, 22> kSections{{
-    {"ekscan\n", adcdf_do_ekscan},
-    {"subsystem-start\n", adcdf_do_subsysstart},
-    {"subsystem-stop\n", adcdf_do_subsysstop},
-    {"user-signon\n", adcdf_do_usersignon},
-    {"user-signoff\n", adcdf_do_usersignoff},
-    {"routing\n", adcdf_do_routing},
-    {"fax\n", adcdf_do_faxgateway},
-    {"delivery\n", adcdf_do_delivery},
-    {"request\n", adcdf_do_requestserver},
-    {"unix-in\n", adcdf_do_unixin},
-    {"unix-out\n", adcdf_do_unixout},
-    {"desk-in\n", adcdf_do_deskin},
-    {"desk-out\n", adcdf_do_deskout},
-    {"x400-in\n", adcdf_do_x400in},
-    {"x400-out\n", adcdf_do_x400out},
-    {"sms-in\n", adcdf_do_smsin},
-    {"sms-out\n", adcdf_do_smsout},
-    {"notes-in\n", adcdf_do_notesin},
-    {"notes-out\n", adcdf_do_notesout},
-    {"bulletin\n", adcdf_do_bulletin},
-    {"dirsync-in\n", adcdf_do_dirsyncin},
-    {"dirsync-out\n", adcdf_do_dirsyncout},
-}};
 
 void apply_prefix(Context& ctx, const PrefixValues& v) {
   int* targets[] = {nullptr,
@@ -153,13 +121,7 @@ int adcdf_process_file(Context& ctx) {
       ++ctx.giLineno;
       continue;
     }
-    const SectionEntry* entry = nullptr;
-    for (const SectionEntry& candidate : kSections) {
-      if (candidate.name_line == ctx.gszLine) {
-        entry = &candidate;
-        break;
-      }
-    }
+    const SectionEntry* entry = find_section(ctx.gszLine);
     if (entry != nullptr) {
       try {
         entry->convert(ctx);

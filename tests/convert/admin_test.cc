@@ -121,35 +121,5 @@ TEST(DirsyncConverters, Sections) {
   });
 }
 
-TEST(AdminConverters, CountingPoint) {
-  struct Row {
-    const char* name;
-    int (*converter)(Context&);
-    int Counters::*counter;
-    bool counts_skipped;
-  };
-  const Row rows[] = {
-      {"ekscan", adcdf_do_ekscan, &Counters::giEkscan, true},
-      {"user-signon", adcdf_do_usersignon, &Counters::giUserSignon, false},
-      {"user-signoff", adcdf_do_usersignoff, &Counters::giUserSignoff, false},
-      {"request", adcdf_do_requestserver, &Counters::giRequestServer, true},
-      {"dirsync-in", adcdf_do_dirsyncin, &Counters::giDirSyncIn, false},
-      {"dirsync-out", adcdf_do_dirsyncout, &Counters::giDirSyncOut, false},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    Harness h("hdr 99\nuser a\n\nhdr 100\n\nnext\n");
-    h.ctx.last = kNoRotation;
-    h.ctx.glGMTcheckpoint = 100;
-    h.convert(row.converter);
-    EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 1 : 0);
-    EXPECT_EQ(h.ctx.section.records, "");
-    h.convert(row.converter);
-    EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 2 : 1);
-    EXPECT_NE(h.ctx.section.records, "");
-    EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");
-  }
-}
-
 }  // namespace
 }  // namespace adcdf

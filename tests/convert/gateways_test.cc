@@ -144,39 +144,5 @@ TEST(SmsConverters, ReasonComesBeforeSize) {
   });
 }
 
-// Where each gateway counts: before the header (a section before the checkpoint is counted) or
-// only once the section has been accepted.
-TEST(GatewayConverters, CountingPoint) {
-  struct Row {
-    const char* name;
-    int (*converter)(Context&);
-    int Counters::*counter;
-    bool counts_skipped;
-  };
-  const Row rows[] = {
-      {"x400-in", adcdf_do_x400in, &Counters::gix400In, false},
-      {"x400-out", adcdf_do_x400out, &Counters::gix400Out, true},
-      {"unix-in", adcdf_do_unixin, &Counters::giUnixIn, true},
-      {"unix-out", adcdf_do_unixout, &Counters::giUnixOut, true},
-      {"desk-in", adcdf_do_deskin, &Counters::giDeskIn, false},
-      {"desk-out", adcdf_do_deskout, &Counters::giDeskOut, false},
-      {"fax", adcdf_do_faxgateway, &Counters::giFaxGateway, true},
-      {"sms-in", adcdf_do_smsin, &Counters::gixSMSIn, false},
-      {"sms-out", adcdf_do_smsout, &Counters::gixSMSOut, false},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    Harness h("hdr 99\nrecipient-to a\n\nhdr 100\n\nnext\n");
-    h.ctx.last = kNoRotation;
-    h.ctx.glGMTcheckpoint = 100;
-    h.convert(row.converter);
-    EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 1 : 0);
-    EXPECT_EQ(h.ctx.section.records, "");
-    h.convert(row.converter);
-    EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 2 : 1);
-    EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");
-  }
-}
-
 }  // namespace
 }  // namespace adcdf

@@ -39,21 +39,6 @@ TEST(SubsystemConverters, Sections) {
   }
 }
 
-// Both converters count a section before its header is read, so one that lies before the
-// checkpoint is counted but writes nothing.
-TEST(SubsystemConverters, SectionBeforeCheckpointIsCountedAndConsumed) {
-  for (auto converter : {adcdf_do_subsysstart, adcdf_do_subsysstop}) {
-    Harness h("hdr 99\nsubsystem 3\nbogus\n\nnext\n");
-    h.ctx.last = kNoRotation;
-    h.ctx.glGMTcheckpoint = 100;
-    EXPECT_EQ(h.convert(converter), 0);
-    EXPECT_EQ(h.ctx.counters.giSubsysStart + h.ctx.counters.giSubsysStop, 1);
-    EXPECT_EQ(h.ctx.section.records, "");
-    EXPECT_EQ(h.ctx.section.errors, "");
-    EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");
-  }
-}
-
 // A section still being written waits for its lines; one cut off by a stop is not counted.
 TEST(SubsystemConverters, SectionAtEndOfFile) {
   ::setenv("TZ", "UTC", 1);

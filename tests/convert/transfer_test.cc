@@ -156,28 +156,5 @@ TEST(BulletinConverter, Sections) {
   EXPECT_EQ(out.records, rec(118, "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\"\",\"M1\""));
 }
 
-// Routing, delivery and bulletin sections count before their header is read: one that lies
-// before the checkpoint is counted and writes nothing.
-TEST(TransferConverters, SkippedSectionsAreCounted) {
-  struct Case {
-    int (*converter)(Context&);
-    int Counters::*counter;
-  };
-  for (const Case& c : {Case{adcdf_do_routing, &Counters::giRouting},
-                        Case{adcdf_do_delivery, &Counters::giDelivery},
-                        Case{adcdf_do_bulletin, &Counters::giBulletin}}) {
-    Harness h("hdr 99\nrecipient-to a\n\nhdr 100\n\nnext\n");
-    h.ctx.last = kNoRotation;
-    h.ctx.glGMTcheckpoint = 100;
-    h.convert(c.converter);
-    EXPECT_EQ(h.ctx.counters.*c.counter, 1);
-    EXPECT_EQ(h.ctx.section.records, "");
-    h.convert(c.converter);
-    EXPECT_EQ(h.ctx.counters.*c.counter, 2);
-    EXPECT_NE(h.ctx.section.records, "");
-    EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");
-  }
-}
-
 }  // namespace
 }  // namespace adcdf
