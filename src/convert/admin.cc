@@ -37,10 +37,13 @@ constexpr Keyword kKeywords[] = {
     {"bb-area-messages", Take::kIgnore},
     {"bb-area-size", Take::kIgnore},
 };
+// clang-format off
 constexpr Column kColumns[] = {
-    spaced(kUser),    bare(kUserMsgNo), bare(kUserSize),  bare(kTray1Num),  bare(kTray1Size),
-    bare(kTray2Num),  bare(kTray2Size), bare(kTray3Num),  bare(kTray3Size), bare(kTray4Num),
-    bare(kTray4Size), bare(kTray5Num),  bare(kTray5Size), kEmpty,           kEmpty};
+    spaced(kUser),    bare(kUserMsgNo), bare(kUserSize),  bare(kTray1Num),
+    bare(kTray1Size), bare(kTray2Num),  bare(kTray2Size), bare(kTray3Num),
+    bare(kTray3Size), bare(kTray4Num),  bare(kTray4Size), bare(kTray5Num),
+    bare(kTray5Size), kEmpty,           kEmpty};
+// clang-format on
 constexpr Layout kRecord{102, kColumns};
 constexpr ConverterDef kDef{"adcdf_do_ekscan",
                             &Counters::giEkscan,
@@ -71,21 +74,13 @@ constexpr Keyword kKeywords[] = {
     {"designate-user", Take::kNumberAndName, kDesigNum, kDesigName, 849},
     {"user-agent-id", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,
-                               kZero,
-                               kZero,
-                               kZero,
-                               spaced(kBrindleName),
-                               spaced(kUsername1),
-                               bare(kUserNum),
-                               bare(kSignonStatus),
-                               bare(kClientType),
-                               spaced(kUsername2),
-                               kZero,
-                               kZero,
-                               bare(kDesigNum),
-                               spaced(kDesigName),
-                               kEmpty};
+// clang-format off
+constexpr Column kColumns[] = {
+    kZero,                kZero,                kZero,                kZero,
+    spaced(kBrindleName), spaced(kUsername1),   bare(kUserNum),       bare(kSignonStatus),
+    bare(kClientType),    spaced(kUsername2),   kZero,                kZero,
+    bare(kDesigNum),      spaced(kDesigName),   kEmpty};
+// clang-format on
 constexpr Layout kRecord{103, kColumns};
 constexpr ConverterDef kDef{"adcdf_do_usersignon",
                             &Counters::giUserSignon,
@@ -105,21 +100,13 @@ constexpr Keyword kKeywords[] = {
     {"duration", Take::kVarstring, kDuration},
     {"designate-user", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,
-                               kZero,
-                               kZero,
-                               kZero,
-                               spaced(kBrindleName),
-                               kEmpty,
-                               bare(kUserNum),
-                               bare(kSignoffStatus),
-                               bare(kDuration),
-                               kEmpty,
-                               kZero,
-                               kZero,
-                               kZero,
-                               kEmpty,
-                               kEmpty};
+// clang-format off
+constexpr Column kColumns[] = {
+    kZero,                kZero,                kZero,                kZero,
+    spaced(kBrindleName), kEmpty,               bare(kUserNum),       bare(kSignoffStatus),
+    bare(kDuration),      kEmpty,               kZero,                kZero,
+    kZero,                kEmpty,               kEmpty};
+// clang-format on
 constexpr Layout kRecord{104, kColumns};
 constexpr ConverterDef kDef{"adcdf_do_usersignoff",
                             &Counters::giUserSignoff,
@@ -143,21 +130,13 @@ constexpr Keyword kKeywords[] = {
     {"mta-ack-id", Take::kIgnore},
     {"subject", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,
-                               kZero,
-                               kZero,
-                               kZero,
-                               spaced(kOrig),
-                               spaced(kUaMsgid),
-                               kZero,
-                               kZero,
-                               kZero,
-                               spaced(kRequestName),
-                               bare(kOrigCap),
-                               kZero,
-                               kZero,
-                               kEmpty,
-                               spaced(kMtaMsgid)};
+// clang-format off
+constexpr Column kColumns[] = {
+    kZero,                kZero,                kZero,                kZero,
+    spaced(kOrig),        spaced(kUaMsgid),     kZero,                kZero,
+    kZero,                spaced(kRequestName), bare(kOrigCap),       kZero,
+    kZero,                kEmpty,               spaced(kMtaMsgid)};
+// clang-format on
 constexpr Layout kRecord{109, kColumns};
 constexpr ConverterDef kDef{"adcdf_do_requestserver",
                             &Counters::giRequestServer,
@@ -200,21 +179,13 @@ constexpr std::array<Keyword, 12> keywords(std::string_view party) {
 }
 constexpr auto kInKeywords = keywords("originator");
 constexpr auto kOutKeywords = keywords("recipient");
-constexpr Column kColumns[] = {bare(kOperation),
-                               bare(kCommand),
-                               bare(kFlags),
-                               bare(kReload),
-                               spaced(kOriginator),
-                               spaced(kExportDir),
-                               kZero,
-                               bare(kMaxRepSize),
-                               kZero,
-                               spaced(kImportDir),
-                               bare(kSendRef),
-                               bare(kRequest),
-                               kZero,
-                               kEmpty,
-                               kEmpty};
+// clang-format off
+constexpr Column kColumns[] = {
+    bare(kOperation),    bare(kCommand),      bare(kFlags),        bare(kReload),
+    spaced(kOriginator), spaced(kExportDir),  kZero,               bare(kMaxRepSize),
+    kZero,               spaced(kImportDir),  bare(kSendRef),      bare(kRequest),
+    kZero,               kEmpty,              kEmpty};
+// clang-format on
 constexpr Layout kInRecord{116, kColumns};
 constexpr Layout kOutRecord{117, kColumns};
 constexpr ConverterDef kIn{"adcdf_do_dirsyncin",

@@ -42,10 +42,13 @@ constexpr auto kOutKeywords = join(kSharedKeywords, std::array<Keyword, 6>{{
                                                     }});
 // x400-out's record is x400-in's with three more columns.
 // clang-format off
+// clang-format off
 constexpr std::array<Column, 15> kInColumns{
-    kZero,            bare(kPriority), bare(kSensitivity), bare(kImportance), spaced(kOriginator),
-    spaced(kUaMsgid), spaced(kARND),   kZero,              kZero,             kEmpty,
-    kZero,            kZero,           kZero,              kEmpty,            spaced(kMtaMsgid)};
+    kZero,               bare(kPriority),     bare(kSensitivity),  bare(kImportance),
+    spaced(kOriginator), spaced(kUaMsgid),    spaced(kARND),       kZero,
+    kZero,               kEmpty,              kZero,               kZero,
+    kZero,               kEmpty,              spaced(kMtaMsgid)};
+// clang-format on
 // clang-format on
 constexpr auto kOutColumns =
     join(kInColumns, std::array<Column, 3>{kEmpty, kZero, col(Col::kCount)});
@@ -92,40 +95,19 @@ constexpr Keyword kOutKeywords[] = {
     {"subject", Take::kIgnore},
     {"ack-id", Take::kIgnore},
 };
-constexpr Column kInColumns[] = {kZero,
-                                 kZero,
-                                 kZero,
-                                 kZero,
-                                 spaced(kOriginator),
-                                 spaced(kUaMsgid),
-                                 kZero,
-                                 kZero,
-                                 kZero,
-                                 kEmpty,
-                                 kZero,
-                                 kZero,
-                                 kZero,
-                                 kEmpty,
-                                 kEmpty};
-constexpr Column kOutColumns[] = {bare(kType),
-                                  kZero,
-                                  kZero,
-                                  kZero,
-                                  spaced(kOriginator),
-                                  spaced(kUaMsgid),
-                                  bare(kReason),
-                                  kZero,
-                                  kZero,
-                                  kEmpty,
-                                  kZero,
-                                  kZero,
-                                  kZero,
-                                  kEmpty,
-                                  spaced(kMtaMsgid),
-                                  spaced(kUnixMsgid),
-                                  kEmpty,
-                                  kZero,
-                                  col(Col::kCount)};
+// clang-format off
+constexpr Column kInColumns[] = {
+    kZero,               kZero,               kZero,               kZero,
+    spaced(kOriginator), spaced(kUaMsgid),    kZero,               kZero,
+    kZero,               kEmpty,              kZero,               kZero,
+    kZero,               kEmpty,              kEmpty};
+constexpr Column kOutColumns[] = {
+    bare(kType),         kZero,               kZero,               kZero,
+    spaced(kOriginator), spaced(kUaMsgid),    bare(kReason),       kZero,
+    kZero,               kEmpty,              kZero,               kZero,
+    kZero,               kEmpty,              spaced(kMtaMsgid),   spaced(kUnixMsgid),
+    kEmpty,              kZero,               col(Col::kCount)};
+// clang-format on
 constexpr Layout kInRecord{110, kInColumns};
 constexpr Layout kOutRecord{111, kOutColumns};
 constexpr ConverterDef kIn{"adcdf_do_unixin",
@@ -170,37 +152,18 @@ constexpr Keyword kOutKeywords[] = {
     {"mta-message-id", Take::kIgnore},
     {"mta-ack-id", Take::kIgnore},
 };
-constexpr Column kInColumns[] = {bare(kType),
-                                 kZero,
-                                 kZero,
-                                 kZero,
-                                 spaced(kOriginator),
-                                 spaced(kUaMsgid),
-                                 bare(kReason),
-                                 kZero,
-                                 kZero,
-                                 spaced(kDeskMsgid),
-                                 kZero,
-                                 kZero,
-                                 kZero,
-                                 kEmpty,
-                                 kEmpty};
-constexpr Column kOutColumns[] = {bare(kType),
-                                  kZero,
-                                  kZero,
-                                  kZero,
-                                  spaced(kOriginator),
-                                  spaced(kUaMsgid),
-                                  bare(kReason),
-                                  kZero,
-                                  kZero,
-                                  kEmpty,
-                                  kZero,
-                                  kZero,
-                                  kZero,
-                                  kEmpty,
-                                  kEmpty,
-                                  col(Col::kCount)};
+// clang-format off
+constexpr Column kInColumns[] = {
+    bare(kType),         kZero,               kZero,               kZero,
+    spaced(kOriginator), spaced(kUaMsgid),    bare(kReason),       kZero,
+    kZero,               spaced(kDeskMsgid),  kZero,               kZero,
+    kZero,               kEmpty,              kEmpty};
+constexpr Column kOutColumns[] = {
+    bare(kType),         kZero,               kZero,               kZero,
+    spaced(kOriginator), spaced(kUaMsgid),    bare(kReason),       kZero,
+    kZero,               kEmpty,              kZero,               kZero,
+    kZero,               kEmpty,              kEmpty,              col(Col::kCount)};
+// clang-format on
 constexpr Layout kInRecord{112, kInColumns};
 constexpr Layout kOutRecord{113, kOutColumns};
 constexpr ConverterDef kIn{"adcdf_do_deskin",
@@ -251,21 +214,13 @@ constexpr Keyword kKeywords[] = {
     {"mta-message-id", Take::kVarstring, kMtaMsgid},
     {"subject", Take::kIgnore},
 };
-constexpr Column kColumns[] = {kZero,
-                               bare(kPriority),
-                               bare(kSensitivity),
-                               bare(kImportance),
-                               spaced(kOriginator),
-                               spaced(kUaMsgid),
-                               bare(kReason),
-                               bare(kDuration),
-                               col(Col::kCategory),
-                               col(Col::kRecipSpaced),
-                               bare(kRetries),
-                               bare(kSentPages),
-                               spaced(kSentTime),
-                               kEmpty,
-                               spaced(kMtaMsgid)};
+// clang-format off
+constexpr Column kColumns[] = {
+    kZero,                  bare(kPriority),        bare(kSensitivity),     bare(kImportance),
+    spaced(kOriginator),    spaced(kUaMsgid),       bare(kReason),          bare(kDuration),
+    col(Col::kCategory),    col(Col::kRecipSpaced), bare(kRetries),         bare(kSentPages),
+    spaced(kSentTime),      kEmpty,                 spaced(kMtaMsgid)};
+// clang-format on
 constexpr Layout kRecord{107, kColumns};
 constexpr ConverterDef kDef{.name = "adcdf_do_faxgateway",
                             .counter = &Counters::giFaxGateway,
@@ -286,9 +241,13 @@ constexpr Keyword kKeywords[] = {
     {"message-size", Take::kItem, kMsgSize},
     {"non-delivery-reason", Take::kVarstring, kReason},
 };
-constexpr Column kColumns[] = {kEmpty, kZero,         kZero,          kZero,  kEmpty,
-                               kEmpty, bare(kReason), bare(kMsgSize), kZero,  kEmpty,
-                               kZero,  kZero,         kZero,          kEmpty, kEmpty};
+// clang-format off
+constexpr Column kColumns[] = {
+    kEmpty,         kZero,          kZero,          kZero,
+    kEmpty,         kEmpty,         bare(kReason),  bare(kMsgSize),
+    kZero,          kEmpty,         kZero,          kZero,
+    kZero,          kEmpty,         kEmpty};
+// clang-format on
 constexpr Layout kInRecord{119, kColumns};
 constexpr Layout kOutRecord{120, kColumns};
 constexpr ConverterDef kIn{"adcdf_do_smsin", &Counters::gixSMSIn, Counting::kAfterHeader,

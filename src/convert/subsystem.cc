@@ -18,9 +18,13 @@ constexpr Keyword kStopKeywords[] = {
     {"duration", Take::kIgnore},
 };
 
-constexpr Column kColumns[] = {bare(kSubsysno), kZero, kZero, kZero,  spaced(kUser),
-                               kEmpty,          kZero, kZero, kZero,  kEmpty,
-                               kZero,           kZero, kZero, kEmpty, kEmpty};
+// clang-format off
+constexpr Column kColumns[] = {
+    bare(kSubsysno), kZero,           kZero,           kZero,
+    spaced(kUser),   kEmpty,          kZero,           kZero,
+    kZero,           kEmpty,          kZero,           kZero,
+    kZero,           kEmpty,          kEmpty};
+// clang-format on
 constexpr Layout kStartRecord{105, kColumns};
 constexpr Layout kStopRecord{106, kColumns};
 

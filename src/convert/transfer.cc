@@ -50,15 +50,18 @@ constexpr Keyword kKeywords[] = {
     {"all-recips-non-deliv", Take::kIgnore},
     {"non-delivery-reason", Take::kItem, kReason},
 };
+// clang-format off
 constexpr Column kSectionColumns[] = {
-    bare(kType),         bare(kPriority),  bare(kSensitivity), bare(kImportance),
-    spaced(kOriginator), spaced(kUaMsgid), bare(kReason),      bare(kMsgSize),
-    text("x"),           kEmpty,           bare(kLocal),       bare(kHopCount),
-    text("x"),           kEmpty,           spaced(kMtaMsgid),  spaced(kSubject),
+    bare(kType),         bare(kPriority),     bare(kSensitivity),  bare(kImportance),
+    spaced(kOriginator), spaced(kUaMsgid),    bare(kReason),       bare(kMsgSize),
+    text("x"),           kEmpty,              bare(kLocal),        bare(kHopCount),
+    text("x"),           kEmpty,              spaced(kMtaMsgid),   spaced(kSubject),
     bare(kPartCount),    col(Col::kCount)};
 constexpr Column kRecipientColumns[] = {
-    spaced(kOriginator), spaced(kUaMsgid), bare(kReason),    bare(kMsgSize),   col(Col::kCategory),
-    col(Col::kAckReq),   col(Col::kQueue), col(Col::kRecip), col(Col::kLocal), col(Col::kGateway)};
+    spaced(kOriginator), spaced(kUaMsgid),    bare(kReason),       bare(kMsgSize),
+    col(Col::kCategory), col(Col::kAckReq),   col(Col::kQueue),    col(Col::kRecip),
+    col(Col::kLocal),    col(Col::kGateway)};
+// clang-format on
 constexpr Layout kSectionRecord{101, kSectionColumns};
 constexpr Layout kRecipientRecord{503, kRecipientColumns};
 constexpr ConverterDef kDef{.name = "adcdf_do_routing",
@@ -109,21 +112,13 @@ constexpr Keyword kKeywords[] = {
     {"subject", Take::kIgnore},
     {"new-ua-message-id", Take::kIgnore},
 };
-constexpr Column kSectionColumns[] = {bare(kType),
-                                      kZero,
-                                      kZero,
-                                      kZero,
-                                      spaced(kOrig),
-                                      spaced(kUaMsgid),
-                                      bare(kReason),
-                                      bare(kAutoNotify),
-                                      bare(kAutoReply),
-                                      bare(kDeliveredCount),
-                                      bare(kAutoFile),
-                                      bare(kAutoPrint),
-                                      bare(kAutoForward),
-                                      kEmpty,
-                                      spaced(kMtaMsgid)};
+// clang-format off
+constexpr Column kSectionColumns[] = {
+    bare(kType),           kZero,                 kZero,                 kZero,
+    spaced(kOrig),         spaced(kUaMsgid),      bare(kReason),         bare(kAutoNotify),
+    bare(kAutoReply),      bare(kDeliveredCount), bare(kAutoFile),       bare(kAutoPrint),
+    bare(kAutoForward),    kEmpty,                spaced(kMtaMsgid)};
+// clang-format on
 constexpr Column kRecipientColumns[] = {spaced(kOrig), spaced(kUaMsgid), col(Col::kReason),
                                         col(Col::kRecip)};
 constexpr Layout kSectionRecord{108, kSectionColumns};
@@ -154,21 +149,13 @@ constexpr Keyword kKeywords[] = {
     {"subject", Take::kIgnore},
     {"bulletin-type", Take::kIgnore},
 };
-constexpr Column kColumns[] = {bare(kType),
-                               kZero,
-                               kZero,
-                               kZero,
-                               spaced(kOriginator),
-                               spaced(kUaMsgid),
-                               kZero,
-                               kZero,
-                               kZero,
-                               spaced(kBulletin),
-                               kZero,
-                               kZero,
-                               kZero,
-                               kEmpty,
-                               quoted(kMtaMsgid)};
+// clang-format off
+constexpr Column kColumns[] = {
+    bare(kType),         kZero,               kZero,               kZero,
+    spaced(kOriginator), spaced(kUaMsgid),    kZero,               kZero,
+    kZero,               spaced(kBulletin),   kZero,               kZero,
+    kZero,               kEmpty,              quoted(kMtaMsgid)};
+// clang-format on
 constexpr Layout kRecord{118, kColumns};
 constexpr ConverterDef kDef{"adcdf_do_bulletin",
                             &Counters::giBulletin,
