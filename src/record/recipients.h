@@ -1,4 +1,4 @@
-// Recipients, user lines and trays.
+// Recipients and user lines.
 //
 // A recipient line 'recipient-<category> <address>' fills a recrep: the category word after the
 // first hyphen gives "0" to "3" for to, cc, bcc, from and "4" for anything else; the rest of the
@@ -28,13 +28,6 @@ struct recrep {
   bool brindleRoute = false;  // queue starts with a gateway queue name
   int ndnReason = 0;
 };
-using PRECIP_REC = recrep*;
-
-struct rectray {
-  std::string szNum;
-  std::string szSize;
-};
-using TRAY_REC = rectray;
 
 class RecipientArray {
  public:

@@ -23,9 +23,6 @@ std::string msg_GetAnyMsg(const AdcdfError& error) {
       case kReasonWrite:
         head = "file write failed";
         break;
-      case kReasonFlush:
-        head = "file flush failed";
-        break;
       case kReasonRename:
         head = "file rename failed";
         break;

@@ -24,7 +24,6 @@ enum ErrorReason : int {
   kReasonOpen = 1,
   kReasonRead = 2,
   kReasonWrite = 3,
-  kReasonFlush = 4,
   kReasonRename = 5,
   kReasonRemove = 6,
   kReasonTruncate = 7,

@@ -30,7 +30,6 @@ class File {
   // Opens for reading.
   static File read_only(const std::string& name);
 
-  bool is_open() const { return fd_ >= 0; }
   int fd() const { return fd_; }
   const std::string& name() const { return name_; }
 

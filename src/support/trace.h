@@ -17,7 +17,6 @@ class Tracer {
 
   bool on() const { return debug_; }
   void set_debug(bool on) { debug_ = on; }
-  std::FILE* sink() const { return sink_; }
 
   // adcdf_LogProc / adcdf_LogEndProc: the entry and exit lines.
   void enter(std::string_view name) {
