@@ -32,6 +32,9 @@ std::string msg_GetAnyMsg(const AdcdfError& error) {
       case kReasonTruncate:
         head = "file truncation failed";
         break;
+      case kReasonLocked:
+        head = "file in use";
+        break;
       default:
         break;
     }

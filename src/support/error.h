@@ -28,6 +28,7 @@ enum ErrorReason : int {
   kReasonRemove = 6,
   kReasonTruncate = 7,
   kReasonAlloc = 8,
+  kReasonLocked = 9,
 };
 
 class AdcdfError : public std::runtime_error {

@@ -51,6 +51,10 @@ File File::read_write(const std::string& name) {
   return open_or_throw(name, O_RDWR);
 }
 
+File File::read_write_create(const std::string& name) {
+  return open_or_throw(name, O_RDWR | O_CREAT);
+}
+
 File File::read_only(const std::string& name) {
   return open_or_throw(name, O_RDONLY);
 }
@@ -76,6 +80,23 @@ void File::write_raw(std::string_view data) {
   }
 }
 
+void File::write_at(std::string_view data, long long offset) {
+  size_t partial = data.size();
+  if (int err = injected(FileOp::kWrite, name_, &partial)) {
+    raise_file_error(kReasonWrite, "cannot write", name_, err);
+  }
+  while (!data.empty()) {
+    ssize_t n = ::pwrite(fd_, data.data(), data.size(), offset);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      raise_file_error(kReasonWrite, "cannot write", name_, errno);
+    }
+    if (n == 0) raise_file_error(kReasonWrite, "cannot write", name_, ENOSPC);
+    data.remove_prefix(static_cast<size_t>(n));
+    offset += n;
+  }
+}
+
 size_t File::read_at(char* buffer, size_t size, long long offset) const {
   for (;;) {
     ssize_t n = ::pread(fd_, buffer, size, offset);
@@ -88,6 +109,19 @@ long long File::size() const {
   struct stat st {};
   if (::fstat(fd_, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name_, errno);
   return st.st_size;
+}
+
+FileId File::id() const {
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name_, errno);
+  return {static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)};
+}
+
+void File::sync() {
+  // EINVAL: a special file such as /dev/null, which has nothing to put on a disk.
+  if (::fdatasync(fd_) != 0 && errno != EINVAL) {
+    raise_file_error(kReasonWrite, "cannot sync", name_, errno);
+  }
 }
 
 void File::truncate(long long length) {
@@ -104,8 +138,50 @@ void File::close() {
   }
 }
 
+void Appender::append(std::string_view data) {
+  try {
+    file_.write_all(data);
+  } catch (const AdcdfError&) {
+    // Cut off whatever part of the write reached the file, so no torn record stays behind.
+    try {
+      file_.truncate(size_);
+    } catch (const AdcdfError&) {
+    }
+    throw;
+  }
+  size_ += static_cast<long long>(data.size());
+  unsynced_ = true;
+}
+
+void Appender::cut(long long length) {
+  file_.truncate(length);
+  size_ = length;
+}
+
+void Appender::sync() {
+  if (!unsynced_) return;
+  file_.sync();
+  unsynced_ = false;
+}
+
 bool file_exists(const std::string& name) {
   return ::access(name.c_str(), F_OK) == 0;
+}
+
+std::optional<FileId> file_id(const std::string& name) {
+  struct stat st {};
+  if (::stat(name.c_str(), &st) != 0) return std::nullopt;
+  return FileId{static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)};
+}
+
+void sync_directory_of(const std::string& name) {
+  size_t slash = name.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
+  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) raise_file_error(kReasonOpen, "cannot open", dir, errno);
+  int failed = ::fsync(fd) != 0 ? errno : 0;
+  ::close(fd);
+  if (failed != 0 && failed != EINVAL) raise_file_error(kReasonWrite, "cannot sync", dir, failed);
 }
 
 void rename_file(const std::string& from, const std::string& to) {

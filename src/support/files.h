@@ -7,10 +7,19 @@
 // process.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace adcdf {
+
+// Which file a name or a descriptor refers to, as long as it exists.
+struct FileId {
+  uint64_t dev = 0;
+  uint64_t ino = 0;
+  bool operator==(const FileId&) const = default;
+};
 
 class File {
  public:
@@ -27,6 +36,8 @@ class File {
   static File create(const std::string& name);
   // Opens for reading and writing, without creating or emptying.
   static File read_write(const std::string& name);
+  // Opens for reading and writing, creating an empty file when there is none.
+  static File read_write_create(const std::string& name);
   // Opens for reading.
   static File read_only(const std::string& name);
 
@@ -35,10 +46,15 @@ class File {
 
   // Writes all of `data` with as few system calls as the kernel allows.
   void write_all(std::string_view data);
+  // Writes all of `data` at `offset`.
+  void write_at(std::string_view data, long long offset);
   // Reads up to `size` bytes at `offset`; returns how many were read.
   size_t read_at(char* buffer, size_t size, long long offset) const;
   long long size() const;
+  FileId id() const;
   void truncate(long long length);
+  // Waits until the data written so far is on the disk (fdatasync).
+  void sync();
   void close();
 
  private:
@@ -50,7 +66,37 @@ class File {
   std::string name_;
 };
 
+// A file that grows by whole pieces: each append is one write, and a failed one is cut back off
+// the file, so the file always ends just after a complete piece. size() is what it holds.
+class Appender {
+ public:
+  Appender() = default;
+  explicit Appender(File file) : file_(std::move(file)), size_(file_.size()) {}
+
+  const std::string& name() const { return file_.name(); }
+  bool is_open() const { return file_.fd() >= 0; }
+  long long size() const { return size_; }
+  FileId id() const { return file_.id(); }
+
+  void append(std::string_view data);
+  // Cuts the file back to `length` bytes.
+  void cut(long long length);
+  // Waits until everything appended is on the disk; does nothing when nothing was appended
+  // since the last time.
+  void sync();
+  void close() { file_.close(); }
+
+ private:
+  File file_;
+  long long size_ = 0;
+  bool unsynced_ = false;
+};
+
 bool file_exists(const std::string& name);
+// The file at `name`, or nothing when there is none.
+std::optional<FileId> file_id(const std::string& name);
+// Makes the renames and removals done in the directory of `name` durable.
+void sync_directory_of(const std::string& name);
 void rename_file(const std::string& from, const std::string& to);
 void remove_file(const std::string& name);
 
