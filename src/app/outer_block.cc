@@ -23,9 +23,12 @@ int outer_block(int argc, char** argv, Tracer& trace) {
   }
   ParsedArgs args = adcdf_parse_args(argc, argv, trace);
   PollWaiter waiter(trace);
-  AuditInput input(*args.audit, waiter);
+  AuditInput input(*args.audit, waiter, &trace);
   Context ctx(args.options, trace, input);
   adcdf_init_vars(ctx);
+  // One daemon per base name: the lock comes before the process-list entry and before any output
+  // file is opened, so a daemon refused here has touched nothing.
+  ctx.positions.lock(ctx.options.gszBaseFilename + ".POS");
   const std::string program = util_BaseName(argv[0]);
   proc_RecordMyPid(program, ctx.options.gszBaseFilename);
   adcdf_process_file(ctx);

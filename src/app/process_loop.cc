@@ -4,24 +4,12 @@
 
 #include "convert/dispatch.h"
 #include "record/record_writer.h"
-#include "stream/checkpoint.h"
+#include "stream/restart.h"
 
 namespace adcdf {
 namespace {
 
 constexpr std::string_view kBlankLine = "\n";
-
-void apply_prefix(Context& ctx, const PrefixValues& v) {
-  int* targets[] = {nullptr,
-                    &ctx.last.gilastyear,
-                    &ctx.last.gilastmonth,
-                    &ctx.last.gilastday,
-                    &ctx.last.gilasthour,
-                    &ctx.last.gilastmin,
-                    &ctx.last.gilastsec};
-  for (int i = 1; i < v.count && i < 7; ++i) *targets[i] = v.values[static_cast<size_t>(i)];
-  if (v.count == 8) ctx.glGMTcheckpoint = v.values[7];
-}
 
 void print_statistics(Context& ctx) {
   const Counters& c = ctx.counters;
@@ -48,68 +36,61 @@ void report_unknown_section(Context& ctx) {
   entry.append(ctx.gszLine);
   entry.push_back('\n');
   if (ctx.trace.on()) ctx.trace.write(entry);
-  ctx.errlog.write_all(entry);
+  ctx.errlog.append(entry);
+}
+
+// A section whose audit file was replaced or truncated before its blank line arrived.
+void report_cut_section(Context& ctx, int name_line) {
+  std::string entry = "Incomplete section dropped at line ";
+  RecordLine::append_number(entry, name_line);
+  entry.push_back('\n');
+  ctx.errlog.append(entry);
+}
+
+// Converts the section whose name line is in gszLine. False when a stop abandoned it.
+bool convert_section(Context& ctx, const SectionEntry& entry) {
+  const int name_line = ctx.giLineno;
+  try {
+    entry.convert(ctx);
+  } catch (const SectionAbandoned&) {
+    // Not handled: the section leaves no trace, and a restart reads it again from its name line.
+    ctx.section.clear();
+    ctx.last = ctx.handled.last;
+    return false;
+  } catch (const SectionCut&) {
+    ctx.section.clear();
+    ctx.last = ctx.handled.last;
+    report_cut_section(ctx, name_line);
+    return true;
+  }
+  commit_section(ctx);
+  ++ctx.giLineno;
+  return true;
 }
 
 }  // namespace
 
-void restore_checkpoint(Context& ctx) {
-  const std::string current = ctx.generations.name(0);
-  std::optional<PrefixValues> newest;
-  if (file_exists(current)) {
-    ctx.trace.printf("File does exist: %s\n", current.c_str());
-    File file = File::read_write(current);
-    ReverseLineReader lines(file);
-    if (lines.complete_end() < file.size()) file.truncate(lines.complete_end());
-    PrefixValues last = parse_prefix(lines.previous().value_or(std::string()));
-    if (!last.complete()) {
-      ctx.trace.write("Unable to parse date and time on last line of .000 file.\n");
-    }
-    apply_prefix(ctx, last);
-    newest = last.complete() && !last.is_header() ? std::optional(last) : newest_record(file);
-  } else {
-    ctx.trace.printf("File does not exist: %s\n", current.c_str());
-  }
-  for (int generation = 1; !newest && generation < 100; ++generation) {
-    std::string older = ctx.generations.name(generation);
-    if (file_exists(older)) newest = newest_record(File::read_only(older));
-  }
-  if (newest) {
-    ctx.last = LastDate{};
-    apply_prefix(ctx, *newest);
-  }
-}
-
 void commit_section(Context& ctx) {
   SectionOutput& section = ctx.section;
-  // Error entries first: when writing them fails, the records are not written either, and a
-  // restart converts the section again.
-  if (!section.errors.empty()) ctx.errlog.write_all(section.errors);
   if (section.rotation) {
-    ctx.generations.rotate(*section.rotation, section.records);
-  } else if (!section.records.empty()) {
-    ctx.generations.append(section.records);
+    // The position the rotation records: at this section's name line, with its date, so that a
+    // restart there converts the section into the new generation without rotating again.
+    ctx.errlog.sync();
+    Position at = position_now(ctx);
+    at.last = ctx.last;
+    ctx.generations.rotate(*section.rotation, at, ctx.positions);
   }
+  // Error entries before records: when writing them fails, the records are not written either,
+  // and a restart converts the section again.
+  if (!section.errors.empty()) ctx.errlog.append(section.errors);
+  if (!section.records.empty()) ctx.generations.current().append(section.records);
   section.clear();
 }
 
 int adcdf_process_file(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_process_file");
-  ctx.giLineno = 1;
-  if (ctx.options.noerr) {
-    ctx.errlog = File::create("/dev/null");
-    ctx.trace.printf("Opened error file: /dev/null\n");
-  } else {
-    ctx.errlog = File::create(ctx.options.gszBaseFilename + ".ERR");
-    ctx.trace.printf("Opened error file: %s\n", ctx.errlog.name().c_str());
-  }
-  ctx.trace.printf("Opening file: %s\n", ctx.generations.name(0).c_str());
-  ctx.last = LastDate{};
-  ctx.glGMTcheckpoint = 0;
-  ctx.generations.recover();
-  restore_checkpoint(ctx);
-  ctx.trace.printf("Check point time: %d\n", static_cast<int>(ctx.glGMTcheckpoint));
-  ctx.generations.open_current();
+  start_run(ctx);
+  ctx.input.set_before_wait([&ctx] { keep_position(ctx, PositionDue::kSettled); });
 
   while (ctx.input.keep_going()) {
     std::optional<std::string_view> line = ctx.input.read_line();
@@ -117,26 +98,24 @@ int adcdf_process_file(Context& ctx) {
     if (ctx.trace.on()) {
       ctx.trace.printf("gszLine: %.*s\n", static_cast<int>(ctx.gszLine.size()), ctx.gszLine.data());
     }
+    if (!line) break;  // stopped at the end of the file: the empty read is not a line
     if (ctx.gszLine == kBlankLine) {
       ++ctx.giLineno;
+    } else if (const SectionEntry* entry = find_section(ctx.gszLine)) {
+      if (!convert_section(ctx, *entry)) break;
+      ctx.mark_handled();
+      keep_position(ctx, PositionDue::kAfterCommit);
       continue;
-    }
-    const SectionEntry* entry = find_section(ctx.gszLine);
-    if (entry != nullptr) {
-      try {
-        entry->convert(ctx);
-      } catch (const SectionAbandoned&) {
-        ctx.section.clear();
-        break;
-      }
-      commit_section(ctx);
     } else {
       report_unknown_section(ctx);
+      ++ctx.giLineno;
     }
-    ++ctx.giLineno;
+    ctx.mark_handled();
   }
 
+  keep_position(ctx, PositionDue::kSettled);
   print_statistics(ctx);
+  ctx.input.set_before_wait(nullptr);
   ctx.generations.close();
   ctx.errlog.close();
   scope.done();

@@ -91,7 +91,8 @@ int Converter::run() {
         skipped(line);
       }
     }
-  } catch (const SectionAbandoned&) {
+  } catch (...) {
+    // Abandoned at a stop or cut short by the audit file's rotation: not a section converted.
     if (counted) --counter;
     throw;
   }
@@ -122,7 +123,7 @@ void Converter::begin_recipients() {
     char message[64];
     std::snprintf(message, sizeof message, "Fatal error (%d)! - Unable to allocate memory.\n",
                   def_.alloc_status);
-    ctx_.errlog.write_all(message);
+    ctx_.errlog.append(message);
     throw ProcessExit{def_.alloc_status};
   }
 }

@@ -15,8 +15,9 @@ bool is_c_space(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// One "%d": false when no digits follow the optional white space and sign.
-bool scan_int(std::string_view& text, int& value) {
+// One decimal number, clamped to 64 bits as strtol does: false when no digits follow the
+// optional white space and sign.
+bool scan_number(std::string_view& text, long& value) {
   size_t i = 0;
   while (i < text.size() && is_c_space(text[i])) ++i;
   bool negative = false;
@@ -39,7 +40,7 @@ bool scan_int(std::string_view& text, int& value) {
   } else {
     result = acc == kMin ? std::numeric_limits<int64_t>::max() : -acc;
   }
-  value = static_cast<int>(static_cast<uint32_t>(static_cast<uint64_t>(result)));
+  value = static_cast<long>(result);
   text.remove_prefix(i);
   return true;
 }
@@ -53,7 +54,12 @@ PrefixValues parse_prefix(std::string_view line) {
       if (line.empty() || line.front() != ',') break;
       line.remove_prefix(1);
     }
-    if (!scan_int(line, parsed.values[i])) break;
+    long value = 0;
+    if (!scan_number(line, value)) break;
+    // "%d" keeps the low 32 bits of the record type and the date and time columns; the event
+    // time keeps all of them.
+    parsed.values[static_cast<size_t>(i)] =
+        i < 7 ? static_cast<int>(static_cast<uint32_t>(static_cast<uint64_t>(value))) : value;
     parsed.count = i + 1;
   }
   return parsed;

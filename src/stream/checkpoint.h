@@ -19,11 +19,12 @@
 
 namespace adcdf {
 
-// The eight values of a record prefix, read as "%d,%d,%d,%d,%d,%d,%d,%d" reads them: each a
-// decimal number after optional white space and sign, clamped to 64 bits and cut to an int.
+// The eight values of a record prefix: each a decimal number after optional white space and
+// sign, clamped to 64 bits; the first seven cut to an int as "%d" cuts them, the event time kept
+// whole.
 struct PrefixValues {
-  std::array<int, 8> values{};  // type, year, month, day, hour, minute, second, event time
-  int count = 0;                // how many were parsed before the first mismatch
+  std::array<long, 8> values{};  // type, year, month, day, hour, minute, second, event time
+  int count = 0;                 // how many were parsed before the first mismatch
 
   bool complete() const { return count == 8; }
   bool is_header() const { return complete() && values[0] == 999; }

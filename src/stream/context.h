@@ -2,7 +2,8 @@
 //
 // One Context lives for a whole run. It holds the command-line settings, the current line and
 // its number, the event time of the section in hand and of the last one, the checkpoint, the
-// section counters, and the output of the section being converted. Its members keep the names
+// section counters, the output of the section being converted, how far the audit file has been
+// handled, and the error and position files. Its members keep the names
 // the debug traces and the record descriptions use.
 #pragma once
 
@@ -12,6 +13,7 @@
 
 #include "stream/audit_input.h"
 #include "stream/generations.h"
+#include "stream/position.h"
 #include "stream/section_output.h"
 #include "support/trace.h"
 
@@ -37,14 +39,13 @@ struct EventTime {
   long glGMT = 0;
 };
 
-// Date and time of the last section whose header was decoded.
-struct LastDate {
-  int gilastyear = 0;
-  int gilastmonth = 0;
-  int gilastday = 0;
-  int gilasthour = 0;
-  int gilastmin = 0;
-  int gilastsec = 0;
+// How far the processing loop has got: just after the last line it handled (a section with its
+// blank line, an unknown-section line, a blank line between sections), and the last section's
+// date then.
+struct Handled {
+  long long offset = 0;  // in the audit file being read
+  int line = 1;          // the number the next line will carry
+  LastDate last;
 };
 
 struct Counters {
@@ -99,8 +100,13 @@ struct Context {
   std::string gszInitNum = "0";
   std::string gszInitString;
 
+  // Notes that everything read so far has been handled.
+  void mark_handled() { handled = Handled{input.offset(), giLineno, last}; }
+
   SectionOutput section;
-  File errlog;  // the error file (or /dev/null)
+  Handled handled;
+  Appender errlog;  // the error file (or /dev/null)
+  PositionFile positions;
 };
 
 }  // namespace adcdf

@@ -44,8 +44,7 @@ std::string Generations::name(int generation) const {
 }
 
 void Generations::open_current() {
-  current_ = File::append(name(0));
-  size_ = current_.size();
+  current_ = Appender(File::append(name(0)));
 }
 
 RotationPlan Generations::plan(Tracer& trace) const {
@@ -76,35 +75,52 @@ void Generations::run_steps(const Steps& steps) {
   }
 }
 
-void Generations::rotate(const RotationPlan& plan, std::string_view content) {
+void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& positions) {
+  current_.sync();
   current_.close();
-  File::create(fresh_).write_all(content);
+  {
+    File fresh = File::create(fresh_);
+    fresh.write_all(plan.header);
+    fresh.sync();
+    at.current_id = fresh.id();
+    at.current_size = static_cast<long long>(plan.header.size());
+  }
 
   Steps steps;
   if (plan.remove) steps.emplace_back(*plan.remove, doomed_);
   steps.insert(steps.end(), plan.renames.begin(), plan.renames.end());
   steps.emplace_back(fresh_, name(0));
-  std::string journal;
+  std::string journal = encode_position(at, 0);
+  journal.push_back('\0');
   for (const auto& [from, to] : steps) {
     journal.append(from).push_back('\0');
     journal.append(to).push_back('\0');
   }
   journal.append(kJournalEnd);
-  File::create(journal_).write_all(journal);
+  {
+    File file = File::create(journal_);
+    file.write_all(journal);
+    file.sync();
+  }
 
   run_steps(steps);
+  sync_directory_of(journal_);
+  positions.write(at, true);
   remove_file(journal_);
   if (file_exists(doomed_)) remove_file(doomed_);
   open_current();
 }
 
-void Generations::recover() {
+void Generations::recover(PositionFile& positions) {
   if (file_exists(journal_)) {
     std::string journal = read_whole(journal_);
-    if (journal.ends_with(kJournalEnd)) {
+    size_t position_end = journal.find('\0');
+    std::optional<std::pair<Position, uint64_t>> at;
+    if (position_end != std::string::npos) at = decode_position(journal.substr(0, position_end));
+    if (at && journal.ends_with(kJournalEnd)) {
       journal.resize(journal.size() - kJournalEnd.size());
       Steps steps;
-      size_t pos = 0;
+      size_t pos = position_end + 1;
       while (pos < journal.size()) {
         size_t from_end = journal.find('\0', pos);
         size_t to_end = journal.find('\0', from_end + 1);
@@ -114,25 +130,13 @@ void Generations::recover() {
         pos = to_end + 1;
       }
       run_steps(steps);
+      sync_directory_of(journal_);
+      positions.write(at->first, true);
     }
     remove_file(journal_);
   }
   if (file_exists(fresh_)) remove_file(fresh_);
   if (file_exists(doomed_)) remove_file(doomed_);
-}
-
-void Generations::append(std::string_view data) {
-  try {
-    current_.write_all(data);
-  } catch (const AdcdfError&) {
-    // Cut off whatever part of the write reached the file, so no torn record stays behind.
-    try {
-      current_.truncate(size_);
-    } catch (const AdcdfError&) {
-    }
-    throw;
-  }
-  size_ += static_cast<long long>(data.size());
 }
 
 std::string header_record(std::time_t now, std::string_view host) {
@@ -160,7 +164,7 @@ int adcdf_writeheaderrec(Context& ctx) {
   char host[257] = {};
   ::gethostname(host, 256);
   host[256] = '\0';
-  ctx.section.records.insert(0, header_record(std::time(nullptr), host));
+  ctx.section.rotation->header = header_record(std::time(nullptr), host);
   scope.done();
   return 0;
 }

@@ -3,14 +3,22 @@
 // A new generation is started when a section's date moves to a later day. The rotation is
 // decided and traced when the section's header is read (adcdf_rename_files), but carried out only
 // when the section is committed: the oldest generation is removed, every other one moves up by
-// one number (gaps stay where they are), and a new current generation takes the type-999 header
-// record and the section's records.
+// one number (gaps stay where they are), and a new current generation starts with the type-999
+// header record. The section's records are then appended to it like any others.
 //
-// A rotation survives a crash at any point: the new generation is first written complete under
-// a temporary name, the renames are recorded in a journal, and only then carried out, each one
-// skipped when it is found done. recover(), at start-up, finishes a journalled rotation or
-// discards one that had not begun. The temporary files (".<name>-rotation.*" beside the
-// generations) exist only while a rotation runs.
+// A rotation survives a crash at any point, and always agrees with the position file:
+//   1. the old current generation is put on the disk, so the position that follows covers it;
+//   2. the new generation is written, header record only, under a temporary name and synced;
+//   3. a journal lists the renames and the position that names the new generation (at the
+//      rotating section's name line, with that section's date), and is synced;
+//   4. the renames run, each one skipped when it is found done (no step moves onto a name that
+//      still holds a generation, so a done step and a pending one can be told apart);
+//   5. the position is written to the position file and synced; the journal is removed.
+// A crash before the journal is complete leaves the generations untouched and the previous
+// position valid: the restart converts the section again and rotates again. A crash after it is
+// complete is finished by recover() at start-up, which runs the remaining renames and writes the
+// journal's position. The temporary files (".<name>-rotation.*" beside the generations) exist only
+// while a rotation runs.
 //
 // Only the current generation is ever open. Every file operation that fails throws AdcdfError;
 // a generation that could not be moved out of the way is never emptied or overwritten, and an
@@ -23,6 +31,7 @@
 #include <utility>
 #include <vector>
 
+#include "stream/position.h"
 #include "stream/section_output.h"
 #include "support/files.h"
 #include "support/trace.h"
@@ -38,17 +47,18 @@ class Generations {
   // "<base>.%03d"
   std::string name(int generation) const;
 
-  // Finishes or discards a rotation that a crash interrupted.
-  void recover();
+  // Finishes a rotation that a crash interrupted after its journal was complete, recording its
+  // position in `positions`, or discards one that had not begun.
+  void recover(PositionFile& positions);
   // Opens the current generation for appending, creating it empty when it is missing.
   void open_current();
   // Decides which files a rotation removes and renames, writing the debug lines for each name
   // looked at. Values of maxgen below 1 rotate as 1 does.
   RotationPlan plan(Tracer& trace) const;
-  // Carries out a plan; the new current generation starts with `content`.
-  void rotate(const RotationPlan& plan, std::string_view content);
-  // Appends to the current generation.
-  void append(std::string_view data);
+  // Carries out a plan. `at` is the position just before the rotating section, with that
+  // section's date; its current generation is filled in here and it is written to `positions`.
+  void rotate(const RotationPlan& plan, Position at, PositionFile& positions);
+  Appender& current() { return current_; }
   void close() { current_.close(); }
 
  private:
@@ -60,16 +70,15 @@ class Generations {
   std::string fresh_;    // the new generation while it is written
   std::string doomed_;   // the oldest generation on its way out
   std::string journal_;  // the renames of the rotation in progress
-  File current_;
-  long long size_ = 0;  // what the current generation held after the last complete write
+  Appender current_;
 };
 
 // The type-999 header record for a generation started at `now` on host `host`.
 std::string header_record(std::time_t now, std::string_view host);
 
-// Plans a rotation for the section in hand and puts the header record first in its output.
+// Plans a rotation for the section in hand, with its header record.
 int adcdf_rename_files(Context& ctx);
-// Puts the header record (today's date, this host) first in the section's output.
+// Sets the header record (today's date, this host) of the rotation the section starts.
 int adcdf_writeheaderrec(Context& ctx);
 
 }  // namespace adcdf

@@ -1,32 +1,98 @@
 #include "stream/line_reader.h"
 
-#include <fcntl.h>
+#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "support/error.h"
 
 namespace adcdf {
 
-FileSource::~FileSource() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-std::unique_ptr<FileSource> FileSource::open(const std::string& name) {
-  int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  return std::make_unique<FileSource>(fd, name);
+std::unique_ptr<FileSource> FileSource::open(const std::string& path, const std::string& name) {
+  try {
+    return std::make_unique<FileSource>(File::read_only(path), name);
+  } catch (const AdcdfError&) {
+    return nullptr;
+  }
 }
 
 size_t FileSource::read(char* buffer, size_t size) {
+  // read(), not pread(): the descriptor's offset shows how far the daemon has read.
   for (;;) {
-    ssize_t n = ::read(fd_, buffer, size);
-    if (n >= 0) return static_cast<size_t>(n);
+    ssize_t n = ::read(file_.fd(), buffer, size);
+    if (n >= 0) {
+      position_ += n;
+      return static_cast<size_t>(n);
+    }
     if (errno != EINTR) raise_file_error(kReasonRead, "cannot read", name_, errno);
   }
+}
+
+void FileSource::seek(long long offset) {
+  if (::lseek(file_.fd(), static_cast<off_t>(offset), SEEK_SET) < 0) {
+    raise_file_error(kReasonRead, "cannot seek in", name_, errno);
+  }
+  position_ = offset;
+}
+
+NameChange FileSource::look_at_name() {
+  std::optional<FileId> at_name = file_id(name_);
+  if (!at_name) return change_ = NameChange::kNone;
+  if (*at_name != id()) return change_ = NameChange::kReplaced;
+  return change_ = size() < position_ ? NameChange::kTruncated : NameChange::kNone;
+}
+
+bool FileSource::reopen_at_name() {
+  NameChange change = std::exchange(change_, NameChange::kNone);
+  if (change == NameChange::kNone) return false;
+  if (change == NameChange::kReplaced) {
+    // The name may have gone again meanwhile: go on with the old file and look again later.
+    auto now = open(name_, name_);
+    if (!now) return false;
+    file_ = std::move(now->file_);
+  }
+  seek(0);
+  return true;
+}
+
+std::unique_ptr<ByteSource> FileSource::find_renamed(FileId id) const {
+  size_t slash = name_.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : name_.substr(0, slash + 1);
+  DIR* listing = ::opendir(dir.c_str());
+  if (listing == nullptr) return nullptr;
+  std::unique_ptr<ByteSource> found;
+  while (const struct dirent* entry = ::readdir(listing)) {
+    if (entry->d_ino != id.ino) continue;
+    std::string path = (slash == std::string::npos ? "" : dir) + entry->d_name;
+    auto candidate = open(path, name_);
+    if (candidate && candidate->id() == id) {
+      found = std::move(candidate);
+      break;
+    }
+  }
+  ::closedir(listing);
+  return found;
+}
+
+void FileSource::adopt(ByteSource& other) {
+  file_ = std::move(static_cast<FileSource&>(other).file_);
+  change_ = NameChange::kNone;
+  seek(0);
+}
+
+const std::string& ByteSource::name() const {
+  static const std::string kNone;
+  return kNone;
+}
+
+size_t MemorySource::read_head(char* buffer, size_t size) {
+  size_t n = std::min(size, data_.size());
+  std::memcpy(buffer, data_.data(), n);
+  return n;
 }
 
 size_t MemorySource::read(char* buffer, size_t size) {
@@ -67,8 +133,24 @@ std::optional<std::string_view> LineReader::next() {
   }
 }
 
+std::optional<std::string_view> LineReader::rest() {
+  if (begin_ == end_) return std::nullopt;
+  const char* start = buffer_.get() + begin_;
+  size_t length = end_ - begin_;
+  if (first_nul_ < end_) length = first_nul_ - begin_;
+  begin_ = end_;
+  find_nul();
+  return std::string_view(start, length);
+}
+
+void LineReader::reset(long long offset) {
+  begin_ = end_ = first_nul_ = 0;
+  base_ = offset;
+}
+
 bool LineReader::fill() {
   if (begin_ > 0) {
+    base_ += static_cast<long long>(begin_);
     std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
     end_ -= begin_;
     first_nul_ -= begin_;

@@ -1,10 +1,10 @@
 // Everything one section produces, held until the section is complete.
 //
-// Records (with the header record of a new generation first, when the section's header asked
-// for one), the error-file entries of its skipped lines, and the rotation to carry out before
-// the records are written. The processing loop commits it when the converter returns and drops
-// it when the section is abandoned, so a stop or a crash never leaves part of a section in the
-// files, and a section either rotates the generations together with its records or not at all.
+// Records, the error-file entries of its skipped lines, and the rotation (with the new
+// generation's header record) to carry out before anything else is written. The processing loop
+// commits it when the converter returns and drops it when the section is abandoned, so a stop or a
+// crash never leaves part of a section in the files, and a section either rotates the generations
+// together with its records or not at all.
 #pragma once
 
 #include <optional>
@@ -18,6 +18,7 @@ namespace adcdf {
 struct RotationPlan {
   std::optional<std::string> remove;                         // the oldest generation, if present
   std::vector<std::pair<std::string, std::string>> renames;  // from, to; highest first
+  std::string header;                                        // the new generation's first record
 };
 
 struct SectionOutput {

@@ -30,7 +30,6 @@ bool day_changed(const EventTime& event, const LastDate& last) {
 
 int adcdf_get_generic(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_get_generic");
-  int result = 0;
   std::string_view line = ctx.next_section_line();
   if (line.empty() || line == kBlankLine) return 1;
 
@@ -63,16 +62,18 @@ int adcdf_get_generic(Context& ctx) {
     ctx.last = LastDate{};
   }
 
+  // A section before the checkpoint is in the output already: it leaves the last date as it
+  // was, so it cannot set the day back and make the next section start a generation again.
   if (ctx.event.glGMT < ctx.glGMTcheckpoint) {
-    result = 1;
     skip_loop(ctx);
-  } else if (day_changed(ctx.event, ctx.last)) {
-    adcdf_rename_files(ctx);
+    scope.done();
+    return 1;
   }
+  if (day_changed(ctx.event, ctx.last)) adcdf_rename_files(ctx);
   const EventTime& e = ctx.event;
   ctx.last = LastDate{e.giYear, e.giMonth, e.giDay, e.giHour, e.giMin, e.giSec};
   scope.done();
-  return result;
+  return 0;
 }
 
 }  // namespace adcdf

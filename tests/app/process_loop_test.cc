@@ -7,9 +7,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 
+#include "stream/restart.h"
 #include "test_support.h"
 
 namespace adcdf {
@@ -49,12 +51,12 @@ class ProcessLoop : public ::testing::Test {
     options.gszBaseFilename = dir.file("b");
   }
 
-  // The files named b.<suffix>, by suffix.
+  // The files named b.<suffix>, by suffix, but the position file.
   std::map<std::string, std::string> outputs() const {
     std::map<std::string, std::string> found;
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
       std::string name = entry.path().filename().string();
-      found[name.substr(2)] = dir.read(name);
+      if (name != "b.POS") found[name.substr(2)] = dir.read(name);
     }
     return found;
   }
@@ -173,15 +175,82 @@ TEST_F(ProcessLoop, RestoreCheckpointFromNewestRecord) {
   }
 }
 
-TEST_F(ProcessLoop, RestartSkipsBeforeCheckpointAndAppendsSameDay) {
-  dir.write("b.000", kHeader + record(kT1) + record(kT2) + "105,126,3");
-  Harness h(section(kT1) + section(kT2) + section(kT2 + 60), options);
-  adcdf_process_file(h.ctx);
-  EXPECT_EQ(outputs(),
-            (std::map<std::string, std::string>{
-                {"000", kHeader + record(kT1) + record(kT2) + record(kT2) + record(kT2 + 60)},
-                {"ERR", ""}}));
-  EXPECT_EQ(h.ctx.counters.giSubsysStart, 3);
+// A run stops, something may happen to the files, and a second run reads the grown audit file.
+// With a valid position it resumes where the first stopped, cutting off whatever follows the
+// recorded sizes, and the files equal those of one run; otherwise it falls back to the checkpoint
+// (the error file emptied, the newest record's second converted again).
+TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) {
+  const std::string first_part = section(kT1) + section(kT2, "subsystem 3\nuser sysadm\njunk\n");
+  const std::string added = section(kT2 + 60) + "bogus\n";
+  const std::string junk = "Skipped line: 10\nLine = junk\n\n";
+  const std::string bogus = "Unknown audit file section: line 17\nbogus\n\n";
+  // The records after the header record.
+  const std::string once = record(kT1) + record(kT2) + record(kT2 + 60);
+  const std::string again = record(kT1) + record(kT2) + record(kT2) + record(kT2 + 60);
+  auto corrupt_slot = [](const TempDir& d, size_t slot) {
+    std::string pos = d.read("b.POS");
+    pos[PositionFile::kPidLine + slot * PositionFile::kSlot + 40] ^= 1;
+    d.write("b.POS", pos);
+  };
+  const struct {
+    const char* name;
+    std::function<void(const TempDir&)> meddle;
+    std::string prefix;  // put before the audit file for the second run
+    bool noerr_before, noerr_after;
+    std::string current, errors;
+  } cases[] = {
+      {"resumes", [](const TempDir&) {}, "", false, false, once, junk + bogus},
+      {"cuts back what follows the position",
+       [](const TempDir& d) {
+         d.write("b.000", d.read("b.000") + record(kT2 + 30) + "105,126");
+         d.write("b.ERR", d.read("b.ERR") + "stray\n");
+       },
+       "", false, false, once, junk + bogus},
+      {"newest slot torn: the older one", [&](const TempDir& d) { corrupt_slot(d, 1); }, "", false,
+       false, once, junk + bogus},
+      {"without an error file, then with one", [](const TempDir&) {}, "", true, false, again,
+       junk + bogus},
+      {"with an error file, then without", [](const TempDir&) {}, "", false, true, once, junk},
+      {"both slots torn",
+       [&](const TempDir& d) {
+         corrupt_slot(d, 0);
+         corrupt_slot(d, 1);
+       },
+       "", false, false, again, junk + bogus},
+      {"current generation shorter",
+       [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", false, false,
+       record(kT1) + record(kT1) + record(kT2) + record(kT2 + 60), junk + bogus},
+      {"current generation replaced",
+       [](const TempDir& d) {
+         d.write("b.copy", d.read("b.000"));
+         std::filesystem::rename(d.file("b.copy"), d.file("b.000"));
+       },
+       "", false, false, again, junk + bogus},
+      {"error file missing", [](const TempDir& d) { std::filesystem::remove(d.file("b.ERR")); }, "",
+       false, false, again, junk + bogus},
+      {"audit file begins otherwise", [](const TempDir&) {}, "\n", false, false, again,
+       "Skipped line: 11\nLine = junk\n\nUnknown audit file section: line 18\nbogus\n\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir run_dir;
+    options.gszBaseFilename = run_dir.file("b");
+    options.noerr = c.noerr_before;
+    {
+      Harness h(first_part, options);
+      adcdf_process_file(h.ctx);
+    }
+    c.meddle(run_dir);
+    options.noerr = c.noerr_after;
+    options.debug = true;
+    Harness h(c.prefix + first_part + added, options);
+    adcdf_process_file(h.ctx);
+    options.debug = false;
+    EXPECT_EQ(after_header(run_dir.read("b.000")), c.current);
+    EXPECT_EQ(run_dir.read("b.ERR"), c.errors);
+    EXPECT_EQ(h.trace.text().find("Resuming at line 12 of the audit file\n") != std::string::npos,
+              c.current == once);
+  }
 }
 
 TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {

@@ -15,14 +15,16 @@ using testing::TempDir;
 struct PrefixCase {
   const char* line;
   int count;
-  std::vector<int> values;  // the first `count` values
+  std::vector<long> values;  // the first `count` values
 };
 
 TEST(ParsePrefix, ReadsEightIntegersAsScanfDoes) {
   const PrefixCase cases[] = {
       {"105,126,3,5,14,30,5,1772721005,3,0,\"x\"\n", 8, {105, 126, 3, 5, 14, 30, 5, 1772721005}},
       {" 101,\t+126,\n-3,5,6,7,8,9", 8, {101, 126, -3, 5, 6, 7, 8, 9}},
-      {"1,2,3,4,5,6,7,100000000000000", 8, {1, 2, 3, 4, 5, 6, 7, 276447232}},
+      // The event time keeps 64 bits (times after 2038 stay positive); the others are cut to 32.
+      {"1,2,3,4,5,6,7,100000000000000", 8, {1, 2, 3, 4, 5, 6, 7, 100000000000000}},
+      {"4294967401,2,3,4,5,6,7,2147483648", 8, {105, 2, 3, 4, 5, 6, 7, 2147483648}},
       {"1,2,3,4,5,6,7,-86400", 8, {1, 2, 3, 4, 5, 6, 7, -86400}},
       // Beyond 64 bits the value clamps first, then is cut to 32 bits.
       {"99999999999999999999999,-99999999999999999999999", 2, {-1, 0}},

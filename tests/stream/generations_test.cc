@@ -99,11 +99,21 @@ TEST(Generations, RotationRemovesOldestAndShiftsTheRest) {
     if (c.maxgen == 100) text.resize(std::min(text.size(), expected_trace.size()));
     EXPECT_EQ(text, expected_trace);
     EXPECT_EQ(files(dir), before) << "planning touches no file";
-    generations.rotate(plan, "new\n");
+    TempDir elsewhere;
+    PositionFile positions;
+    positions.lock(elsewhere.file("b.POS"));
+    plan.header = "new\n";
+    Position at;
+    at.offset = 77;
+    generations.rotate(plan, at, positions);
     generations.close();
     auto expected = c.after;
     expected["000"] = "new\n";
     EXPECT_EQ(files(dir), expected);
+    // The rotation records the position it was given, naming the new generation.
+    at.current_id = file_id(base + ".000").value();
+    at.current_size = 4;
+    EXPECT_EQ(positions.newest(), at);
   }
 }
 

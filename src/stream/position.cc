@@ -1,0 +1,124 @@
+#include "stream/position.h"
+
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "support/error.h"
+
+namespace adcdf {
+namespace {
+
+constexpr std::string_view kMagic = "ekadcdf-position 1\n";
+constexpr std::string_view kCheck = "check ";
+
+uint64_t checksum(std::string_view text) {
+  uint64_t hash = 14695981039346656037ULL;  // FNV-1a
+  for (char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+  return hash;
+}
+
+}  // namespace
+
+std::string encode_position(const Position& p, uint64_t sequence) {
+  char errors[32] = "-";
+  if (p.errors_size) std::snprintf(errors, sizeof errors, "%lld", *p.errors_size);
+  const LastDate& l = p.last;
+  char body[PositionFile::kSlot];
+  int n = std::snprintf(body, sizeof body,
+                        "%ssequence %" PRIu64 "\naudit %lld %d %" PRIu32 " %016" PRIx64 " %" PRIu64
+                        " %" PRIu64 "\ncurrent %" PRIu64 " %" PRIu64
+                        " %lld\nerrors %s\nlast %d %d %d %d %d %d\ncheckpoint %ld\n",
+                        kMagic.data(), sequence, p.offset, p.line, p.audit_head.length,
+                        p.audit_head.hash, p.audit_id.dev, p.audit_id.ino, p.current_id.dev,
+                        p.current_id.ino, p.current_size, errors, l.gilastyear, l.gilastmonth,
+                        l.gilastday, l.gilasthour, l.gilastmin, l.gilastsec, p.checkpoint);
+  std::string text(body, static_cast<size_t>(n));
+  char check[32];
+  std::snprintf(check, sizeof check, "%016" PRIx64 "\n", checksum(text));
+  return text.append(kCheck).append(check);
+}
+
+std::optional<std::pair<Position, uint64_t>> decode_position(std::string_view slot) {
+  size_t check_at = slot.find(kCheck);
+  if (!slot.starts_with(kMagic) || check_at == std::string_view::npos) return std::nullopt;
+  // The slot as a C string, for sscanf; blanks and the line feed after the check stay.
+  std::string text(slot.substr(0, std::min(slot.size(), check_at + 40)));
+  uint64_t check = 0;
+  if (std::sscanf(text.c_str() + check_at + kCheck.size(), "%16" SCNx64, &check) != 1 ||
+      check != checksum(slot.substr(0, check_at))) {
+    return std::nullopt;
+  }
+  Position p;
+  uint64_t sequence = 0;
+  char errors[32] = {};
+  LastDate& l = p.last;
+  int got = std::sscanf(
+      text.c_str() + kMagic.size(),
+      "sequence %" SCNu64 " audit %lld %d %" SCNu32 " %" SCNx64 " %" SCNu64 " %" SCNu64
+      " current %" SCNu64 " %" SCNu64 " %lld errors %31s last %d %d %d %d %d %d checkpoint %ld",
+      &sequence, &p.offset, &p.line, &p.audit_head.length, &p.audit_head.hash, &p.audit_id.dev,
+      &p.audit_id.ino, &p.current_id.dev, &p.current_id.ino, &p.current_size, errors, &l.gilastyear,
+      &l.gilastmonth, &l.gilastday, &l.gilasthour, &l.gilastmin, &l.gilastsec, &p.checkpoint);
+  if (got != 18) return std::nullopt;
+  if (std::strcmp(errors, "-") != 0) {
+    char* end = nullptr;
+    p.errors_size = std::strtoll(errors, &end, 10);
+    if (*end != '\0') return std::nullopt;
+  }
+  if (p.offset < 0 || p.current_size < 0 || (p.errors_size && *p.errors_size < 0)) {
+    return std::nullopt;
+  }
+  return std::pair{p, sequence};
+}
+
+void PositionFile::lock(const std::string& name) {
+  if (locked()) return;
+  File file = File::read_write_create(name);
+  if (::flock(file.fd(), LOCK_EX | LOCK_NB) != 0) {
+    int err = errno;
+    if (err != EWOULDBLOCK) raise_file_error(kReasonOpen, "cannot lock", name, err);
+    char line[kPidLine + 1] = {};
+    file.read_at(line, kPidLine, 0);
+    long pid = 0;
+    std::sscanf(line, "pid %ld", &pid);
+    throw AdcdfError(kGroupFile, kReasonLocked,
+                     name + " is held by process " + std::to_string(pid) +
+                         ", an ekadcdf already running on this base name");
+  }
+  std::string pid = "pid " + std::to_string(::getpid());
+  pid.resize(kPidLine - 1, ' ');
+  pid.push_back('\n');
+  file.write_at(pid, 0);
+  file_ = std::move(file);
+  read();
+}
+
+void PositionFile::read() {
+  char slots[2 * kSlot];
+  size_t got = file_.read_at(slots, sizeof slots, kPidLine);
+  for (size_t i = 0; i < 2; ++i) {
+    if (got < (i + 1) * kSlot) break;
+    auto decoded = decode_position(std::string_view(slots + i * kSlot, kSlot));
+    if (decoded && decoded->second >= sequence_) {
+      sequence_ = decoded->second;
+      newest_ = decoded->first;
+    }
+  }
+}
+
+void PositionFile::write(const Position& position, bool durable) {
+  std::string slot = encode_position(position, ++sequence_);
+  slot.resize(kSlot - 1, ' ');
+  slot.push_back('\n');
+  file_.write_at(slot, static_cast<long long>(kPidLine + ((sequence_ - 1) % 2) * kSlot));
+  if (durable) file_.sync();
+  newest_ = position;
+  written_at_ = std::chrono::steady_clock::now();
+}
+
+}  // namespace adcdf

@@ -1,0 +1,94 @@
+// Where the daemon stands: the position file <base>.POS.
+//
+// A position says how far the audit file has been handled and what the output files held then,
+// so that a restart cuts the output back to that state and reads on from there: nothing is lost
+// and nothing is converted twice, whatever stopped the previous run.
+//
+// The file holds a line with the process id of the daemon that holds it, then two fixed-size
+// slots. Each position is written whole into the slot the newer one does not occupy, with a
+// sequence number and a checksum, by one pwrite. A crash or power loss in the middle of a write
+// leaves that slot unreadable and the other one intact: the readable slot with the higher
+// sequence number is the position. No temporary file and no rename are needed.
+//
+// The daemon holds an exclusive flock on the file for as long as it runs; a second daemon on the
+// same base name finds the lock taken and refuses to start. The kernel drops the lock when the
+// process ends, however it ends.
+//
+// Slot format (text, padded with blanks to the slot size):
+//   ekadcdf-position 1
+//   sequence <n>
+//   audit <offset> <next line number> <fingerprint length> <fingerprint hash> <dev> <inode>
+//   current <dev> <inode> <size>              (<base>.000)
+//   errors <size>                             ("errors -" when run without an error file)
+//   last <year> <month> <day> <hour> <minute> <second>
+//   checkpoint <seconds>
+//   check <hash of the lines above>
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "stream/audit_input.h"
+#include "support/files.h"
+
+namespace adcdf {
+
+// Date and time of the last section whose header was decoded, in local time.
+struct LastDate {
+  int gilastyear = 0;
+  int gilastmonth = 0;
+  int gilastday = 0;
+  int gilasthour = 0;
+  int gilastmin = 0;
+  int gilastsec = 0;
+  bool operator==(const LastDate&) const = default;
+};
+
+struct Position {
+  long long offset = 0;  // the audit bytes handled
+  int line = 1;          // the number the next audit line will carry
+  Fingerprint audit_head;
+  FileId audit_id;  // only to find the audit file again after a rename, never to validate
+  FileId current_id;
+  long long current_size = 0;
+  std::optional<long long> errors_size;  // none when the run wrote no error file
+  LastDate last;
+  long checkpoint = 0;
+  bool operator==(const Position&) const = default;
+};
+
+// The slot text for `position` under sequence number `sequence`, without padding.
+std::string encode_position(const Position& position, uint64_t sequence);
+// A slot's position and sequence number; nothing when the slot is empty, torn or foreign.
+std::optional<std::pair<Position, uint64_t>> decode_position(std::string_view slot);
+
+class PositionFile {
+ public:
+  static constexpr size_t kSlot = 512;
+  static constexpr size_t kPidLine = 64;
+
+  // Opens (creating it if needed) and locks <base>.POS, records this process's id in it and
+  // reads its slots. Throws AdcdfError naming the daemon that holds it when the lock is taken.
+  void lock(const std::string& name);
+  bool locked() const { return file_.fd() >= 0; }
+
+  // The newest position: the newest readable slot, or the one written since.
+  const std::optional<Position>& newest() const { return newest_; }
+  // Writes `position` into the older slot; with `durable`, waits until it is on the disk.
+  void write(const Position& position, bool durable = false);
+  // When this run last wrote one.
+  std::chrono::steady_clock::time_point written_at() const { return written_at_; }
+
+ private:
+  void read();
+
+  File file_;
+  uint64_t sequence_ = 0;  // of the newest slot
+  std::optional<Position> newest_;
+  std::chrono::steady_clock::time_point written_at_;
+};
+
+}  // namespace adcdf

@@ -1,0 +1,170 @@
+#include "stream/restart.h"
+
+#include <string>
+
+#include "stream/checkpoint.h"
+
+namespace adcdf {
+namespace {
+
+void apply_prefix(Context& ctx, const PrefixValues& v) {
+  int* targets[] = {nullptr,
+                    &ctx.last.gilastyear,
+                    &ctx.last.gilastmonth,
+                    &ctx.last.gilastday,
+                    &ctx.last.gilasthour,
+                    &ctx.last.gilastmin,
+                    &ctx.last.gilastsec};
+  for (int i = 1; i < v.count && i < 7; ++i) {
+    *targets[i] = static_cast<int>(v.values[static_cast<size_t>(i)]);
+  }
+  if (v.count == 8) ctx.glGMTcheckpoint = v.values[7];
+}
+
+// The last line of <base>.000, which a start reads whether it resumes or not.
+PrefixValues last_line(const File& current) {
+  ReverseLineReader lines(current);
+  return parse_prefix(lines.previous().value_or(std::string()));
+}
+
+void report_unparsable(Context& ctx, const PrefixValues& last) {
+  if (!last.complete())
+    ctx.trace.write("Unable to parse date and time on last line of .000 file.\n");
+}
+
+// Whether `source` is the audit file the position was taken in.
+bool same_audit_file(ByteSource& source, const Position& at) {
+  return source.size() >= at.offset && fingerprint_of(source, at.offset) == at.audit_head;
+}
+
+// Checks a position against the files; on success the audit input reads the file the position
+// names (the one at the audit file's name, or the one it was renamed to).
+bool valid(Context& ctx, const Position& at) {
+  std::optional<FileId> current = file_id(ctx.generations.name(0));
+  if (!current || *current != at.current_id ||
+      File::read_only(ctx.generations.name(0)).size() < at.current_size) {
+    return false;
+  }
+  if (!ctx.options.noerr) {
+    const std::string errors = ctx.options.gszBaseFilename + ".ERR";
+    if (!at.errors_size || !file_exists(errors) ||
+        File::read_only(errors).size() < *at.errors_size) {
+      return false;
+    }
+  }
+  ByteSource& audit = ctx.input.source();
+  if (same_audit_file(audit, at)) return true;
+  std::unique_ptr<ByteSource> renamed = audit.find_renamed(at.audit_id);
+  if (!renamed || !same_audit_file(*renamed, at)) return false;
+  audit.adopt(*renamed);
+  return true;
+}
+
+void open_error_file(Context& ctx, const std::optional<Position>& resume) {
+  if (ctx.options.noerr) {
+    ctx.errlog = Appender(File::create("/dev/null"));
+    ctx.trace.printf("Opened error file: /dev/null\n");
+    return;
+  }
+  const std::string name = ctx.options.gszBaseFilename + ".ERR";
+  if (resume) {
+    ctx.errlog = Appender(File::append(name));
+    ctx.errlog.cut(*resume->errors_size);
+  } else {
+    ctx.errlog = Appender(File::create(name));
+  }
+  ctx.trace.printf("Opened error file: %s\n", name.c_str());
+}
+
+void resume_at(Context& ctx, const Position& at) {
+  const std::string current = ctx.generations.name(0);
+  ctx.trace.printf("File does exist: %s\n", current.c_str());
+  {
+    File file = File::read_write(current);
+    file.truncate(at.current_size);
+    report_unparsable(ctx, last_line(file));
+  }
+  ctx.last = at.last;
+  ctx.glGMTcheckpoint = at.checkpoint;
+  ctx.giLineno = at.line;
+  ctx.trace.printf("Check point time: %ld\n", ctx.glGMTcheckpoint);
+  ctx.trace.printf("Resuming at line %d of the audit file\n", ctx.giLineno);
+  ctx.input.start_at(at.offset);
+}
+
+}  // namespace
+
+void restore_checkpoint(Context& ctx) {
+  const std::string current = ctx.generations.name(0);
+  std::optional<PrefixValues> newest;
+  if (file_exists(current)) {
+    ctx.trace.printf("File does exist: %s\n", current.c_str());
+    File file = File::read_write(current);
+    ReverseLineReader lines(file);
+    if (lines.complete_end() < file.size()) file.truncate(lines.complete_end());
+    PrefixValues last = parse_prefix(lines.previous().value_or(std::string()));
+    report_unparsable(ctx, last);
+    apply_prefix(ctx, last);
+    newest = last.complete() && !last.is_header() ? std::optional(last) : newest_record(file);
+  } else {
+    ctx.trace.printf("File does not exist: %s\n", current.c_str());
+  }
+  for (int generation = 1; !newest && generation < 100; ++generation) {
+    std::string older = ctx.generations.name(generation);
+    if (file_exists(older)) newest = newest_record(File::read_only(older));
+  }
+  if (newest) {
+    ctx.last = LastDate{};
+    apply_prefix(ctx, *newest);
+  }
+}
+
+void start_run(Context& ctx) {
+  ctx.giLineno = 1;
+  ctx.last = LastDate{};
+  ctx.glGMTcheckpoint = 0;
+  ctx.positions.lock(ctx.options.gszBaseFilename + ".POS");
+  ctx.generations.recover(ctx.positions);
+  std::optional<Position> resume = ctx.positions.newest();
+  if (resume && !valid(ctx, *resume)) resume.reset();
+
+  open_error_file(ctx, resume);
+  ctx.trace.printf("Opening file: %s\n", ctx.generations.name(0).c_str());
+  if (resume) {
+    resume_at(ctx, *resume);
+  } else {
+    restore_checkpoint(ctx);
+    ctx.trace.printf("Check point time: %ld\n", ctx.glGMTcheckpoint);
+  }
+  ctx.generations.open_current();
+  ctx.mark_handled();
+  ctx.positions.write(position_now(ctx));
+}
+
+Position position_now(Context& ctx) {
+  Position at;
+  at.offset = ctx.handled.offset;
+  at.line = ctx.handled.line;
+  at.audit_head = ctx.input.fingerprint(at.offset);
+  at.audit_id = ctx.input.file_id();
+  at.current_id = ctx.generations.current().id();
+  at.current_size = ctx.generations.current().size();
+  if (!ctx.options.noerr) at.errors_size = ctx.errlog.size();
+  at.last = ctx.handled.last;
+  at.checkpoint = ctx.glGMTcheckpoint;
+  return at;
+}
+
+void keep_position(Context& ctx, PositionDue due) {
+  if (due == PositionDue::kAfterCommit &&
+      std::chrono::steady_clock::now() - ctx.positions.written_at() < std::chrono::seconds(1)) {
+    return;
+  }
+  Position at = position_now(ctx);
+  if (at == ctx.positions.newest()) return;
+  ctx.errlog.sync();
+  ctx.generations.current().sync();
+  ctx.positions.write(at);
+}
+
+}  // namespace adcdf
