@@ -138,11 +138,10 @@ std::vector<Case> cases() {
        {h + normal_record + subsystem_record(106, kAt1, "0", "u") + kProbeRecord, ""},
        ""},
 
-      // Before the checkpoint 0: skipped, but its date (1969-12-31) becomes the last section's,
-      // so the next section starts a new generation.
+      // Before the checkpoint 0: skipped, and the last date stays, so no new generation.
       {"a negative event time",
        normal + "subsystem-start\nh -86400\nuser n\n\n",
-       {h + kProbeRecord, h + normal_record, ""},
+       {h + normal_record + kProbeRecord, ""},
        ""},
 
       // Out of the 64-bit range (clamped) or of the clock's: skipped, the last date unchanged.
@@ -206,7 +205,7 @@ TEST(DaemonBadInput, CutOffSectionWaitsThroughALongIdleSpell) {
   ASSERT_TRUE(daemon.wait_file("cdf.000", first));
   ASSERT_TRUE(daemon.wait_err("waiting...\n"));
   const auto files = box.files();
-  const std::vector<std::string> names = {"audit", "cdf.000", "cdf.001", "cdf.ERR"};
+  const std::vector<std::string> names = {"audit", "cdf.000", "cdf.001", "cdf.ERR", "cdf.POS"};
 
   box.append("audit", "h 16999524");  // half a header line
   ASSERT_TRUE(daemon.wait_err("waiting...\n", 2));

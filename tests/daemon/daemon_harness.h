@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -51,12 +52,13 @@ inline size_t count_of(const std::string& text, const std::string& needle) {
   return n;
 }
 
-// Polls `condition` every 20 ms until it holds or `seconds` have passed.
-inline bool eventually(const std::function<bool()>& condition, double seconds = 20) {
+// Polls `condition` every `poll` seconds until it holds or `seconds` have passed.
+inline bool eventually(const std::function<bool()>& condition, double seconds = 20,
+                       double poll = 0.02) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return condition();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(std::chrono::duration<double>(poll));
   }
   return true;
 }
@@ -102,12 +104,14 @@ class Sandbox {
   void append(const std::string& name, const std::string& text) const {
     append_file(path(name), text);
   }
-  // Every file of the working directory whose name starts with `prefix`, with its content.
+  // Every file of the working directory whose name starts with `prefix`, with its content; the
+  // position file, whose content is the daemon's own business, is left out.
   std::map<std::string, std::string> files(const std::string& prefix = "cdf.") const {
     std::map<std::string, std::string> found;
     for (const auto& entry : fs::directory_iterator(work())) {
       std::string name = entry.path().filename().string();
-      if (name.rfind(prefix, 0) == 0) found[name] = read_file(entry.path());
+      if (name.rfind(prefix, 0) == 0 && !name.ends_with(".POS"))
+        found[name] = read_file(entry.path());
     }
     return found;
   }
@@ -158,6 +162,8 @@ class Daemon {
   Daemon& operator=(const Daemon&) = delete;
 
   pid_t pid() const { return pid_; }
+  // How many daemons the test has started: the number in the latest one's output file names.
+  static int runs() { return runs_; }
   std::string out() const { return read_file(out_); }
   std::string err() const { return read_file(err_); }
   void signal(int signo) const { ::kill(pid_, signo); }

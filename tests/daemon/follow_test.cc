@@ -100,8 +100,8 @@ TEST(DaemonFollow, SigtermInsideASectionThatChangesTheDayRotatesNothing) {
       expect_abandoned("subsystem-stop\nh 1700006400\nbogus line\n", "ldate = 1700006400\n", box);
   // The rotation was decided, and traced, when the header was read.
   EXPECT_EQ(count_of(err, "Looking for: cdf.000\n"), 2u);
-  // A restart reads the completed section again under the checkpoint rule: the first section
-  // (the checkpoint's second) is converted again, the second starts the new day's generation.
+  // A restart resumes at the abandoned section's name line: it converts that section once, into
+  // the new day's generation, and nothing before it again.
   box.append("audit", "\n");
   Daemon daemon(box, {"-a", "audit", "-b", "cdf"});
   const std::string rotated =
@@ -111,7 +111,7 @@ TEST(DaemonFollow, SigtermInsideASectionThatChangesTheDayRotatesNothing) {
   const std::string ann = "105,123,11,14,9,0,0,1699952400,0,0,0,0,\"ann\",\"\"," + kTail;
   EXPECT_EQ(box.files(), (std::map<std::string, std::string>{
                              {"cdf.000", rotated},
-                             {"cdf.001", header_record() + ann + ann},
+                             {"cdf.001", header_record() + ann},
                              {"cdf.002", ""},
                              {"cdf.ERR", "Skipped line: 7\nLine = bogus line\n\n"}}));
 }
@@ -150,6 +150,76 @@ TEST(DaemonFollow, Sigusr1StartsANewGenerationAtTheNextSection) {
                                                              {"cdf.002", header_record() + a},
                                                              {"cdf.003", ""},
                                                              {"cdf.ERR", ""}}));
+}
+
+// The mail server's log rotation, while the daemon runs and while it is stopped: the old file is
+// renamed away (and may still receive a late section, and end in an incomplete one) and a new one
+// created, or the file is copied and truncated in place. Every section reaches the output exactly
+// once, apart from what the rotation itself loses (an incomplete section, and with copytruncate
+// while stopped the file read again under the checkpoint).
+TEST(DaemonFollow, AuditFileRotatedByRenameOrTruncation) {
+  auto section = [](const std::string& user, long time) {
+    return "subsystem-start\nh " + std::to_string(time) + "\nuser " + user + "\n\n";
+  };
+  auto record = [](const std::string& user, long time) {
+    time_t t = time;
+    struct tm u {};
+    ::gmtime_r(&t, &u);
+    return "105,123,11,14," + std::to_string(u.tm_hour) + "," + std::to_string(u.tm_min) + "," +
+           std::to_string(u.tm_sec) + "," + std::to_string(time) + ",0,0,0,0,\"" + user +
+           "\",\"\"," + kTail;
+  };
+  constexpr long kT = 1699952400;  // 2023-11-14 09:00:00 UTC
+  // Two sections before the rotation, so that the new file is shorter than what was read.
+  const std::string before = section("ann", kT) + section("bob", kT + 1);
+  const std::string late = section("cy", kT + 2);  // into the old file after it was renamed
+  const std::string cut = "subsystem-start\nh " + std::to_string(kT + 3) + "\nuser cut\n";
+  const std::string fresh = section("di", kT + 4) + "bogus\n";
+  const std::string first = record("ann", kT) + record("bob", kT + 1);
+  const struct {
+    const char* name;
+    bool rename, running;
+    std::string output, errors, trace;
+  } cases[] = {
+      {"renamed while running", true, true, first + record("cy", kT + 2) + record("di", kT + 4),
+       "Incomplete section dropped at line 13\nUnknown audit file section: line 20\nbogus\n\n",
+       "Audit file replaced: reading audit from its start\n"},
+      {"truncated while running", false, true, first + record("di", kT + 4),
+       "Unknown audit file section: line 13\nbogus\n\n",
+       "Audit file truncated: reading audit from its start\n"},
+      {"renamed while stopped", true, false, first + record("cy", kT + 2) + record("di", kT + 4),
+       "Incomplete section dropped at line 13\nUnknown audit file section: line 20\nbogus\n\n",
+       "Resuming at line 9 of the audit file\n"},
+      // The position no longer fits: the new file is read under the checkpoint (the newest
+      // record), with the error file started afresh.
+      {"truncated while stopped", false, false, first + record("di", kT + 4),
+       "Unknown audit file section: line 5\nbogus\n\n", "Check point time: 1699952401\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Sandbox box;
+    box.write("audit", before);
+    std::optional<Daemon> daemon(std::in_place, box, kDebugArgs);
+    ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + first));
+    ASSERT_TRUE(daemon->wait_err("waiting...\n"));
+    if (!c.running) {
+      EXPECT_EQ(daemon->stop(), 0);
+    }
+    if (c.rename) {
+      fs::rename(box.path("audit"), box.path("audit.1"));
+      box.append("audit.1", late + cut);
+    } else {
+      box.write("audit.1", box.read("audit"));
+      fs::resize_file(box.path("audit"), 0);
+    }
+    box.append("audit", fresh);
+    if (!c.running) daemon.emplace(box, kDebugArgs);
+    ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + c.output)) << box.read("cdf.000");
+    ASSERT_TRUE(daemon->wait_err("Unknown audit file section"));
+    EXPECT_EQ(daemon->stop(), 0);
+    EXPECT_EQ(box.read("cdf.ERR"), c.errors);
+    EXPECT_NE(daemon->err().find(c.trace), std::string::npos) << daemon->err();
+  }
 }
 
 }  // namespace

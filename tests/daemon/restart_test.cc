@@ -53,80 +53,103 @@ TEST(DaemonRestart, ContinuesAfterTheNewestRecordOfTheCurrentGeneration) {
   EXPECT_EQ(daemon.out(), "");
 }
 
-// The prefix "105,<local date and time>,<seconds>," of `seconds` in UTC.
-std::string prefix(int type, long seconds) {
-  time_t t = seconds;
-  struct tm utc {};
-  ::gmtime_r(&t, &utc);
-  char text[80];
-  std::snprintf(text, sizeof text, "%d,%d,%d,%d,%d,%d,%d,%ld,", type, utc.tm_year, utc.tm_mon + 1,
-                utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, seconds);
-  return text;
+// Stopped or killed while idle right after the first section of a new day: the restart converts
+// nothing again and starts no generation again, and goes on as one run would.
+TEST(DaemonRestart, AfterTheFirstSecondOfADayNothingIsConvertedOrRotatedAgain) {
+  auto section = [](long time) {
+    return "subsystem-stop\nh " + std::to_string(time) + "\nsubsystem 4\n\n";
+  };
+  const std::string day_one = section(1699952400) + section(1699956000);
+  const std::string first_of_day_two = section(1700006400);
+  const std::string rest = section(1700006460);
+  Sandbox reference;
+  reference.write("audit", day_one + first_of_day_two + rest);
+  Daemon whole(reference, {"-a", "audit", "-b", "cdf", "-d"});
+  ASSERT_TRUE(whole.wait_err("waiting...\n"));
+  EXPECT_EQ(whole.stop(), 0);
+
+  for (int signo : {SIGTERM, SIGKILL}) {
+    SCOPED_TRACE(signo);
+    Sandbox box;
+    box.write("audit", day_one + first_of_day_two);
+    Daemon first(box, {"-a", "audit", "-b", "cdf", "-d"});
+    ASSERT_TRUE(first.wait_err("waiting...\n"));
+    const auto files = box.files();
+    first.signal(signo);
+    first.wait_exit();
+    Daemon second(box, {"-a", "audit", "-b", "cdf", "-d"});
+    ASSERT_TRUE(second.wait_err("waiting...\n"));
+    EXPECT_NE(second.err().find("Resuming at line 13 of the audit file\n"), std::string::npos);
+    EXPECT_EQ(box.files(), files);
+    box.append("audit", rest);
+    ASSERT_TRUE(second.wait_err("waiting...\n", 2));
+    EXPECT_EQ(second.stop(), 0);
+    EXPECT_EQ(box.files(), reference.files());
+  }
 }
 
-TEST(DaemonRestart, KilledMidRunLosesNoRecordAndTearsNone) {
-  constexpr long kFirst = 1699920000;  // 2023-11-14 00:00:00 UTC
-  constexpr int kSections = 20000;
-  std::string audit;
-  std::vector<std::string> expected;  // one entry per section: its three records
-  for (int i = 0; i < kSections; ++i) {
-    long t = kFirst + i;
-    audit += "routing\nh " + std::to_string(t) +
-             "\noriginator o/x\nrecipient-to r1\nack-req 1\nqueue LOCAL\nrecipient-cc r2\n"
-             "ack-req 0\nqueue ekx400-gw\nsubject s " +
-             std::to_string(i) + "\n\n";
-    std::string common = "\"O/X \",\" \",0,0,";
-    expected.push_back(prefix(101, t) + "0,0,0,0," + common + "x,\"\",0,0,x,\"\",\" \",\"s " +
-                       std::to_string(i) + "\",0,2\n" + prefix(503, t) + common +
-                       "0,1,\"LOCAL\",\"R1 \",1,0\n" + prefix(503, t) + common +
-                       "1,0,\"ekx400-gw\",\"R2 \",0,1\n");
+// Killed while it writes the records of a section with 300,000 recipients (one write of some
+// 30 MB): the restart cuts the part written off and converts the section again, so the section
+// is in the file once and whole.
+TEST(DaemonRestart, KilledInsideALargeWriteLeavesTheSectionWholeOnce) {
+  std::string audit = "routing\nh 1699952400\noriginator o/x\n";
+  for (int i = 0; i < 300000; ++i) {
+    audit += "recipient-to r" + std::to_string(i) + "\nack-req 1\nqueue LOCAL\n";
   }
+  audit += "subject big\n\nsubsystem-stop\nh 1699952460\nsubsystem 4\n\n";
+  Sandbox reference;
+  reference.write("audit", audit);
+  Daemon whole(reference, {"-a", "audit", "-b", "cdf"});
+  ASSERT_TRUE(eventually(
+      [&] { return reference.read("cdf.000").ends_with(",4,0,0,0,\" \",\"\"," + kTail); }, 60));
+  EXPECT_EQ(whole.stop(), 0);
+  const auto expected = reference.files();
+
   Sandbox box;
-  const size_t half = audit.find("routing\nh " + std::to_string(kFirst + kSections / 2) + "\n");
-  box.write("audit", audit.substr(0, half));
-  {
+  box.write("audit", audit);
+  int cut = 0;
+  auto current_size = [&] {
+    std::error_code error;
+    uintmax_t size = fs::file_size(box.path("cdf.000"), error);
+    return error ? 0 : size;
+  };
+  for (int trial = 0; trial < 3; ++trial) {
     Daemon daemon(box, {"-a", "audit", "-b", "cdf"});
-    // Kill it once a good part of the first half is in the file, while it is still writing.
-    ASSERT_TRUE(eventually(
-        [&] {
-          return fs::exists(box.path("cdf.000")) && fs::file_size(box.path("cdf.000")) > 500000;
-        },
-        60));
+    // Kill it as soon as the file grows past its header record, once the restart has cut off
+    // what the last trial left.
+    eventually([&] { return current_size() < 200; }, 60, 0.0001);
+    eventually([&] { return current_size() > 200; }, 60, 0.0001);
     daemon.signal(SIGKILL);
     EXPECT_EQ(daemon.wait_exit(), 128 + SIGKILL);
+    if (current_size() < expected.at("cdf.000").size()) ++cut;
   }
-  box.append("audit", audit.substr(half));
-  Daemon daemon(box, {"-a", "audit", "-b", "cdf"});
-  const std::string& last = expected.back();
-  ASSERT_TRUE(eventually(
-      [&] {
-        std::string out = box.read("cdf.000");
-        return out.size() >= last.size() &&
-               out.compare(out.size() - last.size(), last.size(), last) == 0;
-      },
-      60));
-  EXPECT_EQ(daemon.stop(), 0);
+  RecordProperty("kills_inside_the_write", cut);
+  EXPECT_GE(cut, 1);
+  Daemon last(box, {"-a", "audit", "-b", "cdf"});
+  ASSERT_TRUE(eventually([&] { return box.files() == expected; }, 60));
+  EXPECT_EQ(last.stop(), 0);
+  EXPECT_EQ(box.files(), expected);
+}
 
-  // Every section's records, in order, whole; only the section of the checkpoint's second may
-  // appear twice in a row (the records of the second the daemon was killed in are written again).
-  std::string out = box.read("cdf.000");
-  const std::string header = header_record();
-  ASSERT_EQ(out.compare(0, header.size(), header), 0);
-  size_t at = header.size();
-  int repeated = 0;
-  for (int i = 0; i < kSections; ++i) {
-    ASSERT_EQ(out.compare(at, expected[i].size(), expected[i]), 0)
-        << "section " << i << " at offset " << at << ": " << out.substr(at, 300);
-    at += expected[i].size();
-    if (out.compare(at, expected[i].size(), expected[i]) == 0) {
-      ++repeated;
-      at += expected[i].size();
-    }
-  }
-  EXPECT_EQ(at, out.size());
-  EXPECT_LE(repeated, 1);
-  EXPECT_EQ(box.read("cdf.001"), "");
-  EXPECT_EQ(box.read("cdf.ERR"), "");
+// A second daemon on the same base name refuses at once, names the running one and touches no
+// file; the first goes on.
+TEST(DaemonRestart, SecondDaemonOnTheSameBaseNameIsRefused) {
+  Sandbox box;
+  box.write("audit", "subsystem-stop\nh 1699952400\nsubsystem 4\n\n");
+  Daemon first(box, {"-a", "audit", "-b", "cdf"});
+  ASSERT_TRUE(first.wait_file(
+      "cdf.000", header_record() + "106,123,11,14,9,0,0,1699952400,4,0,0,0,\" \",\"\"," + kTail));
+  const auto files = box.files();
+  const std::string position = box.read("cdf.POS");
+  Daemon second(box, {"-a", "audit", "-b", "cdf", "-d"});
+  EXPECT_EQ(second.wait_exit(5), 1);
+  EXPECT_EQ(second.out(), "adcdf error: 1 9 file in use: cdf.POS is held by process " +
+                              std::to_string(first.pid()) +
+                              ", an ekadcdf already running on this base name\n");
+  EXPECT_EQ(box.files(), files);
+  EXPECT_EQ(box.read("cdf.POS"), position);
+  EXPECT_EQ(read_file(box.root() / "ekadcdf.pid"), std::to_string(first.pid()) + "\n");
+  EXPECT_EQ(first.stop(), 0);
 }
 
 }  // namespace
