@@ -137,7 +137,10 @@ def throughput(binary, audit, work, sections):
         if settled >= 3:
             break
     hwm_kib = proc_status_kib(proc.pid, "VmHWM")
-    outputs = [os.path.join(directory, n) for n in os.listdir(directory) if n.startswith("cdf.")]
+    # The generations and the error file; the position file is written once more when the
+    # daemon settles, after the last record.
+    outputs = [os.path.join(directory, n) for n in os.listdir(directory)
+               if n.startswith("cdf.") and n != "cdf.POS"]
     end_ns = max(os.stat(p).st_mtime_ns for p in outputs)
     status, cpu_seconds = stop(proc)
     generations = sorted(p for p in outputs if not p.endswith(".ERR"))

@@ -109,7 +109,10 @@ void check_outputs(const std::string& base_name, int maxgen, bool started_clean)
   for (const auto& entry : fs::directory_iterator(g_dir)) {
     const std::string name = entry.path().filename().string();
     if (name.starts_with(".")) fail("rotation side file left behind", entry.path(), name);
-    if (!name.starts_with(base_name + ".") || name == base_name + ".ERR") continue;
+    if (!name.starts_with(base_name + ".") || name == base_name + ".ERR" ||
+        name == base_name + ".POS") {
+      continue;
+    }
     ++generations;
     std::string text = read_file(entry.path());
     if (!text.empty() && text.back() != '\n') fail("torn last line", entry.path(), text);
@@ -193,8 +196,10 @@ RunResult run(const adcdf::Options& options, bool memory_trace, std::string init
     result.trace.assign(trace_text, trace_size);
     std::free(trace_text);
   }
+  // The position file's content (file identities, a process id) differs from run to run.
   for (const auto& entry : fs::directory_iterator(g_dir)) {
-    result.files[entry.path().filename().string()] = read_file(entry.path());
+    const std::string name = entry.path().filename().string();
+    if (!name.ends_with(".POS")) result.files[name] = read_file(entry.path());
   }
   return result;
 }
