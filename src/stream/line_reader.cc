@@ -33,15 +33,16 @@ size_t FileSource::read(char* buffer, size_t size) {
 }
 
 void FileSource::seek(long long offset) {
-  if (::lseek(file_.fd(), static_cast<off_t>(offset), SEEK_SET) < 0) {
-    raise_file_error(kReasonRead, "cannot seek in", name_, errno);
+  if (offset == position_) return;
+  if (!regular_ || ::lseek(file_.fd(), static_cast<off_t>(offset), SEEK_SET) < 0) {
+    raise_file_error(kReasonRead, "cannot seek in", name_, regular_ ? errno : ESPIPE);
   }
   position_ = offset;
 }
 
 NameChange FileSource::look_at_name() {
   std::optional<FileId> at_name = file_id(name_);
-  if (!at_name) return change_ = NameChange::kNone;
+  if (!regular_ || !at_name) return change_ = NameChange::kNone;
   if (*at_name != id()) return change_ = NameChange::kReplaced;
   return change_ = size() < position_ ? NameChange::kTruncated : NameChange::kNone;
 }

@@ -55,17 +55,20 @@ class ByteSource {
   virtual void adopt(ByteSource& /*other*/) {}
 };
 
-// The audit file, read through its descriptor. Owns the descriptor. `name` is the name it is
-// followed under, which may by now belong to another file.
+// The audit file, read through its descriptor. `name` is the name it is followed under, which
+// may by now belong to another file.
 class FileSource : public ByteSource {
  public:
-  FileSource(File file, std::string name) : file_(std::move(file)), name_(std::move(name)) {}
+  FileSource(File file, std::string name)
+      : file_(std::move(file)), name_(std::move(name)), regular_(file_.is_regular()) {}
   // Null when it cannot be opened.
   static std::unique_ptr<FileSource> open(const std::string& path, const std::string& name);
   static std::unique_ptr<FileSource> open(const std::string& name) { return open(name, name); }
   size_t read(char* buffer, size_t size) override;
   void seek(long long offset) override;
-  size_t read_head(char* buffer, size_t size) override { return file_.read_at(buffer, size, 0); }
+  size_t read_head(char* buffer, size_t size) override {
+    return regular_ ? file_.read_at(buffer, size, 0) : 0;
+  }
   long long size() override { return file_.size(); }
   FileId id() const override { return file_.id(); }
   NameChange look_at_name() override;
@@ -77,6 +80,8 @@ class FileSource : public ByteSource {
  private:
   File file_;
   std::string name_;
+  // A pipe or a terminal can neither be read again nor rotated: it is only read on.
+  bool regular_;
   long long position_ = 0;  // where the next read starts
   NameChange change_ = NameChange::kNone;
 };

@@ -117,6 +117,12 @@ FileId File::id() const {
   return {static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)};
 }
 
+bool File::is_regular() const {
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name_, errno);
+  return S_ISREG(st.st_mode);
+}
+
 void File::sync() {
   // EINVAL: a special file such as /dev/null, which has nothing to put on a disk.
   if (::fdatasync(fd_) != 0 && errno != EINVAL) {

@@ -52,6 +52,7 @@ class File {
   size_t read_at(char* buffer, size_t size, long long offset) const;
   long long size() const;
   FileId id() const;
+  bool is_regular() const;
   void truncate(long long length);
   // Waits until the data written so far is on the disk (fdatasync).
   void sync();
