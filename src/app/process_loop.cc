@@ -75,6 +75,7 @@ void commit_section(Context& ctx) {
   if (section.rotation) {
     // The position the rotation records: at this section's name line, with its date, so that a
     // restart there converts the section into the new generation without rotating again.
+    ctx.positions.drain();
     ctx.errlog.sync();
     Position at = position_now(ctx);
     at.last = ctx.last;
@@ -114,6 +115,7 @@ int adcdf_process_file(Context& ctx) {
   }
 
   keep_position(ctx, PositionDue::kSettled);
+  ctx.positions.drain();
   print_statistics(ctx);
   ctx.input.set_before_wait(nullptr);
   ctx.generations.close();

@@ -1,12 +1,15 @@
 #include "stream/position.h"
 
+#include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "support/error.h"
 
@@ -111,14 +114,79 @@ void PositionFile::read() {
   }
 }
 
+PositionFile::~PositionFile() {
+  if (!worker_.joinable()) return;
+  {
+    std::lock_guard lock(mutex_);
+    closing_ = true;
+  }
+  wake_.notify_one();
+  worker_.join();
+}
+
 void PositionFile::write(const Position& position, bool durable) {
+  drain();
+  put(position, durable);
+  newest_ = position;
+  written_at_ = std::chrono::steady_clock::now();
+}
+
+void PositionFile::put(const Position& position, bool durable) {
   std::string slot = encode_position(position, ++sequence_);
   slot.resize(kSlot - 1, ' ');
   slot.push_back('\n');
   file_.write_at(slot, static_cast<long long>(kPidLine + ((sequence_ - 1) % 2) * kSlot));
   if (durable) file_.sync();
+}
+
+void PositionFile::hand_over(const Position& position, const Appender& current,
+                             const Appender& errors) {
+  if (!worker_.joinable()) {
+    // Started with every signal blocked, which the thread keeps.
+    sigset_t all, previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    worker_ = std::thread([this] { work(); });
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  }
+  {
+    std::lock_guard lock(mutex_);
+    if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+    job_ = Job{position, current.fd(), errors.fd(), current.name(), errors.name()};
+  }
+  wake_.notify_one();
   newest_ = position;
   written_at_ = std::chrono::steady_clock::now();
+}
+
+void PositionFile::drain() {
+  std::unique_lock lock(mutex_);
+  idle_.wait(lock, [this] { return !job_ && !busy_; });
+  if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+}
+
+void PositionFile::work() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    wake_.wait(lock, [this] { return job_ || closing_; });
+    if (!job_) return;
+    Job job = std::move(*job_);
+    job_.reset();
+    busy_ = true;
+    lock.unlock();
+    try {
+      sync_descriptor(job.current_fd, job.current_name);
+      sync_descriptor(job.errors_fd, job.errors_name);
+      put(job.position, false);
+    } catch (...) {
+      lock.lock();
+      failure_ = std::current_exception();
+      lock.unlock();
+    }
+    lock.lock();
+    busy_ = false;
+    idle_.notify_all();
+  }
 }
 
 }  // namespace adcdf

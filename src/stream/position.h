@@ -14,6 +14,12 @@
 // same base name finds the lock taken and refuses to start. The kernel drops the lock when the
 // process ends, however it ends.
 //
+// A position is written only once the output it covers is on the disk. While the daemon catches
+// up, that sync waits for the disk to take a second's output; a worker thread does it, so the
+// conversion goes on meanwhile. It holds no signal (they all reach the main thread, whose sleep
+// they must cut short) and touches nothing but the descriptors it is given and this file; the main
+// thread waits for it before it renames or closes those files or writes a position itself.
+//
 // Slot format (text, padded with blanks to the slot size):
 //   ekadcdf-position 1
 //   sequence <n>
@@ -26,10 +32,14 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <exception>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "stream/audit_input.h"
 #include "support/files.h"
@@ -70,25 +80,54 @@ class PositionFile {
   static constexpr size_t kSlot = 512;
   static constexpr size_t kPidLine = 64;
 
+  PositionFile() = default;
+  ~PositionFile();
+  PositionFile(const PositionFile&) = delete;
+  PositionFile& operator=(const PositionFile&) = delete;
+
   // Opens (creating it if needed) and locks <base>.POS, records this process's id in it and
   // reads its slots. Throws AdcdfError naming the daemon that holds it when the lock is taken.
   void lock(const std::string& name);
   bool locked() const { return file_.fd() >= 0; }
 
-  // The newest position: the newest readable slot, or the one written since.
+  // The newest position: the newest readable slot, or the one written or handed over since.
   const std::optional<Position>& newest() const { return newest_; }
-  // Writes `position` into the older slot; with `durable`, waits until it is on the disk.
-  void write(const Position& position, bool durable = false);
-  // When this run last wrote one.
+  // When this run last wrote or handed over one.
   std::chrono::steady_clock::time_point written_at() const { return written_at_; }
 
+  // Writes `position` into the older slot now (after what was handed over is done); with
+  // `durable`, waits until it is on the disk.
+  void write(const Position& position, bool durable = false);
+  // Hands `position` to a worker thread, which syncs the two output files it covers (given by
+  // descriptor and name) and then writes it, while the daemon converts on. A position handed
+  // over while the worker is busy replaces the one waiting.
+  void hand_over(const Position& position, const Appender& current, const Appender& errors);
+  // Waits until the worker has written what it was given; rethrows its failure. Call before
+  // the output files it covers are closed or renamed.
+  void drain();
+
  private:
+  struct Job {
+    Position position;
+    int current_fd, errors_fd;
+    std::string current_name, errors_name;
+  };
   void read();
+  void put(const Position& position, bool durable);
+  void work();
 
   File file_;
   uint64_t sequence_ = 0;  // of the newest slot
   std::optional<Position> newest_;
   std::chrono::steady_clock::time_point written_at_;
+
+  std::thread worker_;
+  std::mutex mutex_;
+  std::condition_variable wake_, idle_;
+  std::optional<Job> job_;  // waiting for the worker
+  bool busy_ = false;       // the worker is on a job
+  bool closing_ = false;
+  std::exception_ptr failure_;
 };
 
 }  // namespace adcdf

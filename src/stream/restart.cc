@@ -161,10 +161,8 @@ void keep_position(Context& ctx, PositionDue due) {
     return;
   }
   Position at = position_now(ctx);
-  if (at == ctx.positions.newest()) return;
-  ctx.errlog.sync();
-  ctx.generations.current().sync();
-  ctx.positions.write(at);
+  if (at != ctx.positions.newest())
+    ctx.positions.hand_over(at, ctx.generations.current(), ctx.errlog);
 }
 
 }  // namespace adcdf

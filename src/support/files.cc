@@ -124,9 +124,13 @@ bool File::is_regular() const {
 }
 
 void File::sync() {
+  sync_descriptor(fd_, name_);
+}
+
+void sync_descriptor(int fd, const std::string& name) {
   // EINVAL: a special file such as /dev/null, which has nothing to put on a disk.
-  if (::fdatasync(fd_) != 0 && errno != EINVAL) {
-    raise_file_error(kReasonWrite, "cannot sync", name_, errno);
+  if (::fdatasync(fd) != 0 && errno != EINVAL) {
+    raise_file_error(kReasonWrite, "cannot sync", name, errno);
   }
 }
 

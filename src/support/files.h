@@ -75,6 +75,7 @@ class Appender {
   explicit Appender(File file) : file_(std::move(file)), size_(file_.size()) {}
 
   const std::string& name() const { return file_.name(); }
+  int fd() const { return file_.fd(); }
   bool is_open() const { return file_.fd() >= 0; }
   long long size() const { return size_; }
   FileId id() const { return file_.id(); }
@@ -92,6 +93,9 @@ class Appender {
   long long size_ = 0;
   bool unsynced_ = false;
 };
+
+// fdatasync of `fd`, the file `name`; nothing to do for special files such as /dev/null.
+void sync_descriptor(int fd, const std::string& name);
 
 bool file_exists(const std::string& name);
 // The file at `name`, or nothing when there is none.
