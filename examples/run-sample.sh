@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the daemon on the bundled sample audit file until it has converted everything, stops it
-# with SIGTERM and shows what it wrote.
+# Runs the daemon on the bundled sample audit file; with --once it stops by itself at the end of
+# the file. Then shows what it wrote.
 # Usage: examples/run-sample.sh [path/to/ekadcdf]
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -9,18 +9,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cp "$here/sample.audit" "$work/audit"
 cd "$work"
-# Debug mode writes "waiting..." once the end of the audit file is reached.
-TZ=UTC "$binary" -a audit -b cdf -d 2>stderr &
-pid=$!
-for _ in $(seq 1 100); do
-  grep -q '^waiting\.\.\.$' stderr 2>/dev/null && break
-  sleep 0.1
-done
-kill -TERM "$pid"
 status=0
-wait "$pid" || status=$?
+TZ=UTC "$binary" -a audit -b cdf -d --once 2>stderr || status=$?
 echo "ekadcdf exited with status $status"
-for f in cdf.*; do
+for f in cdf.0* cdf.ERR; do
   echo "=== $f"
   cat "$f"
 done

@@ -66,6 +66,8 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
       trace.set_debug(true);
     } else if (arg == "-e") {
       o.noerr = true;
+    } else if (arg == "--once") {
+      o.once = true;
     }
   }
   if (!audit_given) {
@@ -87,7 +89,8 @@ void adcdf_init_vars(Context& ctx) {
   ctx.gszInitNum = "0";
   ctx.gszInitString.clear();
   util_Signal(SIGUSR1, adcdf_sighandler1);
-  util_Signal(SIGTERM, adcdf_sighandler2);
+  // An interrupt from the terminal and a hang-up stop the daemon the way SIGTERM does.
+  for (int stop : {SIGTERM, SIGINT, SIGHUP}) util_Signal(stop, adcdf_sighandler2);
   scope.done();
 }
 

@@ -1,4 +1,5 @@
-// The command line: "ekadcdf -a auditfile -b basecdffile [-g maxgen] [-x] [-d] [-e]".
+// The command line: "ekadcdf -a auditfile -b basecdffile [-g maxgen] [-x] [-d] [-e]", and
+// "--once" anywhere among the arguments (stop at the end of the audit file).
 #pragma once
 
 #include <memory>
@@ -22,7 +23,8 @@ struct ParsedArgs {
 // process with status 2 (ProcessExit) when a name is missing or the audit file cannot be opened.
 ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace);
 
-// Zeroes the counters, sets the default texts and installs the SIGUSR1 and SIGTERM handlers.
+// Zeroes the counters, sets the default texts and installs the handlers of SIGUSR1 (a new
+// generation) and of SIGTERM, SIGINT and SIGHUP (stop).
 void adcdf_init_vars(Context& ctx);
 
 // "~/logs/audit" with "~" standing for $HOME (the empty string when it is unset).

@@ -1,7 +1,13 @@
 #include "app/outer_block.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <new>
+#include <string_view>
 
 #include "app/args.h"
 #include "app/process_loop.h"
@@ -22,13 +28,15 @@ int outer_block(int argc, char** argv, Tracer& trace) {
     throw ProcessExit{1};
   }
   ParsedArgs args = adcdf_parse_args(argc, argv, trace);
-  PollWaiter waiter(trace);
+  PollWaiter waiter(trace, args.options.once);
   AuditInput input(*args.audit, waiter, &trace);
   Context ctx(args.options, trace, input);
   adcdf_init_vars(ctx);
-  // One daemon per base name: the lock comes before the process-list entry and before any output
-  // file is opened, so a daemon refused here has touched nothing.
-  ctx.positions.lock(ctx.options.gszBaseFilename + ".POS");
+  // Every name is checked before any file is created. One daemon per base name: the lock comes
+  // before the process-list entry and before any output file is opened, so a daemon refused
+  // here has touched nothing.
+  ctx.generations.names().check(ctx.options.giMaxgen, ctx.options.noerr);
+  ctx.positions.lock(ctx.generations.names().position());
   const std::string program = util_BaseName(argv[0]);
   proc_RecordMyPid(program, ctx.options.gszBaseFilename);
   adcdf_process_file(ctx);
@@ -36,9 +44,31 @@ int outer_block(int argc, char** argv, Tracer& trace) {
   return 0;
 }
 
+// Descriptors 0, 1 and 2 that were closed at start point to /dev/null, so that no file the
+// daemon opens becomes its standard output or error and receives the trace.
+void open_standard_descriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
+      int null = ::open("/dev/null", O_RDWR);
+      if (null >= 0 && null != fd) ::close(null);
+    }
+  }
+}
+
 }  // namespace
 
 int run_daemon(int argc, char** argv) {
+  open_standard_descriptors();
+  // A trace reader that has gone away must not end the daemon: writes then simply fail.
+  std::signal(SIGPIPE, SIG_IGN);
+  if (argc == 2 && std::string_view(argv[1]) == "--version") {
+    std::printf("ekadcdf %s\n", EKADCDF_VERSION);
+    return 0;
+  }
+  if (argc == 2 && std::string_view(argv[1]) == "--help") {
+    std::fputs(kUsageText, stdout);
+    return 0;
+  }
   bContinue = 1;
   // Full buffering: the trace is flushed before every sleep and at exit.
   static char stderr_buffer[1 << 16];

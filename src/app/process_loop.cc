@@ -1,10 +1,13 @@
 #include "app/process_loop.h"
 
+#include <chrono>
+#include <cstdio>
 #include <string>
 
 #include "convert/dispatch.h"
 #include "record/record_writer.h"
 #include "stream/restart.h"
+#include "support/notify.h"
 
 namespace adcdf {
 namespace {
@@ -46,6 +49,40 @@ void report_cut_section(Context& ctx, int name_line) {
   entry.push_back('\n');
   ctx.errlog.append(entry);
 }
+
+// What the service manager is told (see support/notify.h): ready once the run has started, then
+// how far it has got, at most once a second, and that it stops.
+class Progress {
+ public:
+  explicit Progress(Context& ctx) : ctx_(ctx) {}
+
+  void ready() {
+    notifier_.send("READY=1");
+    status();
+  }
+  void update() {
+    if (!notifier_.active()) return;
+    notifier_.ping_watchdog();
+    if (std::chrono::steady_clock::now() - told_ >= std::chrono::seconds(1)) status();
+  }
+  void stopping() { notifier_.send("STOPPING=1"); }
+
+  int sections = 0;  // converted (or skipped under the checkpoint) in this run
+
+ private:
+  void status() {
+    if (!notifier_.active()) return;
+    char text[128];
+    std::snprintf(text, sizeof text, "STATUS=%d sections converted, at line %d of the audit file",
+                  sections, ctx_.handled.line);
+    notifier_.send(text);
+    told_ = std::chrono::steady_clock::now();
+  }
+
+  Context& ctx_;
+  Notifier notifier_;
+  std::chrono::steady_clock::time_point told_;
+};
 
 // Converts the section whose name line is in gszLine. False when a stop abandoned it.
 bool convert_section(Context& ctx, const SectionEntry& entry) {
@@ -91,7 +128,12 @@ void commit_section(Context& ctx) {
 int adcdf_process_file(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_process_file");
   start_run(ctx);
-  ctx.input.set_before_wait([&ctx] { keep_position(ctx, PositionDue::kSettled); });
+  Progress progress(ctx);
+  progress.ready();
+  ctx.input.set_before_wait([&ctx, &progress] {
+    keep_position(ctx, PositionDue::kSettled);
+    progress.update();
+  });
 
   while (ctx.input.keep_going()) {
     std::optional<std::string_view> line = ctx.input.read_line();
@@ -106,6 +148,8 @@ int adcdf_process_file(Context& ctx) {
       if (!convert_section(ctx, *entry)) break;
       ctx.mark_handled();
       keep_position(ctx, PositionDue::kAfterCommit);
+      ++progress.sections;
+      progress.update();
       continue;
     } else {
       report_unknown_section(ctx);
@@ -114,6 +158,7 @@ int adcdf_process_file(Context& ctx) {
     ctx.mark_handled();
   }
 
+  progress.stopping();
   keep_position(ctx, PositionDue::kSettled);
   ctx.positions.drain();
   print_statistics(ctx);

@@ -12,6 +12,10 @@ bool PollWaiter::keep_going() {
 }
 
 void PollWaiter::pause() {
+  if (once_) {
+    bContinue = 0;
+    return;
+  }
   trace_.printf("waiting...\n");
   trace_.flush();
   sleep_interruptible(2);

@@ -36,15 +36,17 @@ class Waiter {
   virtual void pause() = 0;
 };
 
-// The daemon's own policy: stop once SIGTERM has arrived, otherwise sleep 2 seconds.
+// The daemon's own policy: stop once a stop signal has arrived, otherwise sleep 2 seconds. With
+// `once`, the end of the file is the stop: as if SIGTERM arrived there, without the sleep.
 class PollWaiter : public Waiter {
  public:
-  explicit PollWaiter(Tracer& trace) : trace_(trace) {}
+  PollWaiter(Tracer& trace, bool once) : trace_(trace), once_(once) {}
   bool keep_going() override;
   void pause() override;
 
  private:
   Tracer& trace_;
+  bool once_;
 };
 
 // The beginning of an audit file by its content, so that a copy restored from a backup is still

@@ -26,6 +26,7 @@ struct Options {
   bool debug = false;
   bool gbUpshift = true;
   bool noerr = false;
+  bool once = false;  // stop at the end of the audit file
 };
 
 // Event time of the section in hand, in local time (year counted from 1900, month 1 to 12).

@@ -13,14 +13,6 @@ namespace {
 
 constexpr std::string_view kJournalEnd = "end";
 
-// A file beside the generations, hidden and outside the "<base>." names.
-std::string side_file(const std::string& base, const char* suffix) {
-  size_t slash = base.rfind('/');
-  std::string dir = slash == std::string::npos ? "" : base.substr(0, slash + 1);
-  std::string name = slash == std::string::npos ? base : base.substr(slash + 1);
-  return dir + "." + name + "-rotation." + suffix;
-}
-
 std::string read_whole(const std::string& name) {
   File file = File::read_only(name);
   std::string text(static_cast<size_t>(file.size()), '\0');
@@ -30,34 +22,23 @@ std::string read_whole(const std::string& name) {
 
 }  // namespace
 
-Generations::Generations(std::string base, int maxgen)
-    : base_(std::move(base)),
-      maxgen_(maxgen),
-      fresh_(side_file(base_, "new")),
-      doomed_(side_file(base_, "old")),
-      journal_(side_file(base_, "journal")) {}
-
-std::string Generations::name(int generation) const {
-  char suffix[16];
-  std::snprintf(suffix, sizeof suffix, ".%03d", generation);
-  return base_ + suffix;
-}
+Generations::Generations(std::string base, int maxgen) : names_(std::move(base)), maxgen_(maxgen) {}
 
 void Generations::open_current() {
-  current_ = Appender(File::append(name(0)));
+  current_ = Appender(File::append(names_.generation(0)));
 }
 
 RotationPlan Generations::plan(Tracer& trace) const {
   const int kept = std::max(maxgen_, 1);
   RotationPlan plan;
-  std::string oldest = name(kept - 1);
+  std::string oldest = names_.generation(kept - 1);
   trace.printf("Attempting to remove: %s\n", oldest.c_str());
   if (file_exists(oldest)) plan.remove = oldest;
   for (int i = kept - 2; i >= 0; --i) {
-    std::string search = name(i);
+    std::string search = names_.generation(i);
     trace.printf("Looking for: %s\n", search.c_str());
     if (file_exists(search)) {
-      std::string next = name(i + 1);
+      std::string next = names_.generation(i + 1);
       trace.printf("Attempting to rename %s to %s\n", search.c_str(), next.c_str());
       plan.renames.emplace_back(std::move(search), std::move(next));
     }
@@ -79,7 +60,7 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
   current_.sync();
   current_.close();
   {
-    File fresh = File::create(fresh_);
+    File fresh = File::create(names_.fresh());
     fresh.write_all(plan.header);
     fresh.sync();
     at.current_id = fresh.id();
@@ -87,9 +68,9 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
   }
 
   Steps steps;
-  if (plan.remove) steps.emplace_back(*plan.remove, doomed_);
+  if (plan.remove) steps.emplace_back(*plan.remove, names_.doomed());
   steps.insert(steps.end(), plan.renames.begin(), plan.renames.end());
-  steps.emplace_back(fresh_, name(0));
+  steps.emplace_back(names_.fresh(), names_.generation(0));
   std::string journal = encode_position(at, 0);
   journal.push_back('\0');
   for (const auto& [from, to] : steps) {
@@ -98,30 +79,30 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
   }
   journal.append(kJournalEnd);
   {
-    File file = File::create(journal_);
+    File file = File::create(names_.journal());
     file.write_all(journal);
     file.sync();
   }
 
   run_steps(steps);
-  sync_directory_of(journal_);
+  sync_directory_of(names_.journal());
   positions.write(at, true);
-  remove_file(journal_);
-  if (file_exists(doomed_)) remove_file(doomed_);
+  remove_file(names_.journal());
+  if (file_exists(names_.doomed())) remove_file(names_.doomed());
   open_current();
 }
 
 void Generations::recover(PositionFile& positions) {
-  if (file_exists(journal_)) {
-    std::string journal = read_whole(journal_);
+  if (file_exists(names_.journal())) {
+    std::string journal = read_whole(names_.journal());
+    const bool complete = journal.ends_with(kJournalEnd);
+    if (complete) journal.resize(journal.size() - kJournalEnd.size());
     size_t position_end = journal.find('\0');
     std::optional<std::pair<Position, uint64_t>> at;
-    if (position_end != std::string::npos) at = decode_position(journal.substr(0, position_end));
-    if (at && journal.ends_with(kJournalEnd)) {
-      journal.resize(journal.size() - kJournalEnd.size());
-      Steps steps;
-      size_t pos = position_end + 1;
-      while (pos < journal.size()) {
+    Steps steps;
+    if (position_end != std::string::npos) {
+      at = decode_position(journal.substr(0, position_end));
+      for (size_t pos = position_end + 1; pos < journal.size();) {
         size_t from_end = journal.find('\0', pos);
         size_t to_end = journal.find('\0', from_end + 1);
         if (from_end == std::string::npos || to_end == std::string::npos) break;
@@ -129,14 +110,26 @@ void Generations::recover(PositionFile& positions) {
                            journal.substr(from_end + 1, to_end - from_end - 1));
         pos = to_end + 1;
       }
+    }
+    // Only renames among this base name's own files are ever carried out: a journal that names
+    // anything else was not written by the daemon and stops it, with nothing moved.
+    for (const auto& [from, to] : steps) {
+      for (const std::string* name : {&from, &to}) {
+        if (!names_.is_generation_or_side(*name)) {
+          throw AdcdfError(kGroupFile, kReasonJournal,
+                           names_.journal() + " names " + *name + ", not a file of this base name");
+        }
+      }
+    }
+    if (at && complete) {
       run_steps(steps);
-      sync_directory_of(journal_);
+      sync_directory_of(names_.journal());
       positions.write(at->first, true);
     }
-    remove_file(journal_);
+    remove_file(names_.journal());
   }
-  if (file_exists(fresh_)) remove_file(fresh_);
-  if (file_exists(doomed_)) remove_file(doomed_);
+  if (file_exists(names_.fresh())) remove_file(names_.fresh());
+  if (file_exists(names_.doomed())) remove_file(names_.doomed());
 }
 
 std::string header_record(std::time_t now, std::string_view host) {

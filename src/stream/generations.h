@@ -31,6 +31,7 @@
 #include <utility>
 #include <vector>
 
+#include "stream/output_names.h"
 #include "stream/position.h"
 #include "stream/section_output.h"
 #include "support/files.h"
@@ -44,11 +45,14 @@ class Generations {
  public:
   Generations(std::string base, int maxgen);
 
-  // "<base>.%03d"
-  std::string name(int generation) const;
+  const OutputNames& names() const { return names_; }
+  std::string name(int generation) const { return names_.generation(generation); }
 
   // Finishes a rotation that a crash interrupted after its journal was complete, recording its
-  // position in `positions`, or discards one that had not begun.
+  // position in `positions`, or discards one that had not begun. A journal that names any file
+  // but this base name's generations and side files is refused (AdcdfError): nothing is moved. A
+  // journal that names any file but this base name's generations and side files is refused
+  // (AdcdfError), nothing moved.
   void recover(PositionFile& positions);
   // Opens the current generation for appending, creating it empty when it is missing.
   void open_current();
@@ -65,11 +69,8 @@ class Generations {
   using Steps = std::vector<std::pair<std::string, std::string>>;
   static void run_steps(const Steps& steps);
 
-  std::string base_;
+  OutputNames names_;
   int maxgen_;
-  std::string fresh_;    // the new generation while it is written
-  std::string doomed_;   // the oldest generation on its way out
-  std::string journal_;  // the renames of the rotation in progress
   Appender current_;
 };
 

@@ -14,7 +14,7 @@ namespace adcdf {
 
 std::unique_ptr<FileSource> FileSource::open(const std::string& path, const std::string& name) {
   try {
-    return std::make_unique<FileSource>(File::read_only(path), name);
+    return std::make_unique<FileSource>(File::read_only(path, true), name);
   } catch (const AdcdfError&) {
     return nullptr;
   }

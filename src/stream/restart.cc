@@ -46,7 +46,7 @@ bool valid(Context& ctx, const Position& at) {
     return false;
   }
   if (!ctx.options.noerr) {
-    const std::string errors = ctx.options.gszBaseFilename + ".ERR";
+    const std::string errors = ctx.generations.names().errors();
     if (!at.errors_size || !file_exists(errors) ||
         File::read_only(errors).size() < *at.errors_size) {
       return false;
@@ -66,7 +66,7 @@ void open_error_file(Context& ctx, const std::optional<Position>& resume) {
     ctx.trace.printf("Opened error file: /dev/null\n");
     return;
   }
-  const std::string name = ctx.options.gszBaseFilename + ".ERR";
+  const std::string name = ctx.generations.names().errors();
   if (resume) {
     ctx.errlog = Appender(File::append(name));
     ctx.errlog.cut(*resume->errors_size);
@@ -123,7 +123,7 @@ void start_run(Context& ctx) {
   ctx.giLineno = 1;
   ctx.last = LastDate{};
   ctx.glGMTcheckpoint = 0;
-  ctx.positions.lock(ctx.options.gszBaseFilename + ".POS");
+  ctx.positions.lock(ctx.generations.names().position());
   ctx.generations.recover(ctx.positions);
   std::optional<Position> resume = ctx.positions.newest();
   if (resume && !valid(ctx, *resume)) resume.reset();

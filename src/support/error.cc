@@ -35,6 +35,12 @@ std::string msg_GetAnyMsg(const AdcdfError& error) {
       case kReasonLocked:
         head = "file in use";
         break;
+      case kReasonLink:
+        head = "symbolic link refused";
+        break;
+      case kReasonJournal:
+        head = "foreign rotation journal";
+        break;
       default:
         break;
     }

@@ -29,6 +29,8 @@ enum ErrorReason : int {
   kReasonTruncate = 7,
   kReasonAlloc = 8,
   kReasonLocked = 9,
+  kReasonLink = 10,
+  kReasonJournal = 11,
 };
 
 class AdcdfError : public std::runtime_error {

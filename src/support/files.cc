@@ -34,29 +34,30 @@ File& File::operator=(File&& other) noexcept {
 File File::open_or_throw(const std::string& name, int flags) {
   if (int err = injected(FileOp::kOpen, name))
     raise_file_error(kReasonOpen, "cannot open", name, err);
-  int fd = ::open(name.c_str(), flags | O_CLOEXEC, 0666);
+  int fd = ::open(name.c_str(), flags | O_CLOEXEC, 0640);
+  if (fd < 0 && errno == ELOOP && (flags & O_NOFOLLOW)) refuse_link(name);
   if (fd < 0) raise_file_error(kReasonOpen, "cannot open", name, errno);
   return File(fd, name);
 }
 
 File File::append(const std::string& name) {
-  return open_or_throw(name, O_WRONLY | O_CREAT | O_APPEND);
+  return open_or_throw(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW);
 }
 
 File File::create(const std::string& name) {
-  return open_or_throw(name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+  return open_or_throw(name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW);
 }
 
 File File::read_write(const std::string& name) {
-  return open_or_throw(name, O_RDWR);
+  return open_or_throw(name, O_RDWR | O_NOFOLLOW);
 }
 
 File File::read_write_create(const std::string& name) {
-  return open_or_throw(name, O_RDWR | O_CREAT);
+  return open_or_throw(name, O_RDWR | O_CREAT | O_NOFOLLOW);
 }
 
-File File::read_only(const std::string& name) {
-  return open_or_throw(name, O_RDONLY);
+File File::read_only(const std::string& name, bool follow_links) {
+  return open_or_throw(name, O_RDONLY | (follow_links ? 0 : O_NOFOLLOW));
 }
 
 void File::write_all(std::string_view data) {
@@ -175,7 +176,15 @@ void Appender::sync() {
 }
 
 bool file_exists(const std::string& name) {
-  return ::access(name.c_str(), F_OK) == 0;
+  struct stat st {};
+  return ::lstat(name.c_str(), &st) == 0;
+}
+
+void refuse_link(const std::string& name) {
+  struct stat st {};
+  if (::lstat(name.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+    throw AdcdfError(kGroupFile, kReasonLink, name + " is a symbolic link");
+  }
 }
 
 std::optional<FileId> file_id(const std::string& name) {
@@ -195,6 +204,8 @@ void sync_directory_of(const std::string& name) {
 }
 
 void rename_file(const std::string& from, const std::string& to) {
+  refuse_link(from);
+  refuse_link(to);
   if (int err = injected(FileOp::kRename, from)) {
     raise_file_error(kReasonRename, "cannot rename to " + to + ":", from, err);
   }
@@ -203,6 +214,7 @@ void rename_file(const std::string& from, const std::string& to) {
 }
 
 void remove_file(const std::string& name) {
+  refuse_link(name);
   if (int err = injected(FileOp::kRemove, name)) {
     raise_file_error(kReasonRemove, "cannot remove", name, err);
   }

@@ -1,10 +1,15 @@
-// File operations for the output generations and the error file.
+// File operations for the output files.
 //
 // Every failure throws AdcdfError naming the file and the system's reason, so the caller never
 // has to check a result: a write that fails or writes short, a rename or removal that fails,
 // an open that fails all end the daemon through the outer block. Nothing is buffered here: a
 // write() call hands the bytes to the kernel, so once it returns they survive a crash of the
 // process.
+//
+// The daemon often runs as root in a directory other accounts may write to, so no symbolic link
+// is ever followed at a name it opens, creates, renames or removes: such a link is refused with
+// an error naming it, and left as it is. Files are created with mode 0640 (before the umask):
+// the records hold addresses.
 #pragma once
 
 #include <cstdint>
@@ -38,8 +43,8 @@ class File {
   static File read_write(const std::string& name);
   // Opens for reading and writing, creating an empty file when there is none.
   static File read_write_create(const std::string& name);
-  // Opens for reading.
-  static File read_only(const std::string& name);
+  // Opens for reading; `follow_links` for a file the daemon only reads (the audit file).
+  static File read_only(const std::string& name, bool follow_links = false);
 
   int fd() const { return fd_; }
   const std::string& name() const { return name_; }
@@ -97,11 +102,15 @@ class Appender {
 // fdatasync of `fd`, the file `name`; nothing to do for special files such as /dev/null.
 void sync_descriptor(int fd, const std::string& name);
 
+// Whether a file, or anything else (a link too), has the name.
 bool file_exists(const std::string& name);
+// Throws AdcdfError when `name` is a symbolic link.
+void refuse_link(const std::string& name);
 // The file at `name`, or nothing when there is none.
 std::optional<FileId> file_id(const std::string& name);
 // Makes the renames and removals done in the directory of `name` durable.
 void sync_directory_of(const std::string& name);
+// Both refuse symbolic links at the names they are given.
 void rename_file(const std::string& from, const std::string& to);
 void remove_file(const std::string& name);
 

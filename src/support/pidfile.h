@@ -1,7 +1,8 @@
 // The daemon's entry in the process list: a file holding its process id, named after the
 // program, in $RUNTIME_DIRECTORY (set by systemd's RuntimeDirectory=) or else /tmp. Recording is
 // best effort: a failure is not fatal, and a name that would fall under the output files'
-// prefix is never used.
+// prefix is never used. The entry is created exclusively and never through a symbolic link; an
+// entry left by a process that no longer runs is replaced, anything else there is left alone.
 #pragma once
 
 #include <string>

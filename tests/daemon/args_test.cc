@@ -21,9 +21,10 @@ struct BadCommandLine {
   std::vector<std::string> args;
   std::string message;
   int status;
+  std::string out = "";
 };
 
-TEST(DaemonArgs, BadCommandLinesEndWithTheirMessageAndStatus) {
+TEST(DaemonArgs, CommandLinesThatConvertNothingEndWithTheirMessageAndStatus) {
   const std::string kNoAudit = "\nAuditFile name missing.\n";
   const std::string kNoBase = "\nBaseFile name missing.\n";
   const std::string kCannotOpen = "\nFailed to open the audit file.\n";
@@ -39,6 +40,10 @@ TEST(DaemonArgs, BadCommandLinesEndWithTheirMessageAndStatus) {
       {{"-a", "audit", "-a", "missing", "-b", "cdf"}, kCannotOpen, 2},
       // Without "-a" the default under $HOME is opened, and it does not exist.
       {{"-b", "cdf", "-d"}, kCannotOpen, 2},
+      // Alone, these two answer on standard output; among other arguments they are ignored.
+      {{"--help"}, "", 0, kUsage},
+      {{"--version"}, "", 0, "ekadcdf 0.1.0\n"},
+      {{"--version", "-d"}, kCannotOpen, 2},
   };
   for (const auto& c : cases) {
     std::string shown;
@@ -49,7 +54,7 @@ TEST(DaemonArgs, BadCommandLinesEndWithTheirMessageAndStatus) {
     Daemon daemon(box, c.args, {.home = box.root().string()});
     EXPECT_EQ(daemon.wait_exit(), c.status);
     EXPECT_EQ(daemon.err(), c.message);
-    EXPECT_EQ(daemon.out(), "");
+    EXPECT_EQ(daemon.out(), c.out);
     // Nothing but the audit file is opened before the arguments are accepted.
     EXPECT_TRUE(box.files("").size() == 1) << "files were created";
   }
@@ -79,26 +84,29 @@ TEST(DaemonArgs, DefaultAuditFileUnderHomeAndTheArgumentSummary) {
   EXPECT_EQ(daemon.out(), "");
 }
 
-TEST(DaemonArgs, MaxgenValuesAreShownAsParsed) {
-  // {value of -g, the summary's value}: not a number gives 0, negative values stay negative,
-  // 100 is the largest.
-  const std::pair<std::string, std::string> cases[] = {{"abc", "0"}, {"-3", "-3"}, {"101", "100"}};
-  for (const auto& [value, shown] : cases) {
-    SCOPED_TRACE(value);
+// With "--once" (anywhere) the daemon stops by itself at the end of the audit file, as if
+// SIGTERM had come while it waited there: statistics, status 0, no "waiting..." line.
+TEST(DaemonArgs, MaxgenValuesAreShownAsParsedAndOnceStopsAtTheEnd) {
+  // {arguments after -d, the summary's value}: not a number gives 0, negative values stay
+  // negative, 100 is the largest; "-g" as the last argument, with no value, leaves the default.
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--once", "-g", "abc"}, "0"},
+      {{"-g", "-3", "--once"}, "-3"},
+      {{"-g", "101", "--once"}, "100"},
+      {{"--once", "-g"}, "7"}};
+  for (const auto& [more, shown] : cases) {
+    SCOPED_TRACE(shown);
     Sandbox box;
-    box.write("audit", "");
-    Daemon daemon(box, {"-d", "-a", "audit", "-e", "-b", "cdf", "-g", value});
-    ASSERT_TRUE(daemon.wait_err("waiting...\n"));
-    EXPECT_EQ(daemon.stop(), 0);
-    EXPECT_NE(daemon.err().find(" Maxgenerations    = " + shown + "\n"), std::string::npos);
+    box.write("audit", "bogus\n");
+    std::vector<std::string> args = {"-a", "audit", "-e", "-b", "cdf", "-d"};
+    args.insert(args.end(), more.begin(), more.end());
+    Daemon daemon(box, args);
+    EXPECT_EQ(daemon.wait_exit(), 0);
+    const std::string err = daemon.err();
+    EXPECT_NE(err.find(" Maxgenerations    = " + shown + "\n"), std::string::npos);
+    EXPECT_EQ(err.find("waiting..."), std::string::npos);
+    EXPECT_NE(err.find("gszLine: \n\n" + statistics({})), std::string::npos) << err;
   }
-  // "-g" as the last argument, with no value, leaves the default.
-  Sandbox box;
-  box.write("audit", "");
-  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d", "-g"});
-  ASSERT_TRUE(daemon.wait_err("waiting...\n"));
-  EXPECT_EQ(daemon.stop(), 0);
-  EXPECT_NE(daemon.err().find(" Maxgenerations    = 7\n"), std::string::npos);
 }
 
 }  // namespace

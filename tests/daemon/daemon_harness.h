@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -123,6 +124,10 @@ class Sandbox {
 struct Env {
   std::string tz = "UTC";
   std::optional<std::string> home = std::nullopt;
+  std::vector<std::string> more = {};  // further NAME=value entries
+  bool closed_standard = false;        // start with descriptors 0, 1 and 2 closed
+  int stderr_fd = -1;                  // standard error on this descriptor, not a file
+  mode_t umask = 022;
 };
 
 class Daemon {
@@ -134,6 +139,7 @@ class Daemon {
     std::vector<std::string> environment = {"TZ=" + env.tz,
                                             "RUNTIME_DIRECTORY=" + box.root().string()};
     if (env.home) environment.push_back("HOME=" + *env.home);
+    environment.insert(environment.end(), env.more.begin(), env.more.end());
     args.insert(args.begin(), EKADCDF_BINARY);
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -146,7 +152,11 @@ class Daemon {
       int err = ::open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       if (out < 0 || err < 0 || ::chdir(box.work().c_str()) != 0) ::_exit(127);
       ::dup2(out, 1);
-      ::dup2(err, 2);
+      ::dup2(env.stderr_fd >= 0 ? env.stderr_fd : err, 2);
+      ::umask(env.umask);
+      if (env.closed_standard) {
+        for (int fd = 0; fd <= 2; ++fd) ::close(fd);
+      }
       ::execve(argv[0], argv.data(), envp.data());
       ::_exit(127);
     }

@@ -140,14 +140,14 @@ TEST(DaemonRestart, SecondDaemonOnTheSameBaseNameIsRefused) {
   ASSERT_TRUE(first.wait_file(
       "cdf.000", header_record() + "106,123,11,14,9,0,0,1699952400,4,0,0,0,\" \",\"\"," + kTail));
   const auto files = box.files();
-  const std::string position = box.read("cdf.POS");
   Daemon second(box, {"-a", "audit", "-b", "cdf", "-d"});
   EXPECT_EQ(second.wait_exit(5), 1);
   EXPECT_EQ(second.out(), "adcdf error: 1 9 file in use: cdf.POS is held by process " +
                               std::to_string(first.pid()) +
                               ", an ekadcdf already running on this base name\n");
   EXPECT_EQ(box.files(), files);
-  EXPECT_EQ(box.read("cdf.POS"), position);
+  // The position file still names the first daemon as its holder.
+  EXPECT_TRUE(box.read("cdf.POS").starts_with("pid " + std::to_string(first.pid()) + " "));
   EXPECT_EQ(read_file(box.root() / "ekadcdf.pid"), std::to_string(first.pid()) + "\n");
   EXPECT_EQ(first.stop(), 0);
 }

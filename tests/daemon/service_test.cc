@@ -1,0 +1,165 @@
+// The daemon as a long-running service in a hostile environment: closed standard descriptors, a
+// trace reader that went away, stop signals, symbolic links planted at its file names, a planted
+// rotation journal, a base name too long to rotate, the modes of what it creates; and what it
+// tells the service manager.
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "daemon_harness.h"
+
+namespace daemon_test {
+namespace {
+
+const std::string kTail = "0,0,0,\"\",0,0,0,\"\",\"\"\n";
+const std::string kSection = "subsystem-stop\nh 1699952400\nsubsystem 4\n\n";
+const std::string kRecord = "106,123,11,14,9,0,0,1699952400,4,0,0,0,\" \",\"\"," + kTail;
+const std::string kNextDay = "subsystem-stop\nh 1700038800\nsubsystem 5\n\n";
+
+TEST(DaemonService, ClosedDescriptorsAndADeadTracePipeChangeNoRecord) {
+  {
+    Sandbox box;
+    box.write("audit", kSection);
+    Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d", "--once"}, {.closed_standard = true});
+    EXPECT_EQ(daemon.wait_exit(), 0);
+    EXPECT_EQ(box.read("cdf.000"), header_record() + kRecord);
+  }
+  Sandbox box;
+  box.write("audit", kSection);
+  int pipe_fds[2];
+  ASSERT_EQ(::pipe(pipe_fds), 0);
+  ::close(pipe_fds[0]);  // the reader is gone before the daemon writes a line
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"}, {.stderr_fd = pipe_fds[1]});
+  ::close(pipe_fds[1]);
+  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord));
+  box.append("audit", kSection);
+  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord + kRecord));
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST(DaemonService, SigintAndSighupStopAsSigtermDoes) {
+  for (int signo : {SIGINT, SIGHUP}) {
+    SCOPED_TRACE(signo);
+    Sandbox box;
+    box.write("audit", kSection);
+    Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
+    ASSERT_TRUE(daemon.wait_err("waiting...\n"));
+    daemon.signal(signo);
+    EXPECT_EQ(daemon.wait_exit(), 0);
+    EXPECT_NE(daemon.err().find(statistics({{"Subsystem-stop", 1}})), std::string::npos);
+    EXPECT_FALSE(fs::exists(box.root() / "ekadcdf.pid"));
+  }
+}
+
+// A link at any name the daemon writes, renames or removes is refused with an error naming it,
+// and nothing is written through it; at the process-list entry it is only passed over.
+TEST(DaemonService, SymbolicLinksAtItsNamesAreRefused) {
+  const struct {
+    const char* name;
+    bool fatal;
+    bool while_running;  // planted after start, before a rotation moves that name
+  } cases[] = {
+      {"cdf.000", true, false},
+      {"cdf.001", true, false},
+      {"cdf.ERR", true, false},
+      {"cdf.POS", true, false},
+      {".cdf-rotation.new", true, false},
+      {"../ekadcdf.pid", false, false},
+      {"cdf.001", true, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.name) + (c.while_running ? " while running" : ""));
+    Sandbox box;
+    box.write("audit", kSection);
+    write_file(box.root() / "victim", "precious\n");
+    auto plant = [&] { fs::create_symlink(box.root() / "victim", box.path(c.name)); };
+    if (!c.while_running) plant();
+    Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-g", "3"});
+    if (c.while_running) {
+      ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord));
+      fs::remove(box.path("cdf.001"));
+      plant();
+      box.append("audit", kNextDay);
+    }
+    if (c.fatal) {
+      EXPECT_EQ(daemon.wait_exit(), 1);
+      EXPECT_EQ(daemon.out(), "adcdf error: 1 10 symbolic link refused: " + std::string(c.name) +
+                                  " is a symbolic link\n");
+    } else {
+      ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord));
+      EXPECT_EQ(daemon.stop(), 0);
+    }
+    EXPECT_TRUE(fs::is_symlink(box.path(c.name)));
+    EXPECT_EQ(read_file(box.root() / "victim"), "precious\n");
+  }
+}
+
+TEST(DaemonService, ForeignJournalAndOverlongBaseNameStopItBeforeAnyChange) {
+  {
+    Sandbox box;
+    box.write("audit", kSection);
+    write_file(box.root() / "victim", "precious\n");
+    const std::string journal = std::string("-\0cdf.000\0", 10) + (box.root() / "victim").string() +
+                                std::string("\0", 1) + "end";
+    box.write(".cdf-rotation.journal", journal);
+    Daemon daemon(box, {"-a", "audit", "-b", "cdf"});
+    EXPECT_EQ(daemon.wait_exit(), 1);
+    EXPECT_EQ(daemon.out(),
+              "adcdf error: 1 11 foreign rotation journal: .cdf-rotation.journal names " +
+                  (box.root() / "victim").string() + ", not a file of this base name\n");
+    EXPECT_EQ(read_file(box.root() / "victim"), "precious\n");
+    EXPECT_EQ(box.read(".cdf-rotation.journal"), journal);
+  }
+  // Its rotation journal's name would be too long: refused before the lock is taken.
+  Sandbox box;
+  box.write("audit", kSection);
+  const std::string base(240, 'b');
+  Daemon daemon(box, {"-a", "audit", "-b", base});
+  EXPECT_EQ(daemon.wait_exit(), 1);
+  EXPECT_EQ(daemon.out(), "adcdf error: 1 1 file open failed: cannot create ." + base +
+                              "-rotation.journal: File name too long\n");
+  EXPECT_EQ(box.files("").size(), 1u);
+}
+
+TEST(DaemonService, CreatedFilesAreNotReadableByOthers) {
+  Sandbox box;
+  box.write("audit", kSection + kNextDay);
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf"}, {.umask = 0});
+  ASSERT_TRUE(eventually([&] { return box.read("cdf.001") == header_record() + kRecord; }));
+  EXPECT_EQ(daemon.stop(), 0);
+  for (const char* name : {"cdf.000", "cdf.001", "cdf.002", "cdf.ERR", "cdf.POS"}) {
+    EXPECT_EQ(fs::status(box.path(name)).permissions(),
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read)
+        << name;
+  }
+}
+
+// Under systemd with Type=notify: READY=1 once the run has started, a first status at once,
+// watchdog pings when the unit asks for them, and STOPPING=1 at the stop.
+TEST(DaemonService, TellsTheServiceManagerItIsReadyHowFarItIsAndThatItStops) {
+  Sandbox box;
+  box.write("audit", kSection);
+  const std::string address = (box.root() / "notify").string();
+  int socket_fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  std::snprintf(name.sun_path, sizeof name.sun_path, "%s", address.c_str());
+  ASSERT_EQ(::bind(socket_fd, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"},
+                {.more = {"NOTIFY_SOCKET=" + address, "WATCHDOG_USEC=1000000"}});
+  ASSERT_TRUE(daemon.wait_err("waiting...\n", 2));
+  EXPECT_EQ(daemon.stop(), 0);
+  std::vector<std::string> messages;
+  char buffer[512];
+  for (ssize_t n; (n = ::recv(socket_fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) {
+    messages.emplace_back(buffer, static_cast<size_t>(n));
+  }
+  ::close(socket_fd);
+  ASSERT_GE(messages.size(), 4u);
+  EXPECT_EQ(messages[0], "READY=1");
+  EXPECT_EQ(messages[1], "STATUS=0 sections converted, at line 1 of the audit file");
+  EXPECT_NE(std::find(messages.begin(), messages.end(), "WATCHDOG=1"), messages.end());
+  EXPECT_EQ(messages.back(), "STOPPING=1");
+}
+
+}  // namespace
+}  // namespace daemon_test
