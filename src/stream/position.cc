@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "support/error.h"
@@ -146,7 +147,16 @@ void PositionFile::hand_over(const Position& position, const Appender& current,
     sigset_t all, previous;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &previous);
-    worker_ = std::thread([this] { work(); });
+    try {
+      worker_ = std::thread([this] { work(); });
+    } catch (const std::system_error&) {
+      // No thread to be had (a sandbox may forbid it): do the work here and now.
+      pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+      sync_descriptor(current.fd(), current.name());
+      sync_descriptor(errors.fd(), errors.name());
+      write(position);
+      return;
+    }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   }
   {
