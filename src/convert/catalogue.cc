@@ -40,15 +40,16 @@ bool is_integer(std::string_view text) {
 
 RecordColumn describe(const Column& column, const ColumnName& name, std::span<const Field> fields,
                       size_t number) {
-  RecordColumn out{std::string(name.name), false, 0, ValueType::kInteger, false, {}};
+  RecordColumn out{std::string(name.name), false, 0, ValueType::kInteger, false, {}, false};
   auto field = [&](bool quoted) {
     out.quoted = quoted;
     out.width = fields[static_cast<size_t>(column.field)].limit;
     if (quoted || name.words) out.type = ValueType::kText;
   };
-  auto fixed = [&](bool quoted, size_t width) {
+  auto fixed = [&](bool quoted, size_t width, bool number = false) {
     out.quoted = quoted;
     out.width = width;
+    out.number = number;
     if (quoted) out.type = ValueType::kText;
   };
   switch (column.kind) {
@@ -72,12 +73,12 @@ RecordColumn describe(const Column& column, const ColumnName& name, std::span<co
       break;
     case Col::kCount:
     case Col::kReason:
-      fixed(false, kIntWidth);
+      fixed(false, kIntWidth, true);
       break;
     case Col::kCategory:
     case Col::kLocal:
     case Col::kGateway:
-      fixed(false, 1);
+      fixed(false, 1, true);
       break;
     case Col::kAckReq:
       fixed(false, kAckReqLimit);
@@ -106,7 +107,8 @@ void add(std::vector<RecordType>& types, const Layout* layout, std::span<const F
                              i + 1 == kCommonColumns ? kLongWidth : kIntWidth,
                              ValueType::kInteger,
                              false,
-                             {}});
+                             {},
+                             true});
   }
   for (size_t i = 0; i < layout->columns.size(); ++i) {
     entry.columns.push_back(

@@ -23,6 +23,7 @@ struct RecordColumn {
   ValueType type;
   bool constant;      // always holds `value`
   std::string value;  // the constant, without quotes
+  bool number;        // always a plain integer: a number the daemon formats itself
 };
 
 struct RecordType {

@@ -124,7 +124,7 @@ std::string source_of(const std::string& base) {
   auto [dir, name] = split_base(base);
   char resolved[PATH_MAX];
   if (::realpath(dir.c_str(), resolved) == nullptr) {
-    throw ExportError(error_text("cannot resolve the directory " + dir));
+    throw ExportError(error_text("cannot read the directory " + dir));
   }
   char host[256] = {};
   ::gethostname(host, sizeof host - 1);
@@ -218,25 +218,26 @@ void append_rejects(const std::string& file, const std::string& text) {
 
 }  // namespace
 
-Exporter::Exporter(std::string base, Target& target, std::string rejects, bool wait,
+Exporter::Exporter(std::string base, std::string rejects, bool wait,
                    const volatile std::sig_atomic_t& stop)
     : base_(std::move(base)),
       source_(source_of(base_)),
-      target_(target),
       rejects_(std::move(rejects)),
       wait_(wait),
-      stop_(stop) {}
-
-Totals Exporter::run(const std::function<void(const Totals&)>& progress) {
-  std::vector<GenerationFile> files = scan(base_);
-  if (files.empty() && !wait_) {
+      stop_(stop) {
+  if (!wait_ && scan(base_).empty()) {
     throw ExportError("no generations " + base_ + ".000, " + base_ + ".001, ... found");
   }
-  std::vector<Loaded> known = target_.begin(source_);
+}
+
+Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& progress) {
+  std::vector<GenerationFile> files = scan(base_);
+  if (files.empty() && !wait_) throw ExportError("the generations of " + base_ + " are gone");
+  std::vector<Loaded> known = target.begin(source_);
   try {
     Totals totals;
     std::string rejected;
-    Reader reader(target_, totals, rejected, progress, stop_);
+    Reader reader(target, totals, rejected, progress, stop_);
     std::vector<bool> used(known.size());
     LoadedChange change{source_, {}, {}};
     for (const GenerationFile& file : files) {
@@ -270,7 +271,7 @@ Totals Exporter::run(const std::function<void(const Totals&)>& progress) {
       change.entries.push_back(std::move(entry));
     }
     if (totals.bytes == 0 && change.taken.empty()) {
-      target_.abandon();
+      target.abandon();
       return totals;
     }
     // Entries of this base's generations that are gone stay, the most recent of them, so that
@@ -283,11 +284,11 @@ Totals Exporter::run(const std::function<void(const Totals&)>& progress) {
               [](const Loaded& a, const Loaded& b) { return a.first_loaded > b.first_loaded; });
     if (gone.size() > kKeptGone) gone.resize(kKeptGone);
     change.entries.insert(change.entries.end(), gone.begin(), gone.end());
-    target_.commit(change);
+    target.commit(change);
     if (!rejects_.empty() && !rejected.empty()) append_rejects(rejects_, rejected);
     return totals;
   } catch (...) {
-    target_.abandon();
+    target.abandon();
     throw;
   }
 }

@@ -22,18 +22,18 @@ class Exporter {
  public:
   // `rejects`: the file rejected lines are appended to, or empty. `wait`: a base without
   // generations is not (yet) an error. `stop`: set by a signal; a run that sees it abandons
-  // what it wrote.
-  Exporter(std::string base, Target& target, std::string rejects, bool wait,
+  // what it wrote. Throws ExportError when the base cannot be read.
+  Exporter(std::string base, std::string rejects, bool wait,
            const volatile std::sig_atomic_t& stop);
 
-  // Loads what the daemon wrote since the last run. `progress` is called after every block
-  // read with the run's totals so far. Returns the run's totals; throws ExportError.
-  Totals run(const std::function<void(const Totals&)>& progress);
+  // Loads into `target` what the daemon wrote since the last run. `progress` is called after
+  // every block read with the run's totals so far. Returns the run's totals; throws
+  // ExportError.
+  Totals run(Target& target, const std::function<void(const Totals&)>& progress);
 
  private:
   std::string base_;
   std::string source_;
-  Target& target_;
   std::string rejects_;
   bool wait_;
   const volatile std::sig_atomic_t& stop_;

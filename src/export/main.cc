@@ -177,14 +177,14 @@ int main(int argc, char** argv) {
       ::close(fd);
     }
     using namespace adcdf::exporter;
+    Exporter exporter(base, rejects, follow, g_stop);
     std::unique_ptr<Target> target = kind == kCsv      ? csv_target(where)
                                      : kind == kJsonl  ? jsonl_target(where)
                                      : kind == kSqlite ? sqlite_target(where)
                                                        : postgres_target(where);
-    Exporter exporter(base, *target, rejects, follow, g_stop);
     try {
       for (;;) {
-        Totals run = exporter.run([&](const Totals& t) { progress.update(t); });
+        Totals run = exporter.run(*target, [&](const Totals& t) { progress.update(t); });
         progress.finish(run);
         if (!follow) break;
         for (int tick = 0; tick < 10 && !g_stop; ++tick) {

@@ -1,12 +1,19 @@
 #include "export/splitter.h"
 
+#include "export/values.h"
+
 namespace adcdf::exporter {
 namespace {
 
+// Whether `value` (quotes included) is one the column can hold.
 bool fits(std::string_view value, const RecordColumn& column) {
-  if (!column.quoted) return value.size() <= column.width;
-  return value.size() >= 2 && value.front() == '"' && value.back() == '"' &&
-         value.size() - 2 <= column.width;
+  if (column.quoted) {
+    if (value.size() < 2 || value.front() != '"' || value.back() != '"') return false;
+    value = value.substr(1, value.size() - 2);
+  }
+  int64_t number;
+  return value.size() <= column.width && (!column.constant || value == column.value) &&
+         (!column.number || parse_integer(value, number));
 }
 
 std::string_view unquoted(std::string_view value, const RecordColumn& column) {

@@ -1,10 +1,11 @@
 // Splits a CDF line into its values with the layout of its record type.
 //
 // Values are written without escaping, so a quoted value may hold commas and double quotes and
-// a bare one commas. A line whose comma count is the layout's is split at its commas. Any other
-// line is split every way the layout allows: each quoted column between a double quote at
-// either end, no value longer than its column's width. A line with exactly one such split is
-// split that way; a line with none or several is rejected.
+// a bare one commas. A line is split every way its layout allows: each quoted column between a
+// double quote at either end, no value longer than its column's width, a constant column
+// holding its constant and a number the daemon formats itself a plain integer. A line with
+// exactly one such split is split that way (when its comma count is the layout's, that is the
+// split at its commas); a line with none or several is rejected.
 #pragma once
 
 #include <array>
