@@ -119,6 +119,7 @@ class Sandbox {
 struct Env {
   std::string tz = "UTC";
   std::optional<std::string> home = std::nullopt;
+  std::string binary = EKADCDF_BINARY;  // the program to run
 };
 
 class Daemon {
@@ -130,7 +131,7 @@ class Daemon {
     std::vector<std::string> environment = {"TZ=" + env.tz,
                                             "RUNTIME_DIRECTORY=" + box.root().string()};
     if (env.home) environment.push_back("HOME=" + *env.home);
-    args.insert(args.begin(), EKADCDF_BINARY);
+    args.insert(args.begin(), env.binary);
     pid_ = ::fork();
     if (pid_ == 0) {
       std::vector<char*> argv, envp;
