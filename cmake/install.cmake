@@ -1,5 +1,6 @@
-# What `cmake --install` puts under the prefix: the daemon in sbin, its manual page in man8, the
-# record reference in the documentation directory, and the systemd unit.
+# What `cmake --install` puts under the prefix: the daemon in sbin and the exporter in bin, their
+# manual pages in man8 and man1, the record reference in the documentation directory, and the
+# systemd unit.
 #
 # The unit's ExecStart names the installed daemon, so the unit is written at install time, when
 # the prefix given to `cmake --install --prefix` is known.
@@ -28,7 +29,9 @@ set(EKADCDF_SYSTEMD_UNIT_DIR "lib/systemd/system"
     CACHE STRING "Directory of the systemd unit: relative to the install prefix, or absolute")
 
 install(TARGETS ekadcdf RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS ekadcdf-export RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/ekadcdf.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/ekadcdf-export.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/records.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The unit in the source tree names the daemon under the default prefix.
@@ -49,12 +52,14 @@ install(CODE "
 ")
 
 if(EKADCDF_TESTS)
-  # The manual page must render without warnings.
+  # The manual pages must render without warnings.
   find_program(EKADCDF_GROFF groff)
   if(EKADCDF_GROFF)
-    add_test(NAME manual_page
-             COMMAND ${EKADCDF_GROFF} -t -ww -man -z ${CMAKE_SOURCE_DIR}/packaging/ekadcdf.8)
-    set_tests_properties(manual_page PROPERTIES FAIL_REGULAR_EXPRESSION "warning|error")
+    foreach(page ekadcdf.8 ekadcdf-export.1)
+      add_test(NAME manual_page_${page}
+               COMMAND ${EKADCDF_GROFF} -t -ww -man -z ${CMAKE_SOURCE_DIR}/packaging/${page})
+      set_tests_properties(manual_page_${page} PROPERTIES FAIL_REGULAR_EXPRESSION "warning|error")
+    endforeach()
   endif()
   # The unit must pass systemd's own check, run on a copy that names the built daemon and with
   # the manual page where `man` finds it.
