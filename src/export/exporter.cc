@@ -136,9 +136,15 @@ std::string source_of(const std::string& base) {
 // Reads one generation from where its entry ends, writing its rows into the target.
 class Reader {
  public:
-  Reader(Target& target, Totals& totals, std::string& rejects,
+  // `rejects` collects the rejected lines when `keep_rejects`.
+  Reader(Target& target, Totals& totals, std::string& rejects, bool keep_rejects,
          const std::function<void(const Totals&)>& progress, const volatile std::sig_atomic_t& stop)
-      : target_(target), totals_(totals), rejects_(rejects), progress_(progress), stop_(stop) {}
+      : target_(target),
+        totals_(totals),
+        rejects_(rejects),
+        keep_rejects_(keep_rejects),
+        progress_(progress),
+        stop_(stop) {}
 
   void read(const GenerationFile& file, Loaded& entry) {
     block_.resize(kBlock);
@@ -170,6 +176,7 @@ class Reader {
     const RecordType* type = splitter_.split(text, values_);
     if (type == nullptr) {
       ++totals_.rejected;
+      if (!keep_rejects_) return;
       rejects_.append(name).push_back(':');
       rejects_.append(std::to_string(entry.lines)).push_back(':');
       rejects_.append(text).push_back('\n');
@@ -197,6 +204,7 @@ class Reader {
   Target& target_;
   Totals& totals_;
   std::string& rejects_;
+  bool keep_rejects_;
   const std::function<void(const Totals&)>& progress_;
   const volatile std::sig_atomic_t& stop_;
   Splitter splitter_;
@@ -237,7 +245,7 @@ Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& p
   try {
     Totals totals;
     std::string rejected;
-    Reader reader(target, totals, rejected, progress, stop_);
+    Reader reader(target, totals, rejected, !rejects_.empty(), progress, stop_);
     std::vector<bool> used(known.size());
     LoadedChange change{source_, {}, {}};
     for (const GenerationFile& file : files) {

@@ -203,9 +203,12 @@ class FileSet {
   }
 
  private:
+  static std::string hidden(const std::string& name) {
+    return name.starts_with('.') ? name : "." + name;
+  }
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
   std::string temp(const std::string& name, int64_t commit) const {
-    return path((name.starts_with('.') ? "" : ".") + name + "." + std::to_string(commit) + ".tmp");
+    return path(hidden(name) + "." + std::to_string(commit) + ".tmp");
   }
 
   void unlock() {
@@ -287,7 +290,7 @@ class FileSet {
     std::vector<std::string> doomed;
     while (const dirent* entry = ::readdir(listing)) {
       std::string_view name = entry->d_name;
-      if (name.starts_with(".") && name.ends_with(".tmp") && owns(name)) doomed.emplace_back(name);
+      if (owns(name)) doomed.emplace_back(name);
     }
     ::closedir(listing);
     for (const std::string& name : doomed) {
@@ -295,16 +298,15 @@ class FileSet {
     }
   }
 
-  // Whether ".<name>.<n>.tmp" is one of this set's copies.
-  bool owns(std::string_view temp_name) const {
-    std::string_view middle = temp_name.substr(0, temp_name.size() - 4);
-    if (!middle.starts_with("..")) middle.remove_prefix(1);
-    size_t dot = middle.rfind('.');
-    if (dot == std::string_view::npos || dot + 1 == middle.size()) return false;
-    for (char c : middle.substr(dot + 1)) {
-      if (c < '0' || c > '9') return false;
-    }
-    return std::find(names_.begin(), names_.end(), middle.substr(0, dot)) != names_.end();
+  // Whether `file` is a copy of one of this set's files: temp(name, commit) of any commit.
+  bool owns(std::string_view file) const {
+    return std::any_of(names_.begin(), names_.end(), [&](const std::string& name) {
+      const std::string prefix = hidden(name) + ".";
+      if (!file.starts_with(prefix) || !file.ends_with(".tmp")) return false;
+      std::string_view commit = file.substr(prefix.size(), file.size() - prefix.size() - 4);
+      return !commit.empty() &&
+             std::all_of(commit.begin(), commit.end(), [](char c) { return c >= '0' && c <= '9'; });
+    });
   }
 
   std::string dir_;

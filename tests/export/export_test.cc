@@ -283,6 +283,7 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     Daemon again(box, {option, t.where, box.path("big/cdf").string()}, env);
     EXPECT_EQ(again.wait_exit(120), 0) << again.err();
     EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
+    EXPECT_FALSE(midway()) << "what the killed run left is cleared";
   }
 }
 
