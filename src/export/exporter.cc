@@ -213,9 +213,14 @@ class Reader {
   std::vector<char> block_;
 };
 
-void append_rejects(const std::string& file, const std::string& text) {
+Fd open_rejects(const std::string& file) {
   Fd fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
   if (fd.get() < 0) throw ExportError(error_text("cannot open " + file));
+  return fd;
+}
+
+void append_rejects(const std::string& file, const std::string& text) {
+  Fd fd = open_rejects(file);
   for (size_t done = 0; done < text.size();) {
     ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
     if (n < 0 && errno == EINTR) continue;
@@ -236,6 +241,7 @@ Exporter::Exporter(std::string base, std::string rejects, bool wait,
   if (!wait_ && scan(base_).empty()) {
     throw ExportError("no generations " + base_ + ".000, " + base_ + ".001, ... found");
   }
+  if (!rejects_.empty()) open_rejects(rejects_);
 }
 
 Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& progress) {

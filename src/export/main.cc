@@ -1,13 +1,11 @@
 // ekadcdf-export: loads the daemon's CDF generations into CSV files, JSON Lines, SQLite or
 // PostgreSQL, once each record, and with --follow keeps doing so as the daemon writes.
-#include <fcntl.h>
 #include <getopt.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -171,11 +169,6 @@ int main(int argc, char** argv) {
 
   Progress progress;
   try {
-    if (!rejects.empty()) {
-      int fd = ::open(rejects.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-      if (fd < 0) throw ExportError("cannot open " + rejects + ": " + std::strerror(errno));
-      ::close(fd);
-    }
     using namespace adcdf::exporter;
     Exporter exporter(base, rejects, follow, g_stop);
     std::unique_ptr<Target> target = kind == kCsv      ? csv_target(where)

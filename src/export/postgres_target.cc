@@ -108,10 +108,12 @@ class Sender {
     changed_.wait(lock, [this] { return (queue_.empty() && !busy_) || failure_; });
     rethrow();
   }
-  // Drops the batches that wait and any failure, once the batch in hand is done.
-  void discard() {
+  // Drops the batches that wait and any failure, once the batch in hand is done; `cancel`
+  // is called first when there is one (it may be waiting for a lock).
+  void discard(const std::function<void()>& cancel) {
     std::unique_lock lock(mutex_);
     queue_.clear();
+    if (busy_) cancel();
     changed_.wait(lock, [this] { return !busy_; });
     failure_ = nullptr;
   }
@@ -174,7 +176,7 @@ class PostgresTarget final : public Target {
     }
   }
   ~PostgresTarget() override {
-    sender_.discard();
+    sender_.discard([this] { cancel(); });
     PQfinish(conn_);
   }
 
@@ -271,7 +273,7 @@ class PostgresTarget final : public Target {
 
   void abandon() override {
     for (Table& table : tables_) table.rows.clear();
-    sender_.discard();
+    sender_.discard([this] { cancel(); });
     if (in_transaction_) PQclear(PQexec(conn_, "ROLLBACK"));
     in_transaction_ = false;
     created_ = false;
@@ -282,6 +284,14 @@ class PostgresTarget final : public Target {
     std::string copy;  // the COPY command
     std::string rows;  // rows not yet sent
   };
+
+  // Asks the server to stop the statement in hand.
+  void cancel() {
+    char error[256];
+    PGcancel* request = PQgetCancel(conn_);
+    PQcancel(request, error, sizeof error);
+    PQfreeCancel(request);
+  }
 
   void send(Table& table) {
     put<int16_t>(table.rows, -1);  // the end of the rows
