@@ -1,5 +1,7 @@
 #include "export/splitter.h"
 
+#include <algorithm>
+
 #include "export/values.h"
 
 namespace adcdf::exporter {
