@@ -1,7 +1,6 @@
 #include "export/exporter.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,8 @@
 
 #include "export/splitter.h"
 #include "export/values.h"
+#include "support/error.h"
+#include "support/files.h"
 
 namespace adcdf::exporter {
 namespace {
@@ -29,26 +30,8 @@ std::string error_text(const std::string& what) {
   return what + ": " + std::strerror(errno);
 }
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Fd& operator=(Fd&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 struct GenerationFile {
-  std::string name;
-  Fd fd;
+  File file;
   int64_t size;
   std::string head;  // its first bytes, up to kKeyBytes
 };
@@ -57,15 +40,6 @@ std::pair<std::string, std::string> split_base(const std::string& base) {
   size_t slash = base.rfind('/');
   if (slash == std::string::npos) return {".", base};
   return {slash == 0 ? "/" : base.substr(0, slash), base.substr(slash + 1)};
-}
-
-size_t read_at(const GenerationFile& file, char* to, size_t size, int64_t offset) {
-  ssize_t n;
-  do {
-    n = ::pread(file.fd.get(), to, size, offset);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0) throw ExportError(error_text("cannot read " + file.name));
-  return static_cast<size_t>(n);
 }
 
 // The generations of `base`, oldest first, opened at once: a rotation while they are opened
@@ -93,19 +67,20 @@ std::vector<GenerationFile> scan(const std::string& base) {
   std::set<std::pair<dev_t, ino_t>> seen;
   for (auto& [number, name] : numbered) {
     std::string path = dir == "." && base.find('/') == std::string::npos ? name : dir + "/" + name;
-    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-      if (errno == ENOENT) continue;  // rotated away since the listing
-      throw ExportError(error_text("cannot open " + path));
+    File file;
+    try {
+      file = File::read_only(path);
+    } catch (const AdcdfError&) {
+      if (!file_exists(path)) continue;  // rotated away since the listing
+      throw;
     }
     struct stat st {};
-    if (::fstat(fd.get(), &st) != 0) throw ExportError(error_text("cannot examine " + path));
+    if (::fstat(file.fd(), &st) != 0) throw ExportError(error_text("cannot examine " + path));
     if (!S_ISREG(st.st_mode) || !seen.insert({st.st_dev, st.st_ino}).second) continue;
-    GenerationFile file{std::move(path), std::move(fd), st.st_size, {}};
-    file.head.resize(std::min<size_t>(kKeyBytes, static_cast<size_t>(st.st_size)));
-    file.head.resize(read_at(file, file.head.data(), file.head.size(), 0));
-    file.size = std::max<int64_t>(file.size, static_cast<int64_t>(file.head.size()));
-    files.push_back(std::move(file));
+    std::string head(std::min<size_t>(kKeyBytes, static_cast<size_t>(st.st_size)), '\0');
+    head.resize(file.read_at(head.data(), head.size(), 0));
+    const int64_t size = std::max<int64_t>(st.st_size, static_cast<int64_t>(head.size()));
+    files.push_back(GenerationFile{std::move(file), size, std::move(head)});
   }
   return files;
 }
@@ -146,21 +121,22 @@ class Reader {
         progress_(progress),
         stop_(stop) {}
 
-  void read(const GenerationFile& file, Loaded& entry) {
+  void read(const GenerationFile& generation, Loaded& entry) {
     block_.resize(kBlock);
     size_t kept = 0;  // bytes of an incomplete line at the start of the block
     int64_t offset = entry.bytes;
-    while (offset < file.size) {
+    while (offset < generation.size) {
       if (kept == block_.size()) block_.resize(block_.size() * 2);
-      size_t want = std::min<size_t>(block_.size() - kept, static_cast<size_t>(file.size - offset));
-      size_t got = read_at(file, block_.data() + kept, want, offset);
+      size_t want =
+          std::min<size_t>(block_.size() - kept, static_cast<size_t>(generation.size - offset));
+      size_t got = generation.file.read_at(block_.data() + kept, want, offset);
       if (got == 0) break;  // cut short since it was looked at
       offset += static_cast<int64_t>(got);
       std::string_view data(block_.data(), kept + got);
       size_t begin = 0;
       for (size_t end; (end = data.find('\n', begin)) != std::string_view::npos; begin = end + 1) {
         ++entry.lines;
-        line(data.substr(begin, end - begin), file.name, entry);
+        line(data.substr(begin, end - begin), generation.file.name(), entry);
       }
       totals_.bytes += static_cast<int64_t>(begin);
       entry.bytes += static_cast<int64_t>(begin);
@@ -213,22 +189,6 @@ class Reader {
   std::vector<char> block_;
 };
 
-Fd open_rejects(const std::string& file) {
-  Fd fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-  if (fd.get() < 0) throw ExportError(error_text("cannot open " + file));
-  return fd;
-}
-
-void append_rejects(const std::string& file, const std::string& text) {
-  Fd fd = open_rejects(file);
-  for (size_t done = 0; done < text.size();) {
-    ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) throw ExportError(error_text("cannot write " + file));
-    done += static_cast<size_t>(n);
-  }
-}
-
 }  // namespace
 
 Exporter::Exporter(std::string base, std::string rejects, bool wait,
@@ -241,7 +201,7 @@ Exporter::Exporter(std::string base, std::string rejects, bool wait,
   if (!wait_ && scan(base_).empty()) {
     throw ExportError("no generations " + base_ + ".000, " + base_ + ".001, ... found");
   }
-  if (!rejects_.empty()) open_rejects(rejects_);
+  if (!rejects_.empty()) File::append(rejects_);
 }
 
 Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& progress) {
@@ -271,7 +231,8 @@ Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& p
         break;
       }
       if (file.size < entry.bytes) {
-        throw ExportError(file.name + " holds fewer bytes than were loaded from it before (" +
+        throw ExportError(file.file.name() +
+                          " holds fewer bytes than were loaded from it before (" +
                           std::to_string(entry.bytes) + "): it was not written by the daemon");
       }
       const int64_t before = entry.bytes;
@@ -299,7 +260,7 @@ Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& p
     if (gone.size() > kKeptGone) gone.resize(kKeptGone);
     change.entries.insert(change.entries.end(), gone.begin(), gone.end());
     target.commit(change);
-    if (!rejects_.empty() && !rejected.empty()) append_rejects(rejects_, rejected);
+    if (!rejects_.empty() && !rejected.empty()) File::append(rejects_).write_all(rejected);
     return totals;
   } catch (...) {
     target.abandon();

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -22,6 +23,7 @@
 
 #include "export/target.h"
 #include "export/values.h"
+#include "support/files.h"
 
 namespace adcdf::exporter {
 namespace {
@@ -33,13 +35,8 @@ constexpr std::string_view kStateTitle = "ekadcdf-export state 1";
   throw ExportError(what + ": " + std::strerror(errno));
 }
 
-void write_all(int fd, std::string_view data, const std::string& name) {
-  while (!data.empty()) {
-    ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) fail("cannot write " + name);
-    data.remove_prefix(static_cast<size_t>(n));
-  }
+void sync(const File& file) {
+  if (::fsync(file.fd()) != 0) fail("cannot write " + file.name());
 }
 
 void sync_dir(const std::string& dir) {
@@ -85,7 +82,7 @@ class FileSet {
   // The copy of one file that a run appends to.
   class Output {
    public:
-    Output(std::string name, int fd) : name_(std::move(name)), fd_(fd) {}
+    Output(std::string name, File file) : name_(std::move(name)), file_(std::move(file)) {}
     std::string& buffer() { return buffer_; }
     // Hands a full buffer to the file.
     void done() {
@@ -95,11 +92,11 @@ class FileSet {
    private:
     friend class FileSet;
     void flush() {
-      write_all(fd_, buffer_, name_);
+      file_.write_all(buffer_);
       buffer_.clear();
     }
     std::string name_;
-    int fd_;
+    File file_;
     std::string buffer_;
   };
 
@@ -119,9 +116,7 @@ class FileSet {
     }
     std::vector<std::string> committed = read_state();
     for (const std::string& name : committed) {
-      if (::rename(temp(name, commit_).c_str(), path(name).c_str()) != 0 && errno != ENOENT) {
-        fail("cannot rename " + temp(name, commit_));
-      }
+      if (file_exists(temp(name, commit_))) rename_file(temp(name, commit_), path(name));
     }
     remove_temps();
     return loaded_;
@@ -133,17 +128,17 @@ class FileSet {
     for (auto& out : outputs_) {
       if (out->name_ == name) return *out;
     }
-    const std::string to = temp(name, commit_ + 1);
-    int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) fail("cannot create " + to);
-    Output& out = *outputs_.emplace_back(std::make_unique<Output>(name, fd));
-    int from = ::open(path(name).c_str(), O_RDONLY | O_CLOEXEC);
-    if (from < 0 && errno != ENOENT) fail("cannot open " + path(name));
-    if (from < 0) {
+    Output& out = *outputs_.emplace_back(
+        std::make_unique<Output>(name, File::create(temp(name, commit_ + 1))));
+    if (!file_exists(path(name))) {
       out.buffer_.assign(first);
-    } else {
-      copy(from, fd, name);
-      ::close(from);
+      return out;
+    }
+    const File from = File::read_only(path(name));
+    std::string block(kFlushAt, '\0');
+    for (long long at = 0, n;
+         (n = static_cast<long long>(from.read_at(block.data(), block.size(), at))) > 0; at += n) {
+      out.file_.write_all(std::string_view(block.data(), static_cast<size_t>(n)));
     }
     return out;
   }
@@ -151,7 +146,7 @@ class FileSet {
   void commit(const LoadedChange& change) {
     for (auto& out : outputs_) {
       out->flush();
-      if (::fsync(out->fd_) != 0) fail("cannot write " + temp(out->name_, commit_ + 1));
+      sync(out->file_);
     }
     std::vector<Loaded> loaded = change.entries;
     for (const Loaded& old : loaded_) {
@@ -171,22 +166,16 @@ class FileSet {
       put_field(text, l.header ? &l.host : nullptr);
       text.push_back('\n');
     }
-    const std::string state_temp = temp(state_, commit_ + 1);
-    int fd = ::open(state_temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) fail("cannot create " + state_temp);
-    write_all(fd, text, state_temp);
-    if (::fsync(fd) != 0) fail("cannot write " + state_temp);
-    ::close(fd);
-    if (::rename(state_temp.c_str(), path(state_).c_str()) != 0)
-      fail("cannot rename " + state_temp);
+    File state = File::create(temp(state_, commit_ + 1));
+    state.write_all(text);
+    sync(state);
+    rename_file(state.name(), path(state_));
     ++commit_;
     loaded_ = std::move(loaded);
     // Committed: what follows is finished by the next run if this one stops here.
     for (auto& out : outputs_) {
-      ::close(std::exchange(out->fd_, -1));
-      if (::rename(temp(out->name_, commit_).c_str(), path(out->name_).c_str()) != 0) {
-        fail("cannot rename " + temp(out->name_, commit_));
-      }
+      out->file_.close();
+      rename_file(temp(out->name_, commit_), path(out->name_));
     }
     outputs_.clear();
     sync_dir(dir_);
@@ -195,7 +184,7 @@ class FileSet {
 
   void abandon() {
     for (auto& out : outputs_) {
-      if (out->fd_ >= 0) ::close(out->fd_);
+      out->file_.close();
       ::unlink(temp(out->name_, commit_ + 1).c_str());
     }
     outputs_.clear();
@@ -215,41 +204,15 @@ class FileSet {
     if (lock_ >= 0) ::close(std::exchange(lock_, -1));
   }
 
-  void copy(int from, int to, const std::string& name) {
-    for (;;) {
-      ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, 1 << 30, 0);
-      if (n == 0) return;
-      if (n < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)) {
-        break;
-      }
-      if (n < 0 && errno != EINTR) fail("cannot copy " + path(name));
-    }
-    std::string block(kFlushAt, '\0');
-    for (;;) {
-      ssize_t n = ::read(from, block.data(), block.size());
-      if (n == 0) return;
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) fail("cannot read " + path(name));
-      write_all(to, std::string_view(block.data(), static_cast<size_t>(n)), name);
-    }
-  }
-
   // Reads the state file; returns the files its commit replaced.
   std::vector<std::string> read_state() {
     commit_ = 0;
     loaded_.clear();
     const std::string name = path(state_);
-    int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT) return {};
-    if (fd < 0) fail("cannot open " + name);
-    std::string text;
-    char block[65536];
-    for (ssize_t n; (n = ::read(fd, block, sizeof block)) != 0;) {
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) fail("cannot read " + name);
-      text.append(block, static_cast<size_t>(n));
-    }
-    ::close(fd);
+    if (!file_exists(name)) return {};
+    const File file = File::read_only(name);
+    std::string text(static_cast<size_t>(file.size()), '\0');
+    text.resize(file.read_at(text.data(), text.size(), 0));
     std::vector<std::string> files;
     size_t begin = 0;
     bool titled = false;
@@ -293,9 +256,7 @@ class FileSet {
       if (owns(name)) doomed.emplace_back(name);
     }
     ::closedir(listing);
-    for (const std::string& name : doomed) {
-      if (::unlink(path(name).c_str()) != 0 && errno != ENOENT) fail("cannot remove " + path(name));
-    }
+    for (const std::string& name : doomed) remove_file(path(name));
   }
 
   // Whether `file` is a copy of one of this set's files: temp(name, commit) of any commit.
@@ -483,7 +444,10 @@ class JsonlStream final : public Target {
 
  private:
   void flush() {
-    write_all(STDOUT_FILENO, buffer_, "standard output");
+    if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size() ||
+        std::fflush(stdout) != 0) {
+      fail("cannot write to standard output");
+    }
     buffer_.clear();
   }
   std::vector<Loaded> loaded_;

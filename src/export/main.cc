@@ -188,7 +188,7 @@ int main(int argc, char** argv) {
     } catch (const Interrupted&) {
       if (!follow) throw ExportError("interrupted; nothing of this run was kept");
     }
-  } catch (const ExportError& error) {
+  } catch (const std::exception& error) {  // ExportError, a failed file operation, no memory
     progress.finish({});
     std::fprintf(stderr, "ekadcdf-export: %s\n", error.what());
     return 1;
