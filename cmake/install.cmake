@@ -1,6 +1,7 @@
-# What `cmake --install` puts under the prefix: the daemon in sbin, its manual page in man8, the
-# record reference and the example instance settings in the documentation directory, and the
-# systemd units (ekadcdf.service for one mail server, ekadcdf@.service for several).
+# What `cmake --install` puts under the prefix: the daemon in sbin and the exporter in bin, their
+# manual pages in man8 and man1, the record reference and the example instance settings in the
+# documentation directory, and the systemd units (ekadcdf.service for one mail server,
+# ekadcdf@.service for several).
 #
 # The units' ExecStart names the installed daemon, so the units are written at install time, when
 # the prefix given to `cmake --install --prefix` is known.
@@ -61,9 +62,12 @@ set(EKADCDF_SYSTEMD_UNIT_DIR "lib/systemd/system"
     CACHE STRING "Directory of the systemd units: relative to the install prefix, or absolute")
 
 install(TARGETS ekadcdf RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS ekadcdf-export RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/ekadcdf.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES ${CMAKE_SOURCE_DIR}/docs/records.md ${CMAKE_SOURCE_DIR}/packaging/example.conf
-        DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# What `cmake --install` puts under the prefix: the daemon in sbin and the exporter in bin, their
+# manual pages in man8 and man1, the record reference and the example instance settings in the
+# documentation directory, and the systemd units (ekadcdf.service for one mail server,
+# ekadcdf@.service for several).
 
 # The units in the source tree name the daemon under the default prefix.
 set(EKADCDF_UNIT_DEFAULT_BINARY "/usr/local/sbin/ekadcdf")
@@ -86,12 +90,14 @@ foreach(entry IN LISTS EKADCDF_UNITS)
 endforeach()
 
 if(EKADCDF_TESTS)
-  # The manual page must render without warnings.
+  # The manual pages must render without warnings.
   find_program(EKADCDF_GROFF groff)
   if(EKADCDF_GROFF)
-    add_test(NAME manual_page
-             COMMAND ${EKADCDF_GROFF} -t -ww -man -z ${CMAKE_SOURCE_DIR}/packaging/ekadcdf.8)
-    set_tests_properties(manual_page PROPERTIES FAIL_REGULAR_EXPRESSION "warning|error")
+    foreach(page ekadcdf.8 ekadcdf-export.1)
+      add_test(NAME manual_page_${page}
+               COMMAND ${EKADCDF_GROFF} -t -ww -man -z ${CMAKE_SOURCE_DIR}/packaging/${page})
+      set_tests_properties(manual_page_${page} PROPERTIES FAIL_REGULAR_EXPRESSION "warning|error")
+    endforeach()
   endif()
   # Each unit must pass systemd's own check (systemd_unit), run on a copy that names the built
   # daemon and with the manual page where `man` finds it, and keep its sandbox

@@ -2,7 +2,9 @@
 # Installs what building and testing ekadcdf needs on a Debian machine, skipping what is there.
 # Usage: scripts/install-deps.sh [extra-package ...]
 set -euo pipefail
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev python3 "$@")
+# The exporter links SQLite and libpq; its tests start a PostgreSQL server of their own.
+packages=(g++ cmake ninja-build libgtest-dev libgmock-dev python3 libsqlite3-dev libpq-dev
+          postgresql "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

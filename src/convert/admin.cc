@@ -43,8 +43,13 @@ constexpr Column kColumns[] = {
     bare(kTray1Size), bare(kTray2Num),  bare(kTray2Size), bare(kTray3Num),
     bare(kTray3Size), bare(kTray4Num),  bare(kTray4Size), bare(kTray5Num),
     bare(kTray5Size), kEmpty,           kEmpty};
+constexpr ColumnName kNames[] = {
+    {"mailbox_user"},  {"messages"},      {"mailbox_size"},  {"tray1_count"},
+    {"tray1_size"},    {"tray2_count"},   {"tray2_size"},    {"tray3_count"},
+    {"tray3_size"},    {"tray4_count"},   {"tray4_size"},    {"tray5_count"},
+    {"tray5_size"},    kReserved,         kReserved};
 // clang-format on
-constexpr Layout kRecord{102, kColumns};
+constexpr Layout kRecord = named(102, kColumns, kNames);
 constexpr ConverterDef kDef{"adcdf_do_ekscan",
                             &Counters::giEkscan,
                             Counting::kBeforeHeader,
@@ -80,8 +85,13 @@ constexpr Column kColumns[] = {
     spaced(kBrindleName), spaced(kUsername1),   bare(kUserNum),       bare(kSignonStatus),
     bare(kClientType),    spaced(kUsername2),   kZero,                kZero,
     bare(kDesigNum),      spaced(kDesigName),   kEmpty};
+constexpr ColumnName kNames[] = {
+    kReserved,                 kReserved,                kReserved,                kReserved,
+    {"mail_system_name"},      {"user_name_1"},          {"user_number"},          {"signon_status"},
+    {"client_type"},           {"user_name_2"},          kReserved,                kReserved,
+    {"designate_user_number"}, {"designate_user_name"},  kReserved};
 // clang-format on
-constexpr Layout kRecord{103, kColumns};
+constexpr Layout kRecord = named(103, kColumns, kNames);
 constexpr ConverterDef kDef{"adcdf_do_usersignon",
                             &Counters::giUserSignon,
                             Counting::kAfterHeader,
@@ -106,8 +116,13 @@ constexpr Column kColumns[] = {
     spaced(kBrindleName), kEmpty,               bare(kUserNum),       bare(kSignoffStatus),
     bare(kDuration),      kEmpty,               kZero,                kZero,
     kZero,                kEmpty,               kEmpty};
+constexpr ColumnName kNames[] = {
+    kReserved,            kReserved,            kReserved,            kReserved,
+    {"mail_system_name"}, kReserved,            {"user_number"},      {"signoff_status"},
+    {"duration"},         kReserved,            kReserved,            kReserved,
+    kReserved,            kReserved,            kReserved};
 // clang-format on
-constexpr Layout kRecord{104, kColumns};
+constexpr Layout kRecord = named(104, kColumns, kNames);
 constexpr ConverterDef kDef{"adcdf_do_usersignoff",
                             &Counters::giUserSignoff,
                             Counting::kAfterHeader,
@@ -136,8 +151,13 @@ constexpr Column kColumns[] = {
     spaced(kOrig),        spaced(kUaMsgid),     kZero,                kZero,
     kZero,                spaced(kRequestName), bare(kOrigCap),       kZero,
     kZero,                kEmpty,               spaced(kMtaMsgid)};
+constexpr ColumnName kNames[] = {
+    kReserved,            kReserved,            kReserved,            kReserved,
+    {"originator"},       {"ua_message_id"},    kReserved,            kReserved,
+    kReserved,            {"request_name"},     {"originator_admin_cap"}, kReserved,
+    kReserved,            kReserved,            {"mta_message_id"}};
 // clang-format on
-constexpr Layout kRecord{109, kColumns};
+constexpr Layout kRecord = named(109, kColumns, kNames);
 constexpr ConverterDef kDef{"adcdf_do_requestserver",
                             &Counters::giRequestServer,
                             Counting::kBeforeHeader,
@@ -185,9 +205,14 @@ constexpr Column kColumns[] = {
     spaced(kOriginator), spaced(kExportDir),  kZero,               bare(kMaxRepSize),
     kZero,               spaced(kImportDir),  bare(kSendRef),      bare(kRequest),
     kZero,               kEmpty,              kEmpty};
+constexpr ColumnName kNames[] = {
+    words("operation"),  words("command"),    words("flags"),      {"reload_position"},
+    {"party"},           {"export_directory"}, kReserved,          {"max_reply_size"},
+    kReserved,           {"import_directory"}, {"sending_ref"},    words("request_id"),
+    kReserved,           kReserved,           kReserved};
 // clang-format on
-constexpr Layout kInRecord{116, kColumns};
-constexpr Layout kOutRecord{117, kColumns};
+constexpr Layout kInRecord = named(116, kColumns, kNames);
+constexpr Layout kOutRecord = named(117, kColumns, kNames);
 constexpr ConverterDef kIn{"adcdf_do_dirsyncin",
                            &Counters::giDirSyncIn,
                            Counting::kAfterHeader,
@@ -205,6 +230,12 @@ constexpr ConverterDef kOut{"adcdf_do_dirsyncout",
 }  // namespace dirsync
 
 }  // namespace
+
+std::span<const ConverterDef* const> administration_tables() {
+  static constexpr const ConverterDef* kTables[] = {&ekscan::kDef,  &signon::kDef, &signoff::kDef,
+                                                    &request::kDef, &dirsync::kIn, &dirsync::kOut};
+  return kTables;
+}
 
 int adcdf_do_ekscan(Context& ctx) {
   return run_converter(ctx, ekscan::kDef);

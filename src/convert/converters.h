@@ -2,9 +2,13 @@
 // name line to its blank line and puts its records into the section's output.
 #pragma once
 
+#include <span>
+
 #include "stream/context.h"
 
 namespace adcdf {
+
+struct ConverterDef;
 
 // Message transfer
 int adcdf_do_routing(Context& ctx);
@@ -31,5 +35,11 @@ int adcdf_do_usersignoff(Context& ctx);
 int adcdf_do_requestserver(Context& ctx);
 int adcdf_do_dirsyncin(Context& ctx);
 int adcdf_do_dirsyncout(Context& ctx);
+
+// The tables of each group's converters, for the record catalogue.
+std::span<const ConverterDef* const> message_transfer_tables();
+std::span<const ConverterDef* const> gateway_tables();
+std::span<const ConverterDef* const> administration_tables();
+std::span<const ConverterDef* const> subsystem_tables();
 
 }  // namespace adcdf

@@ -103,10 +103,37 @@ constexpr std::array<T, N + M> join(const std::array<T, N>& head, const std::arr
   return joined;
 }
 
+// What a loader calls a column. A column without a name is reserved: it always holds the same
+// constant. `words` marks a bare column whose values are words rather than numbers.
+struct ColumnName {
+  std::string_view name;
+  bool words = false;
+};
+inline constexpr ColumnName kReserved{};
+constexpr ColumnName words(std::string_view name) {
+  return {name, true};
+}
+
 struct Layout {
   int type;
-  std::span<const Column> columns;
+  std::span<const Column> columns;    // from column 9 on
+  std::span<const ColumnName> names;  // one per column
 };
+
+// A layout with its column names, checked when compiling: one name per column, and a name for
+// every column but the constant ones.
+template <typename Columns, typename Names>
+consteval Layout named(int type, const Columns& columns, const Names& names) {
+  std::span<const Column> c(columns);
+  std::span<const ColumnName> n(names);
+  if (c.size() != n.size()) throw "a record layout needs one name per column";
+  for (size_t i = 0; i < c.size(); ++i) {
+    if (n[i].name.empty() != (c[i].kind == Col::kText)) {
+      throw "constant columns are reserved, every other column has a name";
+    }
+  }
+  return {type, c, n};
+}
 
 enum class Counting : uint8_t { kBeforeHeader, kAfterHeader };
 enum class RecipientArrayUse : uint8_t { kNone, kBeforeHeader, kAfterHeader };

@@ -48,12 +48,19 @@ constexpr std::array<Column, 15> kInColumns{
     spaced(kOriginator), spaced(kUaMsgid),    spaced(kARND),       kZero,
     kZero,               kEmpty,              kZero,               kZero,
     kZero,               kEmpty,              spaced(kMtaMsgid)};
+constexpr std::array<ColumnName, 15> kInNames{
+    kReserved,           {"priority"},        {"sensitivity"},     {"importance"},
+    {"originator"},      {"ua_message_id"},   {"all_recipients_non_delivered"}, kReserved,
+    kReserved,           kReserved,           kReserved,           kReserved,
+    kReserved,           kReserved,           {"mta_message_id"}};
 // clang-format on
 // clang-format on
 constexpr auto kOutColumns =
     join(kInColumns, std::array<Column, 3>{kEmpty, kZero, col(Col::kCount)});
-constexpr Layout kInRecord{114, kInColumns};
-constexpr Layout kOutRecord{115, kOutColumns};
+constexpr auto kOutNames =
+    join(kInNames, std::array<ColumnName, 3>{kReserved, kReserved, {"recipient_count"}});
+constexpr Layout kInRecord = named(114, kInColumns, kInNames);
+constexpr Layout kOutRecord = named(115, kOutColumns, kOutNames);
 constexpr ConverterDef kIn{"adcdf_do_x400in",
                            &Counters::gix400In,
                            Counting::kAfterHeader,
@@ -107,9 +114,20 @@ constexpr Column kOutColumns[] = {
     kZero,               kEmpty,              kZero,               kZero,
     kZero,               kEmpty,              spaced(kMtaMsgid),   spaced(kUnixMsgid),
     kEmpty,              kZero,               col(Col::kCount)};
+constexpr ColumnName kInNames[] = {
+    kReserved,           kReserved,           kReserved,           kReserved,
+    {"originator"},      {"ua_message_id"},   kReserved,           kReserved,
+    kReserved,           kReserved,           kReserved,           kReserved,
+    kReserved,           kReserved,           kReserved};
+constexpr ColumnName kOutNames[] = {
+    {"message_type"},    kReserved,           kReserved,           kReserved,
+    {"originator"},      {"ua_message_id"},   {"non_delivery_reason"}, kReserved,
+    kReserved,           kReserved,           kReserved,           kReserved,
+    kReserved,           kReserved,           {"mta_message_id"},  {"unix_message_id"},
+    kReserved,           kReserved,           {"recipient_count"}};
 // clang-format on
-constexpr Layout kInRecord{110, kInColumns};
-constexpr Layout kOutRecord{111, kOutColumns};
+constexpr Layout kInRecord = named(110, kInColumns, kInNames);
+constexpr Layout kOutRecord = named(111, kOutColumns, kOutNames);
 constexpr ConverterDef kIn{"adcdf_do_unixin",
                            &Counters::giUnixIn,
                            Counting::kBeforeHeader,
@@ -163,9 +181,19 @@ constexpr Column kOutColumns[] = {
     spaced(kOriginator), spaced(kUaMsgid),    bare(kReason),       kZero,
     kZero,               kEmpty,              kZero,               kZero,
     kZero,               kEmpty,              kEmpty,              col(Col::kCount)};
+constexpr ColumnName kInNames[] = {
+    {"message_type"},    kReserved,           kReserved,           kReserved,
+    {"originator"},      {"ua_message_id"},   {"non_delivery_reason"}, kReserved,
+    kReserved,           {"desk_message_id"}, kReserved,           kReserved,
+    kReserved,           kReserved,           kReserved};
+constexpr ColumnName kOutNames[] = {
+    {"message_type"},    kReserved,           kReserved,           kReserved,
+    {"originator"},      {"ua_message_id"},   {"non_delivery_reason"}, kReserved,
+    kReserved,           kReserved,           kReserved,           kReserved,
+    kReserved,           kReserved,           kReserved,           {"recipient_count"}};
 // clang-format on
-constexpr Layout kInRecord{112, kInColumns};
-constexpr Layout kOutRecord{113, kOutColumns};
+constexpr Layout kInRecord = named(112, kInColumns, kInNames);
+constexpr Layout kOutRecord = named(113, kOutColumns, kOutNames);
 constexpr ConverterDef kIn{"adcdf_do_deskin",
                            &Counters::giDeskIn,
                            Counting::kAfterHeader,
@@ -220,8 +248,13 @@ constexpr Column kColumns[] = {
     spaced(kOriginator),    spaced(kUaMsgid),       bare(kReason),          bare(kDuration),
     col(Col::kCategory),    col(Col::kRecipSpaced), bare(kRetries),         bare(kSentPages),
     spaced(kSentTime),      kEmpty,                 spaced(kMtaMsgid)};
+constexpr ColumnName kNames[] = {
+    kReserved,              {"priority"},           {"sensitivity"},        {"importance"},
+    {"originator"},         {"ua_message_id"},      {"non_delivery_reason"}, {"duration"},
+    {"recipient_kind"},     {"recipient"},          {"retries"},            {"sent_pages"},
+    {"sent_time"},          kReserved,              {"mta_message_id"}};
 // clang-format on
-constexpr Layout kRecord{107, kColumns};
+constexpr Layout kRecord = named(107, kColumns, kNames);
 constexpr ConverterDef kDef{.name = "adcdf_do_faxgateway",
                             .counter = &Counters::giFaxGateway,
                             .counting = Counting::kBeforeHeader,
@@ -247,9 +280,14 @@ constexpr Column kColumns[] = {
     kEmpty,         kEmpty,         bare(kReason),  bare(kMsgSize),
     kZero,          kEmpty,         kZero,          kZero,
     kZero,          kEmpty,         kEmpty};
+constexpr ColumnName kNames[] = {
+    kReserved,      kReserved,      kReserved,      kReserved,
+    kReserved,      kReserved,      {"non_delivery_reason"}, {"message_size"},
+    kReserved,      kReserved,      kReserved,      kReserved,
+    kReserved,      kReserved,      kReserved};
 // clang-format on
-constexpr Layout kInRecord{119, kColumns};
-constexpr Layout kOutRecord{120, kColumns};
+constexpr Layout kInRecord = named(119, kColumns, kNames);
+constexpr Layout kOutRecord = named(120, kColumns, kNames);
 constexpr ConverterDef kIn{"adcdf_do_smsin", &Counters::gixSMSIn, Counting::kAfterHeader,
                            kFields,          kKeywords,           &kInRecord,
                            nullptr};
@@ -263,6 +301,13 @@ constexpr ConverterDef kOut{"adcdf_do_smsout",
 }  // namespace sms
 
 }  // namespace
+
+std::span<const ConverterDef* const> gateway_tables() {
+  static constexpr const ConverterDef* kTables[] = {&x400::kIn,     &x400::kOut, &unix_gw::kIn,
+                                                    &unix_gw::kOut, &desk::kIn,  &desk::kOut,
+                                                    &fax::kDef,     &sms::kIn,   &sms::kOut};
+  return kTables;
+}
 
 int adcdf_do_x400in(Context& ctx) {
   return run_converter(ctx, x400::kIn);

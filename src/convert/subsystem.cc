@@ -24,9 +24,14 @@ constexpr Column kColumns[] = {
     spaced(kUser),   kEmpty,          kZero,           kZero,
     kZero,           kEmpty,          kZero,           kZero,
     kZero,           kEmpty,          kEmpty};
+constexpr ColumnName kNames[] = {
+    {"subsystem"},   kReserved,       kReserved,       kReserved,
+    {"user_name"},   kReserved,       kReserved,       kReserved,
+    kReserved,       kReserved,       kReserved,       kReserved,
+    kReserved,       kReserved,       kReserved};
 // clang-format on
-constexpr Layout kStartRecord{105, kColumns};
-constexpr Layout kStopRecord{106, kColumns};
+constexpr Layout kStartRecord = named(105, kColumns, kNames);
+constexpr Layout kStopRecord = named(106, kColumns, kNames);
 
 constexpr ConverterDef kSubsysStart{"adcdf_do_subsysstart",
                                     &Counters::giSubsysStart,
@@ -44,6 +49,11 @@ constexpr ConverterDef kSubsysStop{"adcdf_do_subsysstop",
                                    nullptr};
 
 }  // namespace
+
+std::span<const ConverterDef* const> subsystem_tables() {
+  static constexpr const ConverterDef* kTables[] = {&kSubsysStart, &kSubsysStop};
+  return kTables;
+}
 
 int adcdf_do_subsysstart(Context& ctx) {
   return run_converter(ctx, kSubsysStart);

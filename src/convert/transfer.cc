@@ -61,9 +61,19 @@ constexpr Column kRecipientColumns[] = {
     spaced(kOriginator), spaced(kUaMsgid),    bare(kReason),       bare(kMsgSize),
     col(Col::kCategory), col(Col::kAckReq),   col(Col::kQueue),    col(Col::kRecip),
     col(Col::kLocal),    col(Col::kGateway)};
+constexpr ColumnName kSectionNames[] = {
+    {"message_type"},    {"priority"},        {"sensitivity"},     {"importance"},
+    {"originator"},      {"ua_message_id"},   {"non_delivery_reason"}, {"message_size"},
+    kReserved,           kReserved,           {"created_locally"}, {"hop_count"},
+    kReserved,           kReserved,           {"mta_message_id"},  {"subject"},
+    {"part_count"},      {"recipient_count"}};
+constexpr ColumnName kRecipientNames[] = {
+    {"originator"},      {"ua_message_id"},   {"non_delivery_reason"}, {"message_size"},
+    {"recipient_kind"},  {"ack_request"},     {"queue"},           {"recipient"},
+    {"local_queue"},     {"gateway_queue"}};
 // clang-format on
-constexpr Layout kSectionRecord{101, kSectionColumns};
-constexpr Layout kRecipientRecord{503, kRecipientColumns};
+constexpr Layout kSectionRecord = named(101, kSectionColumns, kSectionNames);
+constexpr Layout kRecipientRecord = named(503, kRecipientColumns, kRecipientNames);
 constexpr ConverterDef kDef{.name = "adcdf_do_routing",
                             .counter = &Counters::giRouting,
                             .counting = Counting::kBeforeHeader,
@@ -118,11 +128,18 @@ constexpr Column kSectionColumns[] = {
     spaced(kOrig),         spaced(kUaMsgid),      bare(kReason),         bare(kAutoNotify),
     bare(kAutoReply),      bare(kDeliveredCount), bare(kAutoFile),       bare(kAutoPrint),
     bare(kAutoForward),    kEmpty,                spaced(kMtaMsgid)};
+constexpr ColumnName kSectionNames[] = {
+    {"message_type"},      kReserved,             kReserved,             kReserved,
+    {"originator"},        {"ua_message_id"},     {"non_delivery_reason"}, {"auto_notify"},
+    {"auto_reply"},        {"delivered_count"},   {"auto_file"},         {"auto_print"},
+    {"auto_forward"},      kReserved,             {"mta_message_id"}};
 // clang-format on
 constexpr Column kRecipientColumns[] = {spaced(kOrig), spaced(kUaMsgid), col(Col::kReason),
                                         col(Col::kRecip)};
-constexpr Layout kSectionRecord{108, kSectionColumns};
-constexpr Layout kRecipientRecord{504, kRecipientColumns};
+constexpr ColumnName kRecipientNames[] = {
+    {"originator"}, {"ua_message_id"}, {"non_delivery_reason"}, {"recipient"}};
+constexpr Layout kSectionRecord = named(108, kSectionColumns, kSectionNames);
+constexpr Layout kRecipientRecord = named(504, kRecipientColumns, kRecipientNames);
 constexpr ConverterDef kDef{.name = "adcdf_do_delivery",
                             .counter = &Counters::giDelivery,
                             .counting = Counting::kBeforeHeader,
@@ -155,8 +172,13 @@ constexpr Column kColumns[] = {
     spaced(kOriginator), spaced(kUaMsgid),    kZero,               kZero,
     kZero,               spaced(kBulletin),   kZero,               kZero,
     kZero,               kEmpty,              quoted(kMtaMsgid)};
+constexpr ColumnName kNames[] = {
+    {"message_type"},    kReserved,           kReserved,           kReserved,
+    {"originator"},      {"ua_message_id"},   kReserved,           kReserved,
+    kReserved,           {"bulletin_name"},   kReserved,           kReserved,
+    kReserved,           kReserved,           {"mta_message_id"}};
 // clang-format on
-constexpr Layout kRecord{118, kColumns};
+constexpr Layout kRecord = named(118, kColumns, kNames);
 constexpr ConverterDef kDef{"adcdf_do_bulletin",
                             &Counters::giBulletin,
                             Counting::kBeforeHeader,
@@ -167,6 +189,12 @@ constexpr ConverterDef kDef{"adcdf_do_bulletin",
 }  // namespace bulletin
 
 }  // namespace
+
+std::span<const ConverterDef* const> message_transfer_tables() {
+  static constexpr const ConverterDef* kTables[] = {&routing::kDef, &delivery::kDef,
+                                                    &bulletin::kDef};
+  return kTables;
+}
 
 int adcdf_do_routing(Context& ctx) {
   return run_converter(ctx, routing::kDef);

@@ -128,6 +128,7 @@ struct Env {
   bool closed_standard = false;        // start with descriptors 0, 1 and 2 closed
   int stderr_fd = -1;                  // standard error on this descriptor, not a file
   mode_t umask = 022;
+  std::string binary = EKADCDF_BINARY;  // the program to run
 };
 
 class Daemon {
@@ -140,7 +141,7 @@ class Daemon {
                                             "RUNTIME_DIRECTORY=" + box.root().string()};
     if (env.home) environment.push_back("HOME=" + *env.home);
     environment.insert(environment.end(), env.more.begin(), env.more.end());
-    args.insert(args.begin(), EKADCDF_BINARY);
+    args.insert(args.begin(), env.binary);
     pid_ = ::fork();
     if (pid_ == 0) {
       std::vector<char*> argv, envp;

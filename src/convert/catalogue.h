@@ -1,0 +1,44 @@
+// The record catalogue: every record type the daemon writes, with its columns in order, as the
+// converter tables define them. The exporter splits and loads records with it, and the record
+// reference (docs/records.md) is checked against it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace adcdf {
+
+// The type a loader gives a column. Values that are not the plain form of an integer are still
+// kept as the text they are.
+enum class ValueType : uint8_t { kInteger, kText };
+
+struct RecordColumn {
+  std::string name;  // "reserved_<column>" for a constant column
+  bool quoted;       // written between double quotes
+  size_t width;      // the most bytes its value holds, quotes not counted
+  ValueType type;
+  bool constant;      // always holds `value`
+  std::string value;  // the constant, without quotes
+  bool number;        // always a plain integer: a number the daemon formats itself
+};
+
+struct RecordType {
+  int type;
+  std::vector<RecordColumn> columns;  // from column 1 on
+};
+
+// Columns 1 to 8, the same in every record.
+inline constexpr size_t kCommonColumns = 8;
+// The header record that starts a generation: date and host, no event.
+inline constexpr int kHeaderType = 999;
+
+// Every record type, by increasing type code (the header record last).
+std::span<const RecordType> record_catalogue();
+// The entry of `type`, or null.
+const RecordType* find_record_type(int type);
+
+}  // namespace adcdf

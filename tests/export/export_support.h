@@ -1,0 +1,225 @@
+// What the exporter tests share: a PostgreSQL server of their own, and reading every target back
+// into the CDF lines its rows came from.
+#pragma once
+
+#include <libpq-fe.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <set>
+
+#include "convert/catalogue.h"
+#include "daemon/daemon_harness.h"
+#include "export/target.h"
+#include "export/values.h"
+
+namespace export_test {
+
+using daemon_test::fs::path;
+
+using Rows = std::vector<std::vector<std::string>>;
+
+// The result of `sql`; NULL reads as an empty string.
+inline Rows pg_query(const std::string& conninfo, const std::string& sql) {
+  PGconn* conn = PQconnectdb(conninfo.c_str());
+  PGresult* r = PQexec(conn, sql.c_str());
+  EXPECT_TRUE(PQresultStatus(r) == PGRES_TUPLES_OK || PQresultStatus(r) == PGRES_COMMAND_OK)
+      << sql << ": " << PQerrorMessage(conn);
+  Rows rows(static_cast<size_t>(PQntuples(r)));
+  for (int i = 0; i < PQntuples(r); ++i) {
+    for (int j = 0; j < PQnfields(r); ++j) rows[i].emplace_back(PQgetvalue(r, i, j));
+  }
+  PQclear(r);
+  PQfinish(conn);
+  return rows;
+}
+
+// A cluster in a temporary directory, run by an unprivileged account (nobody when the tests run
+// as root, since the server refuses root) and reached through a Unix socket there only.
+class PostgresServer {
+ public:
+  // The server, started on first use; null when PostgreSQL is not installed.
+  static PostgresServer* get() {
+    static std::unique_ptr<PostgresServer> server =
+        std::string(POSTGRES_BIN).empty() ? nullptr : std::make_unique<PostgresServer>();
+    return server.get();
+  }
+
+  PostgresServer() {
+    std::string pattern = (daemon_test::fs::temp_directory_path() / "ekadcdf-pg-XXXXXX").string();
+    dir_ = ::mkdtemp(pattern.data());
+    as_owner_ = ::geteuid() == 0 ? "runuser -u nobody -- " : "";
+    if (::geteuid() == 0 && ::chown(dir_.c_str(), 65534, 65534) != 0) ADD_FAILURE() << "chown";
+    const std::string bin = POSTGRES_BIN;
+    run(bin + "/initdb -D " + dir_ + "/data -U postgres --auth=trust -E UTF8 --no-locale -N");
+    run(bin + "/pg_ctl -D " + dir_ + "/data -l " + dir_ +
+        "/log -w start -o \"-c listen_addresses='' " + "-c unix_socket_directories=" + dir_ +
+        " -c fsync=off\"");
+  }
+  ~PostgresServer() {
+    run(std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir_ + "/data -m immediate stop");
+    daemon_test::fs::remove_all(dir_);
+  }
+
+  std::string conninfo(const std::string& database = "postgres") const {
+    return "host=" + dir_ + " user=postgres dbname=" + database;
+  }
+  // The conninfo of a new, empty database.
+  std::string fresh() {
+    const std::string name = "db" + std::to_string(++databases_);
+    pg_query(conninfo(), "CREATE DATABASE " + name);
+    return conninfo(name);
+  }
+
+ private:
+  void run(const std::string& command) const {
+    ASSERT_EQ(std::system((as_owner_ + command + " >>" + dir_ + "/setup.log 2>&1").c_str()), 0)
+        << command << ", see " << dir_ << "/setup.log";
+  }
+  std::string dir_;
+  std::string as_owner_;
+  int databases_ = 0;
+};
+
+// The bytes a target's text stands for: each U+EF00 + b is the byte b.
+inline std::string original(std::string_view text) {
+  std::string bytes;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c == 0xEE && i + 2 < text.size() && (text[i + 1] & 0xFC) == 0xBC) {
+      bytes.push_back(static_cast<char>(((text[i + 1] & 3) << 6) | (text[i + 2] & 0x3F)));
+      i += 2;
+    } else {
+      bytes.push_back(text[i]);
+    }
+  }
+  return bytes;
+}
+
+// A record's line from its values as a target gives them back, with its host after a '|'.
+inline std::string cdf_line(const adcdf::RecordType& type, const std::vector<std::string>& values,
+                            const std::string& host) {
+  std::string line;
+  for (size_t i = 0; i < type.columns.size(); ++i) {
+    const char* quote = type.columns[i].quoted ? "\"" : "";
+    line += (i > 0 ? "," : "") + (quote + original(values.at(i))) + quote;
+  }
+  return line + "|" + host;
+}
+
+// Integer columns hold integers exactly when their text is a plain integer; `type` is how a
+// target stored `value`: "integer" or "text".
+inline void expect_typed(const adcdf::RecordColumn& column, const std::string& value,
+                         const std::string& type) {
+  int64_t number;
+  const bool plain = adcdf::exporter::parse_integer(value, number);
+  EXPECT_EQ(type, column.type == adcdf::ValueType::kInteger && plain ? "integer" : "text")
+      << column.name << " = '" << value << "'";
+}
+
+inline std::vector<std::string> column_texts(sqlite3_stmt* s, int from, int count) {
+  std::vector<std::string> values;
+  for (int i = from; i < from + count; ++i) {
+    const unsigned char* text = sqlite3_column_text(s, i);
+    values.emplace_back(text ? reinterpret_cast<const char*>(text) : "",
+                        static_cast<size_t>(sqlite3_column_bytes(s, i)));
+  }
+  return values;
+}
+
+// RFC 4180, lines ended by CR LF.
+inline Rows parse_csv(const std::string& text) {
+  Rows rows(1, std::vector<std::string>(1));
+  bool quoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (quoted && c == '"' && i + 1 < text.size() && text[i + 1] == '"') {
+      rows.back().back() += text[i++];
+    } else if (c == '"') {
+      quoted = !quoted;
+    } else if (!quoted && c == ',') {
+      rows.back().emplace_back();
+    } else if (!quoted && c == '\r' && text.substr(i, 2) == "\r\n") {
+      rows.emplace_back(1);
+      ++i;
+    } else {
+      rows.back().back() += c;
+    }
+  }
+  rows.pop_back();  // after the last CR LF
+  return rows;
+}
+
+enum class Kind { kCsv, kJsonl, kSqlite, kPostgres };
+
+// Every row of a target as cdf_line() of its values.
+inline std::multiset<std::string> read_back(Kind kind, const std::string& where) {
+  std::multiset<std::string> lines;
+  const size_t extras = std::size(adcdf::exporter::kExtraColumns);
+  sqlite3* db = nullptr;
+  sqlite3_open(kind == Kind::kSqlite ? where.c_str() : ":memory:", &db);
+  sqlite3_busy_timeout(db, 10000);
+  if (kind == Kind::kJsonl) {
+    std::istringstream in(daemon_test::read_file(where));
+    sqlite3_stmt* s;
+    sqlite3_prepare_v2(db, "SELECT value, type FROM json_each(?1) ORDER BY id", -1, &s, nullptr);
+    for (std::string json; std::getline(in, json);) {
+      sqlite3_bind_text(s, 1, json.data(), static_cast<int>(json.size()), SQLITE_STATIC);
+      std::vector<std::string> values, types;
+      while (sqlite3_step(s) == SQLITE_ROW) {
+        values.push_back(column_texts(s, 0, 1)[0]);
+        types.push_back(column_texts(s, 1, 1)[0]);
+      }
+      sqlite3_reset(s);
+      const adcdf::RecordType& type = *adcdf::find_record_type(std::stoi(values.at(0)));
+      for (size_t i = 0; i < type.columns.size(); ++i) {
+        expect_typed(type.columns[i], values[i], types[i] == "integer" ? "integer" : "text");
+      }
+      lines.insert(cdf_line(type, values, values.at(values.size() - 2)));
+    }
+    sqlite3_finalize(s);
+  }
+  for (const adcdf::RecordType& type : adcdf::record_catalogue()) {
+    if (type.type == adcdf::kHeaderType || kind == Kind::kJsonl) continue;
+    const std::string table = adcdf::exporter::table_name(type.type);
+    const int n = static_cast<int>(type.columns.size());
+    if (kind == Kind::kCsv) {
+      if (!daemon_test::fs::exists(where + "/" + table + ".csv")) continue;
+      Rows rows = parse_csv(daemon_test::read_file(where + "/" + table + ".csv"));
+      EXPECT_EQ(rows.at(0).size(), type.columns.size() + extras) << table;
+      for (size_t r = 1; r < rows.size(); ++r)
+        lines.insert(cdf_line(type, rows[r], rows[r][n + 1]));
+    } else if (kind == Kind::kSqlite) {
+      sqlite3_stmt* s;
+      std::string select = "SELECT *";
+      for (const adcdf::RecordColumn& c : type.columns) select += ", typeof(" + c.name + ")";
+      if (sqlite3_prepare_v2(db, (select + " FROM " + table).c_str(), -1, &s, nullptr) != 0) {
+        ADD_FAILURE() << sqlite3_errmsg(db);
+        continue;
+      }
+      while (sqlite3_step(s) == SQLITE_ROW) {
+        std::vector<std::string> values = column_texts(s, 0, n);
+        std::vector<std::string> types = column_texts(s, n + static_cast<int>(extras), n);
+        for (int i = 0; i < n; ++i) expect_typed(type.columns[i], values[i], types[i]);
+        lines.insert(cdf_line(type, values, column_texts(s, n + 1, 1)[0]));
+      }
+      sqlite3_finalize(s);
+    } else {
+      std::string select = "SELECT ";
+      for (const adcdf::RecordColumn& c : type.columns) {
+        select += c.type == adcdf::ValueType::kText
+                      ? c.name + ", "
+                      : "coalesce(" + c.name + "::text, verbatim->>'" + c.name + "'), ";
+      }
+      for (const std::vector<std::string>& row : pg_query(where, select + "host FROM " + table)) {
+        lines.insert(cdf_line(type, row, row.back()));
+      }
+    }
+  }
+  sqlite3_close(db);
+  return lines;
+}
+
+}  // namespace export_test

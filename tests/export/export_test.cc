@@ -1,0 +1,379 @@
+// ekadcdf-export on a base the daemon wrote: every record type; quotes and commas in quoted
+// values; a comma in a bare column that one split explains and one that several do; numbers
+// that are not plain integers; bytes that are not UTF-8; a rotation between two runs. Each
+// target is read back and must hold every record line once, byte for byte.
+#include <atomic>
+
+#include "export/exporter.h"
+#include "export_support.h"
+
+namespace export_test {
+namespace {
+
+using daemon_test::Daemon;
+using daemon_test::Env;
+using daemon_test::eventually;
+using daemon_test::read_file;
+using daemon_test::Sandbox;
+namespace fs = daemon_test::fs;
+
+// One section of each kind. The first routing section's originator ends in `","`, so its
+// records split two ways; the dirsync-in command's comma could belong to any of four bare
+// columns: those records are rejected. The unix-out reason's comma fits one column only.
+const std::pair<const char*, const char*> kSections[] = {
+    {"routing",
+     "type 1\npriority 2\noriginator amb\",\"x\nua-message-id UA-0\nrecipient-to r/hq\n"
+     "ack-req 1\nqueue LOCAL\nsubject ambiguous"},
+    {"routing",
+     "type 1\npriority 2\noriginator john smith/sales\nua-message-id UA-1\nrecipient-to mary\n"
+     "ack-req 1\nqueue LOCAL\nrecipient-cc lee\nack-req 0\nqueue ekx400-gw\nmessage-size 007\n"
+     "mta-message-id <M1@x>\nsubject Re: \"Q3\" figures, \"final\", say \"hi\"\npart-count 2"},
+    {"delivery",
+     "type 2\noriginator bob/hq\nua-message-id UA-3\nrecipient-to ann/hq\nnon-delivery-reason 3\n"
+     "recipient-cc joe/hq\nauto-notify  34\nauto-file\ndelivered-count 8\r\nmta-message-id M3"},
+    {"unix-out",
+     "originator li brown\nua-message-id UA-4\ntype 4\nnon-delivery-reason 7,8\n"
+     "recipient-to pat\nunix-message-id a\", \"b"},
+    {"dirsync-in", "originator pat/hq\noperation 1\ncommand sync,all\nflags 0\nreload-posn 77193"},
+    {"bulletin",
+     "originator ann/hq\nbulletin-name caf\xe9 \xee\xbd\x81 \\\\ end\nmta-message-id M5"},
+    {"ekscan", "user first/hq\nuser-messages 151\ntray 2 pending 24 4036872\nuser second"},
+    {"user-signon", "user 123 Main Mail System jsmith smithj\ndesignate-user 754 pat/legal"},
+    {"user-signoff", "user 123 Main Mail System\nsignoff-status 5\nduration 9288"},
+    {"subsystem-start", "subsystem 3\nuser sysadm"},
+    {"subsystem-stop", "subsystem 3\nuser sysadm"},
+    {"fax", "originator mary/hq\nrecipient-to zoe\nretries 2\nsent-time 09,30\nrecipient-bcc m"},
+    {"request", "originator ann/hq\nrequest-name list users\noriginator-admin-cap 3"},
+    {"unix-in", "originator li brown\nua-message-id UA-6"},
+    {"desk-in", "originator kim/ops\ntype 1\ndesk-message-id D-7"},
+    {"desk-out", "originator kim/ops\nrecipient-to lee/ops\nrecipient-cc max/ops"},
+    {"x400-in", "priority 1\noriginator C=US;A=ATT\nall-recips-non-deliv\nmta-message-id M8"},
+    {"x400-out", "originator ann/hq\nmta_message-id M9\nrecipient-to a\nrecipient-cc b"},
+    {"sms-in", "message-size 1234\nnon-delivery-reason 5"},
+    {"sms-out", "message-size 99"},
+    {"dirsync-out", "recipient pat jones\noperation 2\ncommand sync\nrequest-id R12"},
+};
+
+bool rejected(const std::string& line) {
+  return line.find("AMB\",\"") != std::string::npos || line.find("sync,all") != std::string::npos;
+}
+
+// `copies` rounds of every section on day `day` of January 2026 (UTC), from `minute` on.
+std::string audit(int day, int copies, int minute = 0) {
+  std::string text;
+  long t = 1767225600 + day * 86400L + minute * 60L;
+  for (int i = 0; i < copies; ++i) {
+    for (const auto& [kind, body] : kSections) {
+      text += std::string(kind) + "\naudit " + std::to_string(t += 60) + "\n" + body + "\n\n";
+    }
+  }
+  return text;
+}
+
+// Two audit files in turn: the second is the first with more sections of its last day and of
+// the day after, which starts a new generation.
+const std::string kAudit[2] = {audit(0, 2) + audit(1, 2),
+                               audit(0, 2) + audit(1, 2) + audit(1, 1, 600) + audit(2, 2)};
+
+using Files = std::map<std::string, std::string>;
+
+class Export : public ::testing::Test {
+ protected:
+  // The generations the daemon writes from each audit file, its host name in them.
+  static void SetUpTestSuite() {
+    Sandbox box;
+    box.write("audit", kAudit[0]);
+    Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
+    for (int phase = 0; phase < 2; ++phase) {
+      if (phase == 1) box.append("audit", kAudit[1].substr(kAudit[0].size()));
+      ASSERT_TRUE(daemon.wait_err("waiting...", phase + 1)) << daemon.err();
+      generations_[phase] = box.files("cdf.0");
+    }
+    ASSERT_EQ(daemon.stop(), 0);
+    ASSERT_EQ(box.read("cdf.ERR"), "");
+    char name[256] = {};
+    ::gethostname(name, sizeof name - 1);
+    host_ = name;
+    // Per round of sections: a routing record and its recipient's, and a dirsync-in record.
+    ASSERT_EQ(lines(0, true).size(), 4 * 3u);
+    ASSERT_EQ(lines(1, true).size(), 7 * 3u);
+  }
+
+  // Puts the generations of `phase` in `dir` as the daemon left them there.
+  static std::string place(int phase, const fs::path& dir) {
+    fs::create_directories(dir);
+    for (const auto& entry : fs::directory_iterator(dir)) fs::remove(entry.path());
+    for (const auto& [name, text] : generations_[phase]) daemon_test::write_file(dir / name, text);
+    return (dir / "cdf").string();
+  }
+
+  // The lines a target holds after `phase`, as read_back() gives them; the lines rejected.
+  static std::multiset<std::string> lines(int phase, bool rejects = false) {
+    std::multiset<std::string> lines;
+    for (const auto& [name, text] : generations_[phase]) {
+      std::istringstream in(text);
+      for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("999,")) continue;
+        if (rejected(line) == rejects) lines.insert(rejects ? line : line + "|" + host_);
+      }
+    }
+    return lines;
+  }
+
+  static Files generations_[2];
+  static std::string host_;
+};
+Files Export::generations_[2];
+std::string Export::host_;
+
+std::unique_ptr<adcdf::exporter::Target> target(Kind kind, const std::string& where) {
+  using namespace adcdf::exporter;
+  switch (kind) {
+    case Kind::kCsv:
+      return csv_target(where);
+    case Kind::kJsonl:
+      return jsonl_target(where);
+    case Kind::kSqlite:
+      return sqlite_target(where);
+    case Kind::kPostgres:
+      return postgres_target(where);
+  }
+  return nullptr;
+}
+
+adcdf::exporter::Totals run(Kind kind, const std::string& where, const std::string& base,
+                            const std::string& rejects = "") {
+  static const volatile std::sig_atomic_t kNoStop = 0;
+  auto t = target(kind, where);
+  return adcdf::exporter::Exporter(base, rejects, false, kNoStop).run(*t, [](auto&) {});
+}
+
+struct Target {
+  const char* name;
+  Kind kind;
+  std::string where;
+};
+
+std::vector<Target> targets(const Sandbox& box) {
+  std::vector<Target> all = {{"csv", Kind::kCsv, box.path("csv").string()},
+                             {"jsonl", Kind::kJsonl, box.path("out.jsonl").string()},
+                             {"sqlite", Kind::kSqlite, box.path("out.db").string()}};
+  if (PostgresServer* pg = PostgresServer::get()) {
+    all.push_back({"postgres", Kind::kPostgres, pg->fresh()});
+  } else {
+    ADD_FAILURE() << "PostgreSQL is not installed (scripts/install-deps.sh installs it)";
+  }
+  return all;
+}
+
+TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
+  Sandbox box;
+  for (const Target& t : targets(box)) {
+    SCOPED_TRACE(t.name);
+    const std::string rejects = box.path(std::string(t.name) + ".rejects").string();
+    for (int phase = 0; phase < 2; ++phase) {
+      const std::string base = place(phase, box.path("base"));
+      run(t.kind, t.where, base, rejects);
+      if (phase == 0) {
+        EXPECT_EQ(run(t.kind, t.where, base, rejects).records, 0) << "a second run adds nothing";
+      }
+      EXPECT_EQ(read_back(t.kind, t.where), lines(phase));
+      // Each rejected line once, as <generation>:<line number>:<bytes>.
+      std::istringstream in(read_file(rejects));
+      std::multiset<std::string> listed;
+      for (std::string line; std::getline(in, line);) {
+        const size_t name_end = line.find(':'), number_end = line.find(':', name_end + 1);
+        listed.insert(line.substr(number_end + 1));
+        if (phase == 1) continue;  // the generations have moved since
+        const std::string name = fs::path(line.substr(0, name_end)).filename().string();
+        std::istringstream generation(generations_[0].at(name));
+        std::string at;
+        for (int n = std::stoi(line.substr(name_end + 1)); n > 0; --n) {
+          std::getline(generation, at);
+        }
+        EXPECT_EQ(at, line.substr(number_end + 1));
+      }
+      EXPECT_EQ(listed, lines(phase, true));
+    }
+  }
+}
+
+TEST_F(Export, DatabasesDeriveTheEventTimeFromColumnEight) {
+  Sandbox box;
+  const std::string base = place(1, box.path("base"));
+  run(Kind::kSqlite, box.path("out.db").string(), base);
+  sqlite3* db;
+  sqlite3_open(box.path("out.db").string().c_str(), &db);
+  sqlite3_stmt* s;
+  sqlite3_prepare_v2(db,
+                     "SELECT count(*), sum(event_time = datetime(epoch_seconds, 'unixepoch')) "
+                     "FROM cdf_108",
+                     -1, &s, nullptr);
+  ASSERT_EQ(sqlite3_step(s), SQLITE_ROW);
+  EXPECT_GT(sqlite3_column_int(s, 0), 0);
+  EXPECT_EQ(sqlite3_column_int(s, 0), sqlite3_column_int(s, 1));
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+  if (PostgresServer* pg = PostgresServer::get()) {
+    const std::string db2 = pg->fresh();
+    run(Kind::kPostgres, db2, base);
+    EXPECT_EQ(pg_query(db2,
+                       "SELECT count(*) FROM cdf_108 WHERE event_time IS DISTINCT FROM "
+                       "to_timestamp(epoch_seconds) OR generation_date IS NULL"),
+              Rows{{"0"}});
+  }
+}
+
+// A run killed while it writes leaves the target as it was; the next run loads everything once.
+// Each target is caught in the middle: SQLite at its commit, held back by a reader; PostgreSQL
+// waiting for a table another session has locked; CSV with its copies half written.
+TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
+  Sandbox box;
+  const std::string small = place(0, box.path("small"));
+  std::string big;
+  for (int i = 0; i < 400; ++i) {
+    for (const auto& [name, text] : generations_[1]) big += text;
+  }
+  fs::create_directories(box.path("big"));
+  daemon_test::write_file(box.path("big/cdf.000").string(), big);
+  const size_t big_records = 400 * lines(1).size();
+
+  for (const Target& t : targets(box)) {
+    if (t.kind == Kind::kJsonl) continue;  // its files are committed as CSV's are
+    SCOPED_TRACE(t.name);
+    run(t.kind, t.where, small);
+    const std::multiset<std::string> before = read_back(t.kind, t.where);
+    std::function<bool()> midway;
+    std::function<void()> release = [] {};
+    sqlite3* reader = nullptr;
+    std::unique_ptr<PGconn, void (*)(PGconn*)> locker(nullptr, PQfinish);
+    if (t.kind == Kind::kSqlite) {
+      sqlite3_open(t.where.c_str(), &reader);
+      sqlite3_exec(reader, "BEGIN; SELECT count(*) FROM cdf_101", nullptr, nullptr, nullptr);
+      midway = [&] { return fs::exists(t.where + "-journal"); };
+      release = [&] { sqlite3_close(reader); };
+    } else if (t.kind == Kind::kPostgres) {
+      locker.reset(PQconnectdb(t.where.c_str()));
+      PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE cdf_504 IN SHARE MODE"));
+      midway = [&] {
+        return pg_query(t.where, "SELECT count(*) FROM pg_locks WHERE NOT granted") != Rows{{"0"}};
+      };
+      release = [&] { locker.reset(); };
+    } else {
+      midway = [&] {
+        for (const auto& entry : fs::directory_iterator(t.where)) {
+          if (entry.path().string().ends_with(".tmp")) return true;
+        }
+        return false;
+      };
+    }
+    const std::string option = t.kind == Kind::kCsv      ? "--csv"
+                               : t.kind == Kind::kSqlite ? "--sqlite"
+                                                         : "--postgres";
+    Env env;
+    env.binary = EKADCDF_EXPORT_BINARY;
+    {
+      Daemon exporter(box, {option, t.where, box.path("big/cdf").string()}, env);
+      ASSERT_TRUE(eventually(midway, 60));
+      exporter.signal(SIGKILL);
+      EXPECT_EQ(exporter.wait_exit(), 128 + SIGKILL) << "the run ended before it was killed";
+    }
+    release();
+    EXPECT_EQ(read_back(t.kind, t.where), before);
+    Daemon again(box, {option, t.where, box.path("big/cdf").string()}, env);
+    EXPECT_EQ(again.wait_exit(120), 0) << again.err();
+    EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
+    EXPECT_FALSE(midway()) << "what the killed run left is cleared";
+  }
+}
+
+// How many rows the tables of a SQLite file hold; -1 while it cannot tell.
+int64_t rows(const std::string& file) {
+  sqlite3* db;
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+    sqlite3_close(db);
+    return -1;
+  }
+  int64_t total = 0;
+  for (const adcdf::RecordType& type : adcdf::record_catalogue()) {
+    if (type.type == adcdf::kHeaderType) continue;
+    sqlite3_stmt* s = nullptr;
+    const std::string count = "SELECT count(*) FROM " + adcdf::exporter::table_name(type.type);
+    if (sqlite3_prepare_v2(db, count.c_str(), -1, &s, nullptr) != SQLITE_OK ||
+        sqlite3_step(s) != SQLITE_ROW) {
+      total = -1;
+    } else if (total >= 0) {
+      total += sqlite3_column_int64(s, 0);
+    }
+    sqlite3_finalize(s);
+  }
+  sqlite3_close(db);
+  return total;
+}
+
+TEST_F(Export, FollowLoadsWhatTheDaemonWritesUntilStopped) {
+  Sandbox box;
+  box.write("audit", kAudit[0]);
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
+  Env env;
+  env.binary = EKADCDF_EXPORT_BINARY;
+  Daemon exporter(box, {"--follow", "--sqlite", "out.db", "cdf"}, env);
+  for (int phase = 0; phase < 2; ++phase) {
+    if (phase == 1) box.append("audit", kAudit[1].substr(kAudit[0].size()));
+    const auto expected = static_cast<int64_t>(lines(phase).size());
+    EXPECT_TRUE(eventually([&] { return rows(box.path("out.db").string()) == expected; }, 30))
+        << "phase " << phase;
+    EXPECT_EQ(read_back(Kind::kSqlite, box.path("out.db").string()), lines(phase));
+  }
+  EXPECT_EQ(exporter.stop(), 0) << exporter.err();
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+struct CommandLine {
+  std::vector<std::string> args;
+  int status;
+  std::string message;  // in what it writes
+};
+
+TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
+  Sandbox box;
+  const std::string base = place(0, box.path("base"));
+  const CommandLine cases[] = {
+      {{"--help"}, 0, "Usage: ekadcdf-export"},
+      {{"--version"}, 0, "ekadcdf-export "},
+      {{"--columns"}, 0, "101\t24\tsubject\tquoted\t257\ttext\t-\n"},
+      {{}, 2, "no BASE given"},
+      {{"--csv", "a", "--sqlite", "b", base}, 2, "choose one of"},
+      {{"--bogus", base}, 2, "unknown option"},
+      {{"--sqlite"}, 2, "missing value"},
+      {{base, base}, 2, "one BASE only"},
+      {{"--sqlite", box.path("x.db").string(), box.path("nothing/cdf").string()},
+       1,
+       "cannot read the directory"},
+      {{"--sqlite", box.path("x.db").string(), box.path("base/none").string()},
+       1,
+       "no generations"},
+      {{"--postgres", "host=/nonexistent", base}, 1, "PostgreSQL: cannot connect"},
+      {{"--csv", "/proc/no", base}, 1, "cannot create the directory /proc/no"},
+      {{"--rejects", "/proc/no", base}, 1, "cannot open /proc/no"},
+      {{base}, 0, "into " + base + ".sqlite"},
+  };
+  Env env;
+  env.binary = EKADCDF_EXPORT_BINARY;
+  for (const CommandLine& c : cases) {
+    Daemon exporter(box, c.args, env);
+    EXPECT_EQ(exporter.wait_exit(), c.status) << c.message;
+    EXPECT_NE((exporter.out() + exporter.err()).find(c.message), std::string::npos)
+        << exporter.out() << exporter.err();
+  }
+  // JSON Lines to standard output: every record, nothing remembered.
+  for (int i = 0; i < 2; ++i) {
+    Daemon exporter(box, {"--jsonl", "-", base}, env);
+    EXPECT_EQ(exporter.wait_exit(), 0);
+    std::string out = exporter.out();
+    EXPECT_EQ(static_cast<size_t>(std::count(out.begin(), out.end(), '\n')), lines(0).size());
+  }
+}
+
+}  // namespace
+}  // namespace export_test
