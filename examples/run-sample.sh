@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Runs the daemon on the bundled sample audit file; with --once it stops by itself at the end of
-# the file. Then shows what it wrote.
-# Usage: examples/run-sample.sh [path/to/ekadcdf]
+# the file. Shows the records it wrote, then each of them column by column, as ekadcdf-export
+# names the columns (the names of docs/records.md).
+# Usage: examples/run-sample.sh [path/to/ekadcdf]   (ekadcdf-export is looked for beside it)
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 binary=$(realpath "${1:-$here/../build/ekadcdf}")
+exporter=$(dirname "$binary")/ekadcdf-export
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cp "$here/sample.audit" "$work/audit"
@@ -18,3 +20,16 @@ for f in cdf.0* cdf.ERR; do
 done
 echo "=== statistics"
 sed -n '/^Statistics:/,$p' stderr
+if [ -x "$exporter" ]; then
+  echo "=== the records column by column (ekadcdf-export --jsonl -; unused columns left out)"
+  "$exporter" --jsonl - cdf 2>/dev/null | python3 -c '
+import json, sys
+for line in sys.stdin:
+    r = json.loads(line)
+    print(r["record_type"], "at", r["event_time"])
+    skip = {"record_type", "year_since_1900", "month", "day", "hour", "minute", "second",
+            "epoch_seconds", "event_time", "host", "generation_date"}
+    for name, value in r.items():
+        if name not in skip and not name.startswith("reserved_"):
+            print(f"    {name:<22} {value!r}")'
+fi
