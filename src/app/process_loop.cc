@@ -112,7 +112,6 @@ void commit_section(Context& ctx) {
   if (section.rotation) {
     // The position the rotation records: at this section's name line, with its date, so that a
     // restart there converts the section into the new generation without rotating again.
-    ctx.positions.drain();
     ctx.errlog.sync();
     Position at = position_now(ctx);
     at.last = ctx.last;
@@ -159,8 +158,7 @@ int adcdf_process_file(Context& ctx) {
   }
 
   progress.stopping();
-  keep_position(ctx, PositionDue::kSettled);
-  ctx.positions.drain();
+  keep_position(ctx, PositionDue::kStop);
   print_statistics(ctx);
   ctx.input.set_before_wait(nullptr);
   ctx.generations.close();

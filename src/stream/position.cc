@@ -126,8 +126,13 @@ PositionFile::~PositionFile() {
 }
 
 void PositionFile::write(const Position& position, bool durable) {
-  drain();
-  put(position, durable);
+  {
+    std::lock_guard lock(mutex_);
+    if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+    ++epoch_;
+    job_.reset();
+    put(position, durable);
+  }
   newest_ = position;
   written_at_ = std::chrono::steady_clock::now();
 }
@@ -140,8 +145,13 @@ void PositionFile::put(const Position& position, bool durable) {
   if (durable) file_.sync();
 }
 
-void PositionFile::hand_over(const Position& position, const Appender& current,
+void PositionFile::hand_over(const std::optional<Position>& position, const Appender& current,
                              const Appender& errors) {
+  handed_at_ = std::chrono::steady_clock::now();
+  if (position) {
+    newest_ = position;
+    written_at_ = handed_at_;
+  }
   if (!worker_.joinable()) {
     // Started with every signal blocked, which the thread keeps.
     sigset_t all, previous;
@@ -154,25 +164,21 @@ void PositionFile::hand_over(const Position& position, const Appender& current,
       pthread_sigmask(SIG_SETMASK, &previous, nullptr);
       sync_descriptor(current.fd(), current.name());
       sync_descriptor(errors.fd(), errors.name());
-      write(position);
+      if (position) write(*position);
       return;
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   }
+  Job job{position, File::duplicate(current.fd(), current.name()),
+          File::duplicate(errors.fd(), errors.name()), 0};
   {
     std::lock_guard lock(mutex_);
     if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
-    job_ = Job{position, current.fd(), errors.fd(), current.name(), errors.name()};
+    if (!job.position && job_) job.position = std::move(job_->position);
+    job.epoch = epoch_;
+    job_ = std::move(job);
   }
   wake_.notify_one();
-  newest_ = position;
-  written_at_ = std::chrono::steady_clock::now();
-}
-
-void PositionFile::drain() {
-  std::unique_lock lock(mutex_);
-  idle_.wait(lock, [this] { return !job_ && !busy_; });
-  if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
 }
 
 void PositionFile::work() {
@@ -182,20 +188,21 @@ void PositionFile::work() {
     if (!job_) return;
     Job job = std::move(*job_);
     job_.reset();
-    busy_ = true;
     lock.unlock();
+    std::exception_ptr failed;
     try {
-      sync_descriptor(job.current_fd, job.current_name);
-      sync_descriptor(job.errors_fd, job.errors_name);
-      put(job.position, false);
+      job.current.sync();
+      job.errors.sync();
     } catch (...) {
-      lock.lock();
-      failure_ = std::current_exception();
-      lock.unlock();
+      failed = std::current_exception();
     }
     lock.lock();
-    busy_ = false;
-    idle_.notify_all();
+    try {
+      if (!failed && job.position && job.epoch == epoch_) put(*job.position, false);
+    } catch (...) {
+      failed = std::current_exception();
+    }
+    if (failed && !failure_) failure_ = failed;
   }
 }
 

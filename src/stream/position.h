@@ -15,10 +15,12 @@
 // process ends, however it ends.
 //
 // A position is written only once the output it covers is on the disk. While the daemon catches
-// up, that sync waits for the disk to take a second's output; a worker thread does it, so the
-// conversion goes on meanwhile. It holds no signal (they all reach the main thread, whose sleep
-// they must cut short) and touches nothing but the descriptors it is given and this file; the main
-// thread waits for it before it renames or closes those files or writes a position itself.
+// up, a worker thread keeps the output synced (several times a second, so that a rotation, which
+// must sync the generation it moves, finds little left to wait for) and writes a position at most
+// once a second, while the conversion goes on. It holds no signal (they all reach the main thread,
+// whose sleep they must cut short) and touches nothing but its own duplicates of the output
+// descriptors and this file. A position the daemon writes itself (start, rotation, stop) makes
+// any the worker holds stale: the worker then syncs but does not write it.
 //
 // Slot format (text, padded with blanks to the slot size):
 //   ekadcdf-position 1
@@ -92,25 +94,25 @@ class PositionFile {
 
   // The newest position: the newest readable slot, or the one written or handed over since.
   const std::optional<Position>& newest() const { return newest_; }
-  // When this run last wrote or handed over one.
+  // When this run last wrote or handed over a position, and last handed over anything.
   std::chrono::steady_clock::time_point written_at() const { return written_at_; }
+  std::chrono::steady_clock::time_point handed_at() const { return handed_at_; }
 
-  // Writes `position` into the older slot now (after what was handed over is done); with
-  // `durable`, waits until it is on the disk.
+  // Writes `position` into the older slot now; with `durable`, waits until it is on the disk.
+  // What the worker holds of earlier positions is dropped: this one is newer.
   void write(const Position& position, bool durable = false);
-  // Hands `position` to a worker thread, which syncs the two output files it covers (given by
-  // descriptor and name) and then writes it, while the daemon converts on. A position handed
-  // over while the worker is busy replaces the one waiting.
-  void hand_over(const Position& position, const Appender& current, const Appender& errors);
-  // Waits until the worker has written what it was given; rethrows its failure. Call before
-  // the output files it covers are closed or renamed.
-  void drain();
+  // Has the worker thread sync the two output files and then, when `position` is given, write
+  // it, while the daemon converts on. The worker syncs duplicates of their descriptors, so the
+  // daemon may close and rename the files meanwhile. What was handed over and not yet begun is
+  // merged into this. Rethrows a failure of earlier work.
+  void hand_over(const std::optional<Position>& position, const Appender& current,
+                 const Appender& errors);
 
  private:
   struct Job {
-    Position position;
-    int current_fd, errors_fd;
-    std::string current_name, errors_name;
+    std::optional<Position> position;
+    File current, errors;  // duplicated descriptors
+    uint64_t epoch;
   };
   void read();
   void put(const Position& position, bool durable);
@@ -119,13 +121,13 @@ class PositionFile {
   File file_;
   uint64_t sequence_ = 0;  // of the newest slot
   std::optional<Position> newest_;
-  std::chrono::steady_clock::time_point written_at_;
+  std::chrono::steady_clock::time_point written_at_, handed_at_;
 
   std::thread worker_;
-  std::mutex mutex_;
-  std::condition_variable wake_, idle_;
+  std::mutex mutex_;  // guards what follows, and the slots while one is written
+  std::condition_variable wake_;
   std::optional<Job> job_;  // waiting for the worker
-  bool busy_ = false;       // the worker is on a job
+  uint64_t epoch_ = 0;      // counts the positions written by the daemon itself
   bool closing_ = false;
   std::exception_ptr failure_;
 };

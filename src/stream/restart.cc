@@ -156,13 +156,29 @@ Position position_now(Context& ctx) {
 }
 
 void keep_position(Context& ctx, PositionDue due) {
-  if (due == PositionDue::kAfterCommit &&
-      std::chrono::steady_clock::now() - ctx.positions.written_at() < std::chrono::seconds(1)) {
-    return;
+  using std::chrono::milliseconds;
+  PositionFile& positions = ctx.positions;
+  const auto now = std::chrono::steady_clock::now();
+  std::optional<Position> at;
+  switch (due) {
+    case PositionDue::kAfterCommit:
+      // The output is synced every tenth of a second, a position written once a second.
+      if (now - positions.handed_at() < milliseconds(100)) return;
+      if (now - positions.written_at() >= milliseconds(1000)) at = position_now(ctx);
+      break;
+    case PositionDue::kSettled:
+      at = position_now(ctx);
+      if (at == positions.newest()) return;
+      break;
+    case PositionDue::kStop:
+      at = position_now(ctx);
+      ctx.errlog.sync();
+      ctx.generations.current().sync();
+      positions.write(*at);
+      return;
   }
-  Position at = position_now(ctx);
-  if (at != ctx.positions.newest())
-    ctx.positions.hand_over(at, ctx.generations.current(), ctx.errlog);
+  if (at == positions.newest()) at.reset();
+  positions.hand_over(at, ctx.generations.current(), ctx.errlog);
 }
 
 }  // namespace adcdf

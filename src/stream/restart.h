@@ -16,10 +16,11 @@
 // sections older than the checkpoint are skipped.
 //
 // Positions are written: at start, before anything is appended; with every rotation (by the
-// rotation itself, see generations.h); after commits at most about once a second; at the first
-// wait after something was handled; and at a normal stop. A position is written only after the
-// output files it covers are on the disk, so after a power loss it may lag, which makes the
-// restart convert more again, but never covers data that is not there.
+// rotation itself, see generations.h); after commits at most about once a second and at the first
+// wait after something was handled (both by the worker thread of position.h, while the daemon
+// goes on); and at a normal stop. A position is written only after the output files it covers
+// are on the disk, so after a power loss it may lag, which makes the restart convert more again,
+// but never covers data that is not there.
 #pragma once
 
 #include "stream/context.h"
@@ -38,8 +39,9 @@ void restore_checkpoint(Context& ctx);
 Position position_now(Context& ctx);
 
 enum class PositionDue {
-  kAfterCommit,  // when a second has passed since the last one
-  kSettled,      // before a wait and at a stop: when anything changed since the last one
+  kAfterCommit,  // the output synced in the background, a position when a second has passed
+  kSettled,      // before a wait: in the background, when anything changed since the last one
+  kStop,         // at a stop: now
 };
 void keep_position(Context& ctx, PositionDue due);
 

@@ -56,6 +56,12 @@ File File::read_write_create(const std::string& name) {
   return open_or_throw(name, O_RDWR | O_CREAT | O_NOFOLLOW);
 }
 
+File File::duplicate(int fd, const std::string& name) {
+  int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) raise_file_error(kReasonOpen, "cannot duplicate the descriptor of", name, errno);
+  return File(copy, name);
+}
+
 File File::read_only(const std::string& name, bool follow_links) {
   return open_or_throw(name, O_RDONLY | (follow_links ? 0 : O_NOFOLLOW));
 }

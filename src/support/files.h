@@ -43,6 +43,8 @@ class File {
   static File read_write(const std::string& name);
   // Opens for reading and writing, creating an empty file when there is none.
   static File read_write_create(const std::string& name);
+  // Another descriptor of the open file `fd`, named `name`.
+  static File duplicate(int fd, const std::string& name);
   // Opens for reading; `follow_links` for a file the daemon only reads (the audit file).
   static File read_only(const std::string& name, bool follow_links = false);
 
