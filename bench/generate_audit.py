@@ -14,6 +14,9 @@ The output depends only on the options: the same --seed, --sections and --start 
 bytes.
 
     bench/generate_audit.py --sections 1000000 --seed 1 /tmp/audit
+
+With --profile small, every kind is equally frequent and every section names one recipient:
+many small sections, the case where the per-section cost of converting counts most.
 """
 
 import argparse
@@ -146,7 +149,10 @@ def recipient_count(rng):
     return rng.randint(12, 60)
 
 
-def make_generator(rng, pools, start):
+def make_generator(rng, pools, start, small=False):
+    global recipient_count
+    if small:
+        recipient_count = lambda rng: 1  # noqa: E731
     r = rng.random
     pick = rng.choice
     sample = rng.choices
@@ -314,7 +320,7 @@ def make_generator(rng, pools, start):
         "subsystem-start": subsystem_start, "subsystem-stop": subsystem_stop,
     }
     names = [k for k, _ in KINDS]
-    weights = [w for _, w in KINDS]
+    weights = [1 if small else w for _, w in KINDS]
 
     def sections(count):
         """Yields the text of `count` sections, each with its blank line(s) after it."""
@@ -328,10 +334,10 @@ def make_generator(rng, pools, start):
     return sections
 
 
-def generate(out, count, start, seed, chunk=20000):
+def generate(out, count, start, seed, small=False, chunk=20000):
     rng = random.Random(seed)
     pools = Pools(rng)
-    sections = make_generator(rng, pools, start)
+    sections = make_generator(rng, pools, start, small)
     written = 0
     while written < count:
         n = min(chunk, count - written)
@@ -347,13 +353,15 @@ def main():
                         help="event time of the first section, seconds since the epoch "
                              "(default 2026-10-03 00:00 UTC)")
     parser.add_argument("--seed", type=int, default=1, help="seed of the random choices")
+    parser.add_argument("--profile", choices=("default", "small"), default="default",
+                        help="'small': every kind equally often, one recipient each")
     args = parser.parse_args()
     begin = time.monotonic()
     if args.output == "-":
-        generate(sys.stdout, args.sections, args.start, args.seed)
+        generate(sys.stdout, args.sections, args.start, args.seed, args.profile == "small")
     else:
         with open(args.output, "w", encoding="ascii", buffering=8 << 20) as out:
-            generate(out, args.sections, args.start, args.seed)
+            generate(out, args.sections, args.start, args.seed, args.profile == "small")
     print(f"generate_audit: {args.sections} sections in {time.monotonic() - begin:.1f} s",
           file=sys.stderr)
 
