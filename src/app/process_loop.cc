@@ -6,6 +6,7 @@
 
 #include "convert/dispatch.h"
 #include "record/record_writer.h"
+#include "stream/commit.h"
 #include "stream/restart.h"
 #include "support/notify.h"
 
@@ -39,7 +40,7 @@ void report_unknown_section(Context& ctx) {
   entry.append(ctx.gszLine);
   entry.push_back('\n');
   if (ctx.trace.on()) ctx.trace.write(entry);
-  ctx.errlog.append(entry);
+  ctx.output.errors.append(entry);
 }
 
 // A section whose audit file was replaced or truncated before its blank line arrived.
@@ -47,7 +48,7 @@ void report_cut_section(Context& ctx, int name_line) {
   std::string entry = "Incomplete section dropped at line ";
   RecordLine::append_number(entry, name_line);
   entry.push_back('\n');
-  ctx.errlog.append(entry);
+  ctx.output.errors.append(entry);
 }
 
 // What the service manager is told (see support/notify.h): ready once the run has started, then
@@ -87,42 +88,27 @@ class Progress {
 // Converts the section whose name line is in gszLine. False when a stop abandoned it.
 bool convert_section(Context& ctx, const SectionEntry& entry) {
   const int name_line = ctx.giLineno;
+  ctx.output.begin_section();
   try {
     entry.convert(ctx);
   } catch (const SectionAbandoned&) {
     // Not handled: the section leaves no trace, and a restart reads it again from its name line.
-    ctx.section.clear();
+    ctx.output.drop_section();
     ctx.last = ctx.handled.last;
     return false;
   } catch (const SectionCut&) {
-    ctx.section.clear();
+    ctx.output.drop_section();
     ctx.last = ctx.handled.last;
     report_cut_section(ctx, name_line);
     return true;
   }
-  commit_section(ctx);
+  ctx.output.end_section();
+  if (ctx.output.rotation) rotate_for_section(ctx);
   ++ctx.giLineno;
   return true;
 }
 
 }  // namespace
-
-void commit_section(Context& ctx) {
-  SectionOutput& section = ctx.section;
-  if (section.rotation) {
-    // The position the rotation records: at this section's name line, with its date, so that a
-    // restart there converts the section into the new generation without rotating again.
-    ctx.errlog.sync();
-    Position at = position_now(ctx);
-    at.last = ctx.last;
-    ctx.generations.rotate(*section.rotation, at, ctx.positions);
-  }
-  // Error entries before records: when writing them fails, the records are not written either,
-  // and a restart converts the section again.
-  if (!section.errors.empty()) ctx.errlog.append(section.errors);
-  if (!section.records.empty()) ctx.generations.current().append(section.records);
-  section.clear();
-}
 
 int adcdf_process_file(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_process_file");
@@ -130,6 +116,7 @@ int adcdf_process_file(Context& ctx) {
   Progress progress(ctx);
   progress.ready();
   ctx.input.set_before_wait([&ctx, &progress] {
+    commit_output(ctx);
     keep_position(ctx, PositionDue::kSettled);
     progress.update();
   });
@@ -145,19 +132,18 @@ int adcdf_process_file(Context& ctx) {
       ++ctx.giLineno;
     } else if (const SectionEntry* entry = find_section(ctx.gszLine)) {
       if (!convert_section(ctx, *entry)) break;
-      ctx.mark_handled();
-      keep_position(ctx, PositionDue::kAfterCommit);
       ++progress.sections;
       progress.update();
-      continue;
     } else {
       report_unknown_section(ctx);
       ++ctx.giLineno;
     }
     ctx.mark_handled();
+    commit_when_due(ctx);
   }
 
   progress.stopping();
+  commit_output(ctx);
   keep_position(ctx, PositionDue::kStop);
   print_statistics(ctx);
   ctx.input.set_before_wait(nullptr);

@@ -9,6 +9,7 @@
 #include "record/fields.h"
 #include "record/recipients.h"
 #include "record/record_writer.h"
+#include "stream/commit.h"
 #include "stream/section_reader.h"
 #include "support/error.h"
 #include "support/tokenizer.h"
@@ -123,6 +124,7 @@ void Converter::begin_recipients() {
     char message[64];
     std::snprintf(message, sizeof message, "Fatal error (%d)! - Unable to allocate memory.\n",
                   def_.alloc_status);
+    commit_output(ctx_);
     ctx_.errlog.append(message);
     throw ProcessExit{def_.alloc_status};
   }
@@ -224,7 +226,7 @@ void Converter::take_tray(const Keyword& keyword, std::string_view line) {
 }
 
 void Converter::skipped(std::string_view line) {
-  std::string& errors = ctx_.section.errors;
+  std::string& errors = ctx_.output.errors;
   errors.append("Skipped line: ");
   RecordLine::append_number(errors, ctx_.giLineno);
   errors.append("\nLine = ");
@@ -234,7 +236,7 @@ void Converter::skipped(std::string_view line) {
 
 void Converter::write(const Layout& layout, recrep* recipient) {
   if (w_.event.empty()) append_event_columns(w_.event, ctx_.event);
-  RecordLine line(ctx_.section.records, layout.type, w_.event);
+  RecordLine line(ctx_.output.records, layout.type, w_.event);
   for (const Column& column : layout.columns) {
     switch (column.kind) {
       case Col::kText:

@@ -7,14 +7,15 @@
 // the debug traces and the record descriptions use.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "stream/audit_input.h"
 #include "stream/generations.h"
+#include "stream/pending_output.h"
 #include "stream/position.h"
-#include "stream/section_output.h"
 #include "support/trace.h"
 
 namespace adcdf {
@@ -104,9 +105,11 @@ struct Context {
   // Notes that everything read so far has been handled.
   void mark_handled() { handled = Handled{input.offset(), giLineno, last}; }
 
-  SectionOutput section;
+  PendingOutput output;  // converted, not yet committed
+  std::optional<std::chrono::steady_clock::time_point> pending_since;  // of the oldest pending
   Handled handled;
-  Appender errlog;  // the error file (or /dev/null)
+  Handled committed;  // what the files hold: the handled lines up to the last commit
+  Appender errlog;    // the error file (or /dev/null)
   PositionFile positions;
 };
 

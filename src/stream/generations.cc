@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "stream/commit.h"
 #include "stream/context.h"
 #include "support/error.h"
 
@@ -146,7 +147,9 @@ std::string header_record(std::time_t now, std::string_view host) {
 
 int adcdf_rename_files(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_rename_files");
-  ctx.section.rotation = ctx.generations.plan(ctx.trace);
+  // What the sections before this one produced belongs in the generation that is about to move.
+  commit_output(ctx);
+  ctx.output.rotation = ctx.generations.plan(ctx.trace);
   adcdf_writeheaderrec(ctx);
   scope.done();
   return 0;
@@ -157,7 +160,7 @@ int adcdf_writeheaderrec(Context& ctx) {
   char host[257] = {};
   ::gethostname(host, 256);
   host[256] = '\0';
-  ctx.section.rotation->header = header_record(std::time(nullptr), host);
+  ctx.output.rotation->header = header_record(std::time(nullptr), host);
   scope.done();
   return 0;
 }

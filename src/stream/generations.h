@@ -32,8 +32,8 @@
 #include <vector>
 
 #include "stream/output_names.h"
+#include "stream/pending_output.h"
 #include "stream/position.h"
-#include "stream/section_output.h"
 #include "support/files.h"
 #include "support/trace.h"
 

@@ -138,19 +138,20 @@ void start_run(Context& ctx) {
   }
   ctx.generations.open_current();
   ctx.mark_handled();
+  ctx.committed = ctx.handled;
   ctx.positions.write(position_now(ctx));
 }
 
 Position position_now(Context& ctx) {
   Position at;
-  at.offset = ctx.handled.offset;
-  at.line = ctx.handled.line;
+  at.offset = ctx.committed.offset;
+  at.line = ctx.committed.line;
   at.audit_head = ctx.input.fingerprint(at.offset);
   at.audit_id = ctx.input.file_id();
   at.current_id = ctx.generations.current().id();
   at.current_size = ctx.generations.current().size();
   if (!ctx.options.noerr) at.errors_size = ctx.errlog.size();
-  at.last = ctx.handled.last;
+  at.last = ctx.committed.last;
   at.checkpoint = ctx.glGMTcheckpoint;
   return at;
 }

@@ -35,7 +35,7 @@ void start_run(Context& ctx);
 // stream/checkpoint.h), cutting a torn last line off <base>.000.
 void restore_checkpoint(Context& ctx);
 
-// The position of what has been handled, with the output files as they are now.
+// The position of what has been handled and committed, with the output files as they are now.
 Position position_now(Context& ctx);
 
 enum class PositionDue {

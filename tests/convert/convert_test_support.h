@@ -30,7 +30,7 @@ inline Converted convert(int (*converter)(Context&), const std::string& body) {
   h.ctx.giLineno = 1;
   EXPECT_EQ(h.convert(converter), 0);
   EXPECT_EQ(h.input.read_line().value_or("<end>"), "after\n");
-  return {h.ctx.section.records, h.ctx.section.errors};
+  return {h.ctx.output.records, h.ctx.output.errors};
 }
 
 // A record of the section converted by convert(): its type, the event's columns, `columns`.

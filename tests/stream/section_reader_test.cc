@@ -84,7 +84,7 @@ TEST_F(SectionReader, HeaderLineDecodingAndSkipping) {
     if (c.result == 1) {
       EXPECT_EQ(fields(h.ctx.last), fields(kNoRotation));
     }
-    EXPECT_TRUE(h.ctx.section.empty());
+    EXPECT_TRUE(h.ctx.output.empty());
   }
 }
 
@@ -99,7 +99,7 @@ TEST_F(SectionReader, CheckpointEqualConvertsOneBelowSkips) {
     EXPECT_EQ(h.convert(adcdf_get_generic), skipped ? 1 : 0);
     // The last date is zero, so only the converted section starts a generation; the skipped one
     // leaves the last date as it was.
-    EXPECT_EQ(h.ctx.section.rotation.has_value(), !skipped);
+    EXPECT_EQ(h.ctx.output.rotation.has_value(), !skipped);
     EXPECT_EQ(h.ctx.giLineno, skipped ? 3 : 1);
     const std::array<int, 6> converted{123, 11, 15, 7, 13, 20}, unchanged{};
     EXPECT_EQ(fields(h.ctx.last), skipped ? unchanged : converted);
@@ -136,9 +136,9 @@ TEST_F(SectionReader, DayChangeComparesYearMonthDayEachOnItsOwn) {
     Harness h("h " + std::to_string(c.event) + "\n\n", options);
     h.ctx.last = c.last;
     ASSERT_EQ(h.convert(adcdf_get_generic), 0);
-    EXPECT_EQ(h.ctx.section.rotation.has_value(), c.rotates);
+    EXPECT_EQ(h.ctx.output.rotation.has_value(), c.rotates);
     if (c.rotates) {
-      EXPECT_TRUE(h.ctx.section.rotation->header.starts_with("999,"));
+      EXPECT_TRUE(h.ctx.output.rotation->header.starts_with("999,"));
     }
     // A rotation is only planned; the section's commit carries it out.
     EXPECT_EQ(dir.read("out.000"), "old\n");
@@ -157,14 +157,14 @@ TEST_F(SectionReader, NewGenerationRequestRotatesAtNextDatedSection) {
   // Headers without a usable time leave the request pending.
   EXPECT_EQ(h.convert(adcdf_get_generic), 1);
   EXPECT_EQ(h.convert(adcdf_get_generic), 1);
-  EXPECT_FALSE(h.ctx.section.rotation);
+  EXPECT_FALSE(h.ctx.output.rotation);
   EXPECT_EQ(gbNewGenerationRequested, 1);
   EXPECT_EQ(h.convert(adcdf_get_generic), 0);
-  EXPECT_TRUE(h.ctx.section.rotation);
+  EXPECT_TRUE(h.ctx.output.rotation);
   EXPECT_EQ(gbNewGenerationRequested, 0);
-  h.ctx.section.clear();
+  h.ctx.output.rotation.reset();
   EXPECT_EQ(h.convert(adcdf_get_generic), 0);
-  EXPECT_FALSE(h.ctx.section.rotation);
+  EXPECT_FALSE(h.ctx.output.rotation);
 }
 
 TEST_F(SectionReader, WaitsForLinesInsideTheSection) {
@@ -190,7 +190,7 @@ TEST_F(SectionReader, StopInsideTheSectionAbandonsIt) {
     h.ctx.last = before;
     EXPECT_THROW(h.convert(adcdf_get_generic), SectionAbandoned);
     EXPECT_EQ(fields(h.ctx.last), fields(before));
-    EXPECT_TRUE(h.ctx.section.empty());
+    EXPECT_TRUE(h.ctx.output.empty());
   }
 }
 

@@ -1,0 +1,36 @@
+// Committing what the converted sections produced.
+//
+// A commit appends the pending error-file entries to <base>.ERR (one write, when there are any),
+// then the pending records to <base>.000 (one write), and then has a position recorded when one is
+// due (see restart.h). It holds whole sections only. While the audit file holds more than has been
+// converted, sections accumulate and are committed together: when the pending output reaches
+// kCommitBytes, when the oldest pending section has waited kCommitDelay, before the daemon waits
+// for more input, before a rotation and at a stop. Following a file at the pace it is written,
+// every section is committed as soon as it is complete, since the daemon then waits for more.
+//
+// A crash between the writes of a commit, or before the position that covers them, leaves the
+// files longer than the recorded position: the restart cuts them back and converts those sections
+// again, so nothing is lost and nothing doubled.
+#pragma once
+
+#include <chrono>
+
+#include "stream/context.h"
+
+namespace adcdf {
+
+inline constexpr size_t kCommitBytes = 256 * 1024;
+inline constexpr std::chrono::milliseconds kCommitDelay{50};
+
+// Commits what is pending, whatever its size; the handled lines count as committed from then on.
+void commit_output(Context& ctx);
+
+// After a section (or a line between sections) was handled: commits when the pending output is
+// large enough or has waited long enough.
+void commit_when_due(Context& ctx);
+
+// Carries out the rotation the completed section in hand asked for. Its records then begin the
+// new generation with the next commit.
+void rotate_for_section(Context& ctx);
+
+}  // namespace adcdf

@@ -1,0 +1,68 @@
+// What the converted sections have produced and the files do not hold yet.
+//
+// Records and error-file entries accumulate here, section after section, and are committed
+// together (see commit.h): while the daemon catches up, one write to each file carries many
+// sections. The section in hand can always be taken back whole: a stop abandons it, a rotation
+// of the audit file cuts it short, and neither leaves any of it in the files. A rotation of the
+// generations that the section's header asked for waits here until the section is complete, so a
+// section rotates the generations together with its records or not at all.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace adcdf {
+
+// The file operations of one rotation, decided (and traced) when the section header is read.
+struct RotationPlan {
+  std::optional<std::string> remove;                         // the oldest generation, if present
+  std::vector<std::pair<std::string, std::string>> renames;  // from, to; highest first
+  std::string header;                                        // the new generation's first record
+};
+
+struct PendingOutput {
+  std::string records;
+  std::string errors;
+  std::optional<RotationPlan> rotation;  // asked for by the section in hand
+
+  // Marks where the section in hand begins; what comes before belongs to complete sections.
+  void begin_section() {
+    records_mark_ = records.size();
+    errors_mark_ = errors.size();
+    in_section_ = true;
+  }
+  void end_section() { in_section_ = false; }
+  // Takes the section in hand back.
+  void drop_section() {
+    records.resize(records_mark_);
+    errors.resize(errors_mark_);
+    rotation.reset();
+    in_section_ = false;
+  }
+
+  bool empty() const { return records.empty() && errors.empty() && !rotation; }
+  // What complete sections produced.
+  std::string_view complete_records() const {
+    return std::string_view(records).substr(0, in_section_ ? records_mark_ : records.size());
+  }
+  std::string_view complete_errors() const {
+    return std::string_view(errors).substr(0, in_section_ ? errors_mark_ : errors.size());
+  }
+  size_t complete_size() const { return complete_records().size() + complete_errors().size(); }
+  // Forgets what complete sections produced, once it is in the files.
+  void forget_complete() {
+    records.erase(0, complete_records().size());
+    errors.erase(0, complete_errors().size());
+    records_mark_ = errors_mark_ = 0;
+  }
+
+ private:
+  size_t records_mark_ = 0;
+  size_t errors_mark_ = 0;
+  bool in_section_ = false;
+};
+
+}  // namespace adcdf
