@@ -35,7 +35,7 @@ void print_statistics(Context& ctx) {
 
 void report_unknown_section(Context& ctx) {
   std::string entry = "Unknown audit file section: line ";
-  RecordLine::append_number(entry, ctx.giLineno);
+  append_number(entry, ctx.giLineno);
   entry.push_back('\n');
   entry.append(ctx.gszLine);
   entry.push_back('\n');
@@ -46,7 +46,7 @@ void report_unknown_section(Context& ctx) {
 // A section whose audit file was replaced or truncated before its blank line arrived.
 void report_cut_section(Context& ctx, int name_line) {
   std::string entry = "Incomplete section dropped at line ";
-  RecordLine::append_number(entry, name_line);
+  append_number(entry, name_line);
   entry.push_back('\n');
   ctx.output.errors.append(entry);
 }

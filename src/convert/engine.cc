@@ -1,6 +1,7 @@
 #include "convert/engine.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <new>
 #include <string>
@@ -80,11 +81,7 @@ int Converter::run() {
 
     for (;;) {
       std::string_view line = ctx_.next_section_line();
-      auto match =
-          std::find_if(def_.keywords.begin(), def_.keywords.end(), [line](const Keyword& k) {
-            return !line.empty() && line[0] == k.text[0] && line.starts_with(k.text);
-          });
-      if (match != def_.keywords.end()) {
+      if (const Keyword* match = def_.index.match(line)) {
         apply(*match, line);
       } else if (line == kBlankLine) {
         break;
@@ -226,9 +223,9 @@ void Converter::take_tray(const Keyword& keyword, std::string_view line) {
 }
 
 void Converter::skipped(std::string_view line) {
-  std::string& errors = ctx_.output.errors;
+  Buffer& errors = ctx_.output.errors;
   errors.append("Skipped line: ");
-  RecordLine::append_number(errors, ctx_.giLineno);
+  append_number(errors, ctx_.giLineno);
   errors.append("\nLine = ");
   errors.append(line);
   errors.push_back('\n');
@@ -236,7 +233,10 @@ void Converter::skipped(std::string_view line) {
 
 void Converter::write(const Layout& layout, recrep* recipient) {
   if (w_.event.empty()) append_event_columns(w_.event, ctx_.event);
-  RecordLine line(ctx_.output.records, layout.type, w_.event);
+  Buffer& out = ctx_.output.records;
+  const size_t room = kNumberBytes + 1 + w_.event.size() + def_.record_bound;
+  char* const start = out.room(room);
+  RecordCursor line(start, layout.type, w_.event);
   for (const Column& column : layout.columns) {
     switch (column.kind) {
       case Col::kText:
@@ -280,7 +280,9 @@ void Converter::write(const Layout& layout, recrep* recipient) {
         break;
     }
   }
-  line.end();
+  char* const end = line.end();
+  assert(static_cast<size_t>(end - start) <= room);
+  out.commit_to(end);
 }
 
 }  // namespace

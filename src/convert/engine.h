@@ -13,11 +13,14 @@
 // the section, and a section abandoned at a stop is not counted.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 
+#include "record/record_writer.h"
 #include "stream/context.h"
 
 namespace adcdf {
@@ -138,6 +141,88 @@ consteval Layout named(int type, const Columns& columns, const Names& names) {
 enum class Counting : uint8_t { kBeforeHeader, kAfterHeader };
 enum class RecipientArrayUse : uint8_t { kNone, kBeforeHeader, kAfterHeader };
 
+// The keywords of a converter by their first character, so that a line is compared only with
+// the keywords that can match it, still in the table's order (the first match wins).
+class KeywordIndex {
+ public:
+  static constexpr size_t kMostKeywords = 64;
+
+  constexpr explicit KeywordIndex(std::span<const Keyword> keywords) : keywords_(keywords) {
+    if (keywords.size() > kMostKeywords) throw "too many keywords for the index";
+    std::array<uint8_t, 256> last{};
+    for (size_t i = 0; i < keywords.size(); ++i) {
+      if (keywords[i].text.empty()) throw "an empty keyword";
+      const auto c = static_cast<unsigned char>(keywords[i].text[0]);
+      const auto number = static_cast<uint8_t>(i + 1);
+      if (last[c] == 0) {
+        first_[c] = number;
+      } else {
+        next_[last[c] - 1] = number;
+      }
+      last[c] = number;
+    }
+  }
+
+  // The first keyword `line` begins with, or null.
+  const Keyword* match(std::string_view line) const {
+    if (line.empty()) return nullptr;
+    for (uint8_t i = first_[static_cast<unsigned char>(line[0])]; i != 0; i = next_[i - 1]) {
+      const Keyword& keyword = keywords_[i - 1];
+      if (line.starts_with(keyword.text)) return &keyword;
+    }
+    return nullptr;
+  }
+
+ private:
+  std::span<const Keyword> keywords_;
+  std::array<uint8_t, 256> first_{};           // 1 + the first keyword with this first character
+  std::array<uint8_t, kMostKeywords> next_{};  // 1 + the next keyword with the same one
+};
+
+// The most characters the columns of a converter's records take, the commas included (the
+// type and the event's columns aside): what a field holds is cut to its limit, a recipient's
+// values to theirs, a number takes at most kNumberBytes.
+constexpr size_t record_bound_of(std::span<const Field> fields,
+                                 std::initializer_list<const Layout*> layouts) {
+  size_t most = 0;
+  for (const Layout* layout : layouts) {
+    if (layout == nullptr) continue;
+    size_t bound = 0;
+    for (const Column& column : layout->columns) {
+      switch (column.kind) {
+        case Col::kText:
+          bound += column.text.size() + 1;
+          break;
+        case Col::kBare:
+        case Col::kQuoted:
+        case Col::kSpaced:
+          if (column.field < 0 || static_cast<size_t>(column.field) >= fields.size()) {
+            throw "a column names a field the converter does not have";
+          }
+          bound += fields[static_cast<size_t>(column.field)].limit + 8;
+          break;
+        case Col::kCount:
+        case Col::kReason:
+          bound += kNumberBytes + 1;
+          break;
+        case Col::kCategory:
+        case Col::kAckReq:
+        case Col::kLocal:
+        case Col::kGateway:
+          bound += 8;
+          break;
+        case Col::kQueue:
+        case Col::kRecip:
+        case Col::kRecipSpaced:
+          bound += 1024;  // a queue holds at most 127 characters, an address 849
+          break;
+      }
+    }
+    most = std::max(most, bound);
+  }
+  return most;
+}
+
 struct ConverterDef {
   std::string_view name;
   int Counters::*counter;
@@ -150,6 +235,8 @@ struct ConverterDef {
   int alloc_status = 105;      // exit status when the recipient array cannot be created
   int grow_status = 103;       // exit status when it cannot grow
   bool announce_read = false;  // "Starting record read..." once the array exists
+  KeywordIndex index{keywords};
+  size_t record_bound = record_bound_of(fields, {section_record, recipient_record});
 };
 
 int run_converter(Context& ctx, const ConverterDef& def);

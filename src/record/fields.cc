@@ -11,14 +11,18 @@ void assign_cut(std::string& dest, std::string_view value, size_t limit) {
   dest.assign(value.data(), std::min(value.size(), limit));
 }
 
-// The raw value of a varstring: from word `pos` to the newline, or nothing.
+// The raw value of a varstring: from word `pos` to the newline, or nothing. A line holds a
+// newline only at its end, so what follows the words before `pos` is the value, its newline
+// left off.
 std::string_view varstring_value(std::string_view source, int pos) {
   if (pos == 1) return source;
   Tokenizer words(source);
   for (int i = 1; i < pos; ++i) {
     if (!words.next(" ")) return {};
   }
-  return words.next("\n").value_or(std::string_view{});
+  std::string_view value = words.rest();
+  if (value.ends_with('\n')) value.remove_suffix(1);
+  return value;
 }
 
 void remove_escapes(std::string& text) {

@@ -6,14 +6,9 @@ void append_event_columns(std::string& text, const EventTime& event) {
   for (long value : {static_cast<long>(event.giYear), static_cast<long>(event.giMonth),
                      static_cast<long>(event.giDay), static_cast<long>(event.giHour),
                      static_cast<long>(event.giMin), static_cast<long>(event.giSec), event.glGMT}) {
-    RecordLine::append_number(text, value);
+    append_number(text, value);
     text.push_back(',');
   }
-}
-
-RecordLine::RecordLine(std::string& out, int type, const EventTime& event) : out_(out) {
-  number(type);
-  append_event_columns(out_, event);
 }
 
 }  // namespace adcdf

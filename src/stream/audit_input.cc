@@ -44,7 +44,7 @@ void AuditInput::start_at(long long offset) {
   reader_.reset(offset);
 }
 
-std::string_view AuditInput::read_section_line() {
+std::string_view AuditInput::section_line_after_wait() {
   auto line = next(true);
   if (!line) throw SectionAbandoned{};
   return *line;

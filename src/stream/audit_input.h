@@ -70,8 +70,14 @@ class AuditInput {
 
   // False once the daemon is to stop.
   bool keep_going() { return waiter_.keep_going(); }
-  std::optional<std::string_view> read_line() { return next(false); }
-  std::string_view read_section_line();
+  std::optional<std::string_view> read_line() {
+    if (auto line = reader_.next()) return line;
+    return next(false);
+  }
+  std::string_view read_section_line() {
+    if (auto line = reader_.next()) return *line;
+    return section_line_after_wait();
+  }
 
   // Where the lines handed out so far end in the file being read.
   long long offset() const { return reader_.offset(); }
@@ -85,7 +91,9 @@ class AuditInput {
   void set_before_wait(std::function<void()> hook) { before_wait_ = std::move(hook); }
 
  private:
+  // The next line, waiting at the end of the file (and following the file's rotation).
   std::optional<std::string_view> next(bool in_section);
+  std::string_view section_line_after_wait();
   // The old file has been read to its end: go on with the file now at the name.
   bool switch_file();
 

@@ -108,7 +108,7 @@ LineReader::LineReader(ByteSource& source, size_t buffer_size)
       buffer_(new char[std::max(buffer_size, 2 * kMaxLine)]),
       capacity_(std::max(buffer_size, 2 * kMaxLine)) {}
 
-std::optional<std::string_view> LineReader::next() {
+std::optional<std::string_view> LineReader::next_slowly() {
   for (;;) {
     size_t available = end_ - begin_;
     const char* start = buffer_.get() + begin_;

@@ -12,7 +12,9 @@
 // source, so a later run can start reading just after them.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -109,7 +111,18 @@ class LineReader {
 
   explicit LineReader(ByteSource& source, size_t buffer_size = 1 << 20);
 
-  std::optional<std::string_view> next();
+  // The next complete line; nothing when none is available yet.
+  std::optional<std::string_view> next() {
+    // The common case, a line feed within the buffered bytes and no NUL byte before it.
+    const char* start = buffer_.get() + begin_;
+    const size_t window = std::min(end_ - begin_, kMaxLine);
+    const void* newline = std::memchr(start, '\n', window);
+    if (newline == nullptr) return next_slowly();
+    const size_t length = static_cast<size_t>(static_cast<const char*>(newline) - start) + 1;
+    if (first_nul_ < begin_ + length) return next_slowly();
+    begin_ += length;
+    return std::string_view(start, length);
+  }
   // The bytes held back as the beginning of a line, handed out as a line of their own: for the
   // end of a file that will not grow any more.
   std::optional<std::string_view> rest();
@@ -119,6 +132,9 @@ class LineReader {
   void reset(long long offset);
 
  private:
+  // next() for the cases the inline part leaves: a full buffer window without a line feed, a
+  // NUL byte, the end of the buffered bytes.
+  std::optional<std::string_view> next_slowly();
   // Moves the unread bytes to the front and reads more; false when nothing new arrived.
   bool fill();
   // Moves first_nul_ to the next NUL byte at or after the current line, or to end_.

@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/buffer.h"
+
 namespace adcdf {
 
 // The file operations of one rotation, decided (and traced) when the section header is read.
@@ -24,8 +26,8 @@ struct RotationPlan {
 };
 
 struct PendingOutput {
-  std::string records;
-  std::string errors;
+  Buffer records;
+  Buffer errors;
   std::optional<RotationPlan> rotation;  // asked for by the section in hand
 
   // Marks where the section in hand begins; what comes before belongs to complete sections.
@@ -37,8 +39,8 @@ struct PendingOutput {
   void end_section() { in_section_ = false; }
   // Takes the section in hand back.
   void drop_section() {
-    records.resize(records_mark_);
-    errors.resize(errors_mark_);
+    records.truncate(records_mark_);
+    errors.truncate(errors_mark_);
     rotation.reset();
     in_section_ = false;
   }
@@ -46,16 +48,16 @@ struct PendingOutput {
   bool empty() const { return records.empty() && errors.empty() && !rotation; }
   // What complete sections produced.
   std::string_view complete_records() const {
-    return std::string_view(records).substr(0, in_section_ ? records_mark_ : records.size());
+    return records.view().substr(0, in_section_ ? records_mark_ : records.size());
   }
   std::string_view complete_errors() const {
-    return std::string_view(errors).substr(0, in_section_ ? errors_mark_ : errors.size());
+    return errors.view().substr(0, in_section_ ? errors_mark_ : errors.size());
   }
   size_t complete_size() const { return complete_records().size() + complete_errors().size(); }
   // Forgets what complete sections produced, once it is in the files.
   void forget_complete() {
-    records.erase(0, complete_records().size());
-    errors.erase(0, complete_errors().size());
+    records.erase_front(complete_records().size());
+    errors.erase_front(complete_errors().size());
     records_mark_ = errors_mark_ = 0;
   }
 

@@ -15,23 +15,27 @@ class Tokenizer {
   explicit Tokenizer(std::string_view text) : rest_(text) {}
 
   std::optional<std::string_view> next(std::string_view delimiters) {
-    auto is_delimiter = [delimiters](char c) {
-      for (char d : delimiters) {
-        if (c == d) return true;
-      }
-      return false;
+    // The daemon splits at one or two delimiters; more are taken one by one.
+    const char d0 = delimiters.empty() ? '\0' : delimiters[0];
+    const char d1 = delimiters.size() > 1 ? delimiters[1] : d0;
+    auto is_delimiter = [&](char c) {
+      return !delimiters.empty() &&
+             (c == d0 || c == d1 ||
+              (delimiters.size() > 2 && delimiters.find(c) != std::string_view::npos));
     };
-    size_t start = 0;
-    while (start < rest_.size() && is_delimiter(rest_[start])) ++start;
-    if (start == rest_.size()) {
+    const char* p = rest_.data();
+    const char* const end = p + rest_.size();
+    while (p != end && is_delimiter(*p)) ++p;
+    if (p == end) {
       rest_ = {};
       return std::nullopt;
     }
-    size_t end = start;
-    while (end < rest_.size() && !is_delimiter(rest_[end])) ++end;
-    std::string_view token = rest_.substr(start, end - start);
-    rest_.remove_prefix(end == rest_.size() ? end : end + 1);
-    return token;
+    const char* const token = p;
+    while (p != end && !is_delimiter(*p)) ++p;
+    std::string_view word(token, static_cast<size_t>(p - token));
+    if (p != end) ++p;  // the one delimiter after the token
+    rest_ = std::string_view(p, static_cast<size_t>(end - p));
+    return word;
   }
 
   // What the next call would start from.

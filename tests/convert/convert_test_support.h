@@ -30,7 +30,7 @@ inline Converted convert(int (*converter)(Context&), const std::string& body) {
   h.ctx.giLineno = 1;
   EXPECT_EQ(h.convert(converter), 0);
   EXPECT_EQ(h.input.read_line().value_or("<end>"), "after\n");
-  return {h.ctx.output.records, h.ctx.output.errors};
+  return {std::string(h.ctx.output.records.view()), std::string(h.ctx.output.errors.view())};
 }
 
 // A record of the section converted by convert(): its type, the event's columns, `columns`.

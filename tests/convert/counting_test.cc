@@ -47,8 +47,8 @@ TEST(Converters, CountingPoint) {
     h.ctx.glGMTcheckpoint = 100;
     EXPECT_EQ(h.convert(row.converter), 0);
     EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 1 : 0);
-    EXPECT_EQ(h.ctx.output.records, "");
-    EXPECT_EQ(h.ctx.output.errors, "");
+    EXPECT_EQ(h.ctx.output.records.view(), "");
+    EXPECT_EQ(h.ctx.output.errors.view(), "");
     h.convert(row.converter);
     EXPECT_EQ(h.ctx.counters.*row.counter, row.counts_skipped ? 2 : 1);
     EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");

@@ -46,7 +46,7 @@ TEST(SubsystemConverters, SectionAtEndOfFile) {
   Harness waits("hdr 1364913005\nsubsystem 3\n", {}, {"user sys", "adm\n", "\n"});
   waits.ctx.last = kNoRotation;
   EXPECT_EQ(waits.convert(adcdf_do_subsysstart), 0);
-  EXPECT_EQ(waits.ctx.output.records,
+  EXPECT_EQ(waits.ctx.output.records.view(),
             rec(105, "3,0,0,0,\"sysadm\",\"\",0,0,0,\"\",0,0,0,\"\",\"\""));
 
   Harness cut("hdr 1364913005\nsubsystem 3\n");

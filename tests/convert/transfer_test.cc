@@ -68,7 +68,7 @@ TEST(RoutingConverter, RecipientConsumesTheNextTwoLines) {
   Harness h("hdr 1364913005\nrecipient-to ann\n", {}, {"ack-req 1\n", "queue EKX400\n\n"});
   h.ctx.last = kNoRotation;
   EXPECT_EQ(h.convert(adcdf_do_routing), 0);
-  EXPECT_EQ(h.ctx.output.records,
+  EXPECT_EQ(h.ctx.output.records.view(),
             rec(101, "0,0,0,0,\" \",\" \",0,0,x,\"\",0,0,x,\"\",\" \",\" \",0,1") +
                 rec(503, "\" \",\" \",0,0,0,1,\"EKX400\",\"ANN \",0,1"));
 }
