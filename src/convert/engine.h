@@ -168,12 +168,21 @@ class KeywordIndex {
     if (line.empty()) return nullptr;
     for (uint8_t i = first_[static_cast<unsigned char>(line[0])]; i != 0; i = next_[i - 1]) {
       const Keyword& keyword = keywords_[i - 1];
-      if (line.starts_with(keyword.text)) return &keyword;
+      if (begins_with(line, keyword.text)) return &keyword;
     }
     return nullptr;
   }
 
  private:
+  // Keywords are short: comparing in line beats a library call.
+  static bool begins_with(std::string_view line, std::string_view keyword) {
+    if (line.size() < keyword.size()) return false;
+    for (size_t i = 1; i < keyword.size(); ++i) {
+      if (line[i] != keyword[i]) return false;
+    }
+    return true;  // the first character is the one looked up
+  }
+
   std::span<const Keyword> keywords_;
   std::array<uint8_t, 256> first_{};           // 1 + the first keyword with this first character
   std::array<uint8_t, kMostKeywords> next_{};  // 1 + the next keyword with the same one

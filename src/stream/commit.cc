@@ -1,6 +1,7 @@
 #include "stream/commit.h"
 
 #include "stream/restart.h"
+#include "support/clock.h"
 
 namespace adcdf {
 
@@ -25,7 +26,7 @@ void commit_when_due(Context& ctx) {
     ctx.committed = ctx.handled;
     return;
   }
-  const auto now = std::chrono::steady_clock::now();
+  const auto now = coarse_now();
   if (!ctx.pending_since) ctx.pending_since = now;
   if (pending >= kCommitBytes || now - *ctx.pending_since >= kCommitDelay) commit_output(ctx);
 }
