@@ -48,6 +48,15 @@ class ViewSource : public ByteSource {
     pos_ += n;
     return n;
   }
+  void seek(long long offset) override {
+    pos_ = std::min(static_cast<size_t>(offset), data_.size());
+  }
+  size_t read_head(char* buffer, size_t size) override {
+    size_t n = std::min(size, data_.size());
+    std::memcpy(buffer, data_.data(), n);
+    return n;
+  }
+  long long size() override { return static_cast<long long>(data_.size()); }
 
  private:
   std::string_view data_;
@@ -143,8 +152,8 @@ size_t convert_all(std::string_view text) {
     if (ctx.gszLine != "\n") {
       if (const SectionEntry* entry = find_section(ctx.gszLine)) {
         entry->convert(ctx);
-        produced += ctx.section.records.size();
-        ctx.section.clear();
+        produced += ctx.output.records.size();
+        ctx.output.forget_complete();
       }
     }
     ++ctx.giLineno;
