@@ -25,7 +25,7 @@
 #include <string_view>
 
 #include "app/process_loop.h"
-#include "convert/dispatch.h"
+#include "convert/sections.h"
 #include "stream/audit_input.h"
 #include "stream/context.h"
 #include "stream/line_reader.h"
@@ -145,13 +145,14 @@ size_t convert_all(std::string_view text) {
   Context ctx(Options{}, trace, input);
   // A last date beyond any event keeps the day-change test from planning rotations, which
   // would look at the file system.
-  ctx.last = LastDate{1000, 13, 32, 0, 0, 0};
+  ctx.last = LocalTime{1000, 13, 32, 0, 0, 0};
+  SectionConverter converter;
   size_t produced = 0;
   while (auto line = input.read_line()) {
     ctx.gszLine = *line;
     if (ctx.gszLine != "\n") {
-      if (const SectionEntry* entry = find_section(ctx.gszLine)) {
-        entry->convert(ctx);
+      if (const SectionKind* kind = find_section(ctx.gszLine)) {
+        converter.convert(ctx, *kind);
         produced += ctx.output.records.size();
         ctx.output.forget_complete();
       }

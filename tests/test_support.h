@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "convert/sections.h"
 #include "stream/audit_input.h"
 #include "stream/context.h"
 #include "stream/line_reader.h"
@@ -113,10 +114,22 @@ struct Harness {
     ctx.trace.set_debug(ctx.options.debug);
   }
 
-  // Runs a converter as the processing loop would: the name line has just been read.
-  int convert(int (*converter)(Context&), std::string_view name_line = "section\n") {
+  // Runs a routine of the section reader as a converter would: the name line has just been read.
+  int convert(int (*routine)(Context&)) {
+    ctx.gszLine = "section\n";
+    return routine(ctx);
+  }
+  // Converts the section of `name_line` as the processing loop would, that line just read.
+  int convert(std::string_view name_line) {
     ctx.gszLine = name_line;
-    return converter(ctx);
+    return converter.convert(ctx, *find_section(name_line));
+  }
+  // The count of the section kind labelled `label` in the statistics.
+  int counted(std::string_view label) const {
+    for (size_t i = 0; i < section_kinds().size(); ++i) {
+      if (section_kinds()[i].label == label) return ctx.counters[i];
+    }
+    return -1;
   }
 
   TraceCapture trace;
@@ -124,6 +137,7 @@ struct Harness {
   ScriptedWaiter waiter;
   AuditInput input;
   Context ctx;
+  SectionConverter converter;
 };
 
 }  // namespace adcdf::testing

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "convert/dispatch.h"
+#include "convert/sections.h"
 #include "record/record_writer.h"
 #include "stream/commit.h"
 #include "stream/restart.h"
@@ -14,24 +14,6 @@ namespace adcdf {
 namespace {
 
 constexpr std::string_view kBlankLine = "\n";
-
-void print_statistics(Context& ctx) {
-  const Counters& c = ctx.counters;
-  ctx.trace.printf(
-      "Statistics:\n\nSection name           Number\n-----------------------------\n"
-      "Bulletin               %d\nDelivery               %d\nDesk-in                %d\n"
-      "Desk-out               %d\nDirSync-in             %d\nDirSync-out            %d\n"
-      "Fax-gateway            %d\nEkscan                 %d\nRequest-server         %d\n"
-      "Routing                %d\nRouting-summary        %d\nSubsystem-start        %d\n"
-      "Subsystem-stop         %d\nUnix-in                %d\nUnix-out               %d\n"
-      "User-signoff           %d\nUser-signon            %d\nX400-in                %d\n"
-      "X400-out               %d\nSMS-in                 %d\nSMS-out                %d\n"
-      "NOTES-in               %d\nNOTES-out              %d\n\n",
-      c.giBulletin, c.giDelivery, c.giDeskIn, c.giDeskOut, c.giDirSyncIn, c.giDirSyncOut,
-      c.giFaxGateway, c.giEkscan, c.giRequestServer, c.giRouting, c.giRoutSummary, c.giSubsysStart,
-      c.giSubsysStop, c.giUnixIn, c.giUnixOut, c.giUserSignoff, c.giUserSignon, c.gix400In,
-      c.gix400Out, c.gixSMSIn, c.gixSMSOut, c.gixNOTESIn, c.gixNOTESOut);
-}
 
 void report_unknown_section(Context& ctx) {
   std::string entry = "Unknown audit file section: line ";
@@ -86,11 +68,11 @@ class Progress {
 };
 
 // Converts the section whose name line is in gszLine. False when a stop abandoned it.
-bool convert_section(Context& ctx, const SectionEntry& entry) {
+bool convert_section(Context& ctx, SectionConverter& converter, const SectionKind& kind) {
   const int name_line = ctx.giLineno;
   ctx.output.begin_section();
   try {
-    entry.convert(ctx);
+    converter.convert(ctx, kind);
   } catch (const SectionAbandoned&) {
     // Not handled: the section leaves no trace, and a restart reads it again from its name line.
     ctx.output.drop_section();
@@ -113,6 +95,7 @@ bool convert_section(Context& ctx, const SectionEntry& entry) {
 int adcdf_process_file(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_process_file");
   start_run(ctx);
+  SectionConverter converter;
   Progress progress(ctx);
   progress.ready();
   ctx.input.set_before_wait([&ctx, &progress] {
@@ -130,8 +113,8 @@ int adcdf_process_file(Context& ctx) {
     if (!line) break;  // stopped at the end of the file: the empty read is not a line
     if (ctx.gszLine == kBlankLine) {
       ++ctx.giLineno;
-    } else if (const SectionEntry* entry = find_section(ctx.gszLine)) {
-      if (!convert_section(ctx, *entry)) break;
+    } else if (const SectionKind* kind = find_section(ctx.gszLine)) {
+      if (!convert_section(ctx, converter, *kind)) break;
       ++progress.sections;
       progress.update();
     } else {
@@ -145,7 +128,7 @@ int adcdf_process_file(Context& ctx) {
   progress.stopping();
   commit_output(ctx);
   keep_position(ctx, PositionDue::kStop);
-  print_statistics(ctx);
+  if (ctx.trace.on()) ctx.trace.write(statistics_text(ctx.counters));
   ctx.input.set_before_wait(nullptr);
   ctx.generations.close();
   ctx.errlog.close();

@@ -50,13 +50,8 @@ constexpr ColumnName kNames[] = {
     {"tray5_size"},    kReserved,         kReserved};
 // clang-format on
 constexpr Layout kRecord = named(102, kColumns, kNames);
-constexpr ConverterDef kDef{"adcdf_do_ekscan",
-                            &Counters::giEkscan,
-                            Counting::kBeforeHeader,
-                            kFields,
-                            kKeywords,
-                            &kRecord,
-                            nullptr};
+constexpr ConverterDef kDef{
+    "adcdf_do_ekscan", Counting::kBeforeHeader, kFields, kKeywords, &kRecord, nullptr};
 }  // namespace ekscan
 
 namespace signon {
@@ -92,13 +87,8 @@ constexpr ColumnName kNames[] = {
     {"designate_user_number"}, {"designate_user_name"},  kReserved};
 // clang-format on
 constexpr Layout kRecord = named(103, kColumns, kNames);
-constexpr ConverterDef kDef{"adcdf_do_usersignon",
-                            &Counters::giUserSignon,
-                            Counting::kAfterHeader,
-                            kFields,
-                            kKeywords,
-                            &kRecord,
-                            nullptr};
+constexpr ConverterDef kDef{
+    "adcdf_do_usersignon", Counting::kAfterHeader, kFields, kKeywords, &kRecord, nullptr};
 }  // namespace signon
 
 namespace signoff {
@@ -123,13 +113,8 @@ constexpr ColumnName kNames[] = {
     kReserved,            kReserved,            kReserved};
 // clang-format on
 constexpr Layout kRecord = named(104, kColumns, kNames);
-constexpr ConverterDef kDef{"adcdf_do_usersignoff",
-                            &Counters::giUserSignoff,
-                            Counting::kAfterHeader,
-                            kFields,
-                            kKeywords,
-                            &kRecord,
-                            nullptr};
+constexpr ConverterDef kDef{
+    "adcdf_do_usersignoff", Counting::kAfterHeader, kFields, kKeywords, &kRecord, nullptr};
 }  // namespace signoff
 
 namespace request {
@@ -158,13 +143,8 @@ constexpr ColumnName kNames[] = {
     kReserved,            kReserved,            {"mta_message_id"}};
 // clang-format on
 constexpr Layout kRecord = named(109, kColumns, kNames);
-constexpr ConverterDef kDef{"adcdf_do_requestserver",
-                            &Counters::giRequestServer,
-                            Counting::kBeforeHeader,
-                            kFields,
-                            kKeywords,
-                            &kRecord,
-                            nullptr};
+constexpr ConverterDef kDef{
+    "adcdf_do_requestserver", Counting::kBeforeHeader, kFields, kKeywords, &kRecord, nullptr};
 }  // namespace request
 
 namespace dirsync {
@@ -213,47 +193,28 @@ constexpr ColumnName kNames[] = {
 // clang-format on
 constexpr Layout kInRecord = named(116, kColumns, kNames);
 constexpr Layout kOutRecord = named(117, kColumns, kNames);
-constexpr ConverterDef kIn{"adcdf_do_dirsyncin",
-                           &Counters::giDirSyncIn,
-                           Counting::kAfterHeader,
-                           kFields,
-                           kInKeywords,
-                           &kInRecord,
-                           nullptr};
-constexpr ConverterDef kOut{"adcdf_do_dirsyncout",
-                            &Counters::giDirSyncOut,
-                            Counting::kAfterHeader,
-                            kFields,
-                            kOutKeywords,
-                            &kOutRecord,
-                            nullptr};
+constexpr ConverterDef kIn{
+    "adcdf_do_dirsyncin", Counting::kAfterHeader, kFields, kInKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{
+    "adcdf_do_dirsyncout", Counting::kAfterHeader, kFields, kOutKeywords, &kOutRecord, nullptr};
 }  // namespace dirsync
+
+static_assert(well_formed(ekscan::kDef));
+static_assert(well_formed(signon::kDef));
+static_assert(well_formed(signoff::kDef));
+static_assert(well_formed(request::kDef));
+static_assert(well_formed(dirsync::kIn));
+static_assert(well_formed(dirsync::kOut));
 
 }  // namespace
 
-std::span<const ConverterDef* const> administration_tables() {
-  static constexpr const ConverterDef* kTables[] = {&ekscan::kDef,  &signon::kDef, &signoff::kDef,
-                                                    &request::kDef, &dirsync::kIn, &dirsync::kOut};
-  return kTables;
-}
-
-int adcdf_do_ekscan(Context& ctx) {
-  return run_converter(ctx, ekscan::kDef);
-}
-int adcdf_do_usersignon(Context& ctx) {
-  return run_converter(ctx, signon::kDef);
-}
-int adcdf_do_usersignoff(Context& ctx) {
-  return run_converter(ctx, signoff::kDef);
-}
-int adcdf_do_requestserver(Context& ctx) {
-  return run_converter(ctx, request::kDef);
-}
-int adcdf_do_dirsyncin(Context& ctx) {
-  return run_converter(ctx, dirsync::kIn);
-}
-int adcdf_do_dirsyncout(Context& ctx) {
-  return run_converter(ctx, dirsync::kOut);
-}
+namespace converters {
+const ConverterDef kEkscan = ekscan::kDef;
+const ConverterDef kUserSignon = signon::kDef;
+const ConverterDef kUserSignoff = signoff::kDef;
+const ConverterDef kRequest = request::kDef;
+const ConverterDef kDirSyncIn = dirsync::kIn;
+const ConverterDef kDirSyncOut = dirsync::kOut;
+}  // namespace converters
 
 }  // namespace adcdf

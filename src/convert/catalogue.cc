@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <charconv>
 
-#include "convert/converters.h"
 #include "convert/engine.h"
+#include "convert/sections.h"
 #include "record/recipients.h"
 
 namespace adcdf {
@@ -119,12 +119,10 @@ void add(std::vector<RecordType>& types, const Layout* layout, std::span<const F
 
 std::vector<RecordType> build() {
   std::vector<RecordType> types;
-  for (auto group :
-       {message_transfer_tables(), gateway_tables(), administration_tables(), subsystem_tables()}) {
-    for (const ConverterDef* def : group) {
-      add(types, def->section_record, def->fields);
-      add(types, def->recipient_record, def->fields);
-    }
+  for (const SectionKind& kind : section_kinds()) {
+    if (kind.def == nullptr) continue;
+    add(types, kind.def->section_record, kind.def->fields);
+    add(types, kind.def->recipient_record, kind.def->fields);
   }
   add(types, &kHeaderRecord, kHeaderFields);
   std::sort(types.begin(), types.end(),

@@ -19,27 +19,15 @@ namespace adcdf {
 namespace {
 
 constexpr std::string_view kBlankLine = "\n";
-constexpr int kTrays = 5;
-
-// The working record of the section in hand. Its strings and recipient slots are reused from
-// one section to the next, so converting does not allocate once they have grown.
-struct Work {
-  std::vector<std::string> values;
-  RecipientArray recipients;
-  std::string event;       // the section's event columns, formatted once for all its records
-  int count = 0;           // recipient lines seen
-  bool got_first = false;  // a kFirstAddress value has been taken
-};
-
-Work& work() {
-  thread_local Work w;
-  return w;
-}
 
 class Converter {
  public:
-  Converter(Context& ctx, const ConverterDef& def)
-      : ctx_(ctx), def_(def), w_(work()), rules_{ctx.trace, ctx.options.gbUpshift} {}
+  Converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work)
+      : ctx_(ctx),
+        def_(def),
+        counter_(counter),
+        w_(work),
+        rules_{ctx.trace, ctx.options.gbUpshift} {}
 
   int run();
 
@@ -56,13 +44,21 @@ class Converter {
 
   Context& ctx_;
   const ConverterDef& def_;
-  Work& w_;
+  int& counter_;
+  ConverterWork& w_;
   FieldRules rules_;
 };
 
 int Converter::run() {
   TraceScope scope(ctx_.trace, def_.name);
-  int& counter = ctx_.counters.*def_.counter;
+  int& counter = counter_;
+  if (def_.counting == Counting::kPassedOver) {
+    while (ctx_.next_section_line() != kBlankLine) {
+    }
+    ++counter;
+    scope.done();
+    return 0;
+  }
   bool counted = false;
   try {
     reset_values();
@@ -131,8 +127,10 @@ recrep& Converter::next_recipient() {
   try {
     return w_.recipients.next_slot();
   } catch (const std::bad_alloc&) {
-    std::fprintf(stderr, "Fatal Error (%d) - Unable to allocate additional memory.\n",
-                 def_.grow_status);
+    char message[80];
+    std::snprintf(message, sizeof message,
+                  "Fatal Error (%d) - Unable to allocate additional memory.\n", def_.grow_status);
+    ctx_.trace.write(message);
     throw ProcessExit{def_.grow_status};
   }
 }
@@ -287,8 +285,8 @@ void Converter::write(const Layout& layout, recrep* recipient) {
 
 }  // namespace
 
-int run_converter(Context& ctx, const ConverterDef& def) {
-  return Converter(ctx, def).run();
+int run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work) {
+  return Converter(ctx, def, counter, work).run();
 }
 
 }  // namespace adcdf

@@ -18,8 +18,11 @@
 #include <cstdint>
 #include <initializer_list>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "record/recipients.h"
 #include "record/record_writer.h"
 #include "stream/context.h"
 
@@ -138,7 +141,11 @@ consteval Layout named(int type, const Columns& columns, const Names& names) {
   return {type, c, n};
 }
 
-enum class Counting : uint8_t { kBeforeHeader, kAfterHeader };
+enum class Counting : uint8_t {
+  kBeforeHeader,  // counted before its header is read: sections before the checkpoint count
+  kAfterHeader,   // counted once the header has been read and accepted
+  kPassedOver,    // no header: its lines are passed over to the blank line, then it is counted
+};
 enum class RecipientArrayUse : uint8_t { kNone, kBeforeHeader, kAfterHeader };
 
 // The keywords of a converter by their first character, so that a line is compared only with
@@ -234,12 +241,11 @@ constexpr size_t record_bound_of(std::span<const Field> fields,
 
 struct ConverterDef {
   std::string_view name;
-  int Counters::*counter;
   Counting counting;
-  std::span<const Field> fields;
-  std::span<const Keyword> keywords;
-  const Layout* section_record;    // once at the blank line (and per user with kScanUser)
-  const Layout* recipient_record;  // once per stored recipient, after the section record
+  std::span<const Field> fields = {};
+  std::span<const Keyword> keywords = {};
+  const Layout* section_record = nullptr;    // once at the blank line (and per user, kScanUser)
+  const Layout* recipient_record = nullptr;  // once per stored recipient, after the section's
   RecipientArrayUse recipients = RecipientArrayUse::kNone;
   int alloc_status = 105;      // exit status when the recipient array cannot be created
   int grow_status = 103;       // exit status when it cannot grow
@@ -248,6 +254,69 @@ struct ConverterDef {
   size_t record_bound = record_bound_of(fields, {section_record, recipient_record});
 };
 
-int run_converter(Context& ctx, const ConverterDef& def);
+inline constexpr int kTrays = 5;
+
+// Whether a converter's tables fit the engine: every field a keyword or a column names exists
+// (a keyword that stores nothing names none), the four user fields and the ten tray fields lie
+// where the engine looks for them, and a converter that keeps recipients has a recipient record.
+// Evaluated by a static_assert over each table, so a table that does not fit does not compile.
+constexpr bool well_formed(const ConverterDef& def) {
+  auto in_range = [&](int field, int count) {
+    return field >= 0 &&
+           static_cast<size_t>(field) + static_cast<size_t>(count) <= def.fields.size();
+  };
+  for (const Keyword& k : def.keywords) {
+    switch (k.take) {
+      case Take::kCount:
+      case Take::kIgnore:
+      case Take::kRecipient:
+      case Take::kRecipientInfo:
+        if (k.field != -1) return false;
+        break;
+      case Take::kSignonUser:
+        if (!in_range(k.field, 4)) return false;
+        break;
+      case Take::kNumberAndName:
+        if (!in_range(k.field, 1) || !in_range(k.field2, 1) || k.copy_limit == 0) return false;
+        break;
+      case Take::kTray:
+        if (!in_range(k.field, 2 * kTrays) || !in_range(k.field2, 1)) return false;
+        if (k.field2 >= k.field && k.field2 < k.field + 2 * kTrays) return false;
+        break;
+      case Take::kScanUser:
+        if (!in_range(k.field, 1) || def.section_record == nullptr) return false;
+        break;
+      default:
+        if (!in_range(k.field, 1)) return false;
+        break;
+    }
+  }
+  for (const Layout* layout : {def.section_record, def.recipient_record}) {
+    if (layout == nullptr) continue;
+    for (const Column& column : layout->columns) {
+      bool names_field =
+          column.kind == Col::kBare || column.kind == Col::kQuoted || column.kind == Col::kSpaced;
+      if (names_field != (column.field != -1)) return false;
+      if (names_field && !in_range(column.field, 1)) return false;
+    }
+  }
+  const bool keeps_recipients = def.recipients != RecipientArrayUse::kNone;
+  return keeps_recipients == (def.recipient_record != nullptr) &&
+         (def.counting != Counting::kPassedOver || def.keywords.empty());
+}
+
+// The working storage of the converters: the values of the section in hand and its recipients.
+// It is reused from one section to the next, so converting does not allocate once it has grown;
+// nothing in it is read before a section has set it.
+struct ConverterWork {
+  std::vector<std::string> values;
+  RecipientArray recipients;
+  std::string event;       // the section's event columns, formatted once for all its records
+  int count = 0;           // recipient lines seen
+  bool got_first = false;  // a kFirstAddress value has been taken
+};
+
+// Converts the section whose name line has just been read, counting it in `counter`.
+int run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work);
 
 }  // namespace adcdf

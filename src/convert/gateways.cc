@@ -61,20 +61,10 @@ constexpr auto kOutNames =
     join(kInNames, std::array<ColumnName, 3>{kReserved, kReserved, {"recipient_count"}});
 constexpr Layout kInRecord = named(114, kInColumns, kInNames);
 constexpr Layout kOutRecord = named(115, kOutColumns, kOutNames);
-constexpr ConverterDef kIn{"adcdf_do_x400in",
-                           &Counters::gix400In,
-                           Counting::kAfterHeader,
-                           kFields,
-                           kInKeywords,
-                           &kInRecord,
-                           nullptr};
-constexpr ConverterDef kOut{"adcdf_do_x400out",
-                            &Counters::gix400Out,
-                            Counting::kBeforeHeader,
-                            kFields,
-                            kOutKeywords,
-                            &kOutRecord,
-                            nullptr};
+constexpr ConverterDef kIn{
+    "adcdf_do_x400in", Counting::kAfterHeader, kFields, kInKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{
+    "adcdf_do_x400out", Counting::kBeforeHeader, kFields, kOutKeywords, &kOutRecord, nullptr};
 }  // namespace x400
 
 namespace unix_gw {
@@ -128,20 +118,10 @@ constexpr ColumnName kOutNames[] = {
 // clang-format on
 constexpr Layout kInRecord = named(110, kInColumns, kInNames);
 constexpr Layout kOutRecord = named(111, kOutColumns, kOutNames);
-constexpr ConverterDef kIn{"adcdf_do_unixin",
-                           &Counters::giUnixIn,
-                           Counting::kBeforeHeader,
-                           kFields,
-                           kInKeywords,
-                           &kInRecord,
-                           nullptr};
-constexpr ConverterDef kOut{"adcdf_do_unixout",
-                            &Counters::giUnixOut,
-                            Counting::kBeforeHeader,
-                            kFields,
-                            kOutKeywords,
-                            &kOutRecord,
-                            nullptr};
+constexpr ConverterDef kIn{
+    "adcdf_do_unixin", Counting::kBeforeHeader, kFields, kInKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{
+    "adcdf_do_unixout", Counting::kBeforeHeader, kFields, kOutKeywords, &kOutRecord, nullptr};
 }  // namespace unix_gw
 
 namespace desk {
@@ -194,20 +174,10 @@ constexpr ColumnName kOutNames[] = {
 // clang-format on
 constexpr Layout kInRecord = named(112, kInColumns, kInNames);
 constexpr Layout kOutRecord = named(113, kOutColumns, kOutNames);
-constexpr ConverterDef kIn{"adcdf_do_deskin",
-                           &Counters::giDeskIn,
-                           Counting::kAfterHeader,
-                           kFields,
-                           kInKeywords,
-                           &kInRecord,
-                           nullptr};
-constexpr ConverterDef kOut{"adcdf_do_deskout",
-                            &Counters::giDeskOut,
-                            Counting::kAfterHeader,
-                            kFields,
-                            kOutKeywords,
-                            &kOutRecord,
-                            nullptr};
+constexpr ConverterDef kIn{
+    "adcdf_do_deskin", Counting::kAfterHeader, kFields, kInKeywords, &kInRecord, nullptr};
+constexpr ConverterDef kOut{
+    "adcdf_do_deskout", Counting::kAfterHeader, kFields, kOutKeywords, &kOutRecord, nullptr};
 }  // namespace desk
 
 namespace fax {
@@ -256,7 +226,6 @@ constexpr ColumnName kNames[] = {
 // clang-format on
 constexpr Layout kRecord = named(107, kColumns, kNames);
 constexpr ConverterDef kDef{.name = "adcdf_do_faxgateway",
-                            .counter = &Counters::giFaxGateway,
                             .counting = Counting::kBeforeHeader,
                             .fields = kFields,
                             .keywords = kKeywords,
@@ -288,53 +257,34 @@ constexpr ColumnName kNames[] = {
 // clang-format on
 constexpr Layout kInRecord = named(119, kColumns, kNames);
 constexpr Layout kOutRecord = named(120, kColumns, kNames);
-constexpr ConverterDef kIn{"adcdf_do_smsin", &Counters::gixSMSIn, Counting::kAfterHeader,
-                           kFields,          kKeywords,           &kInRecord,
+constexpr ConverterDef kIn{"adcdf_do_smsin", Counting::kAfterHeader, kFields, kKeywords, &kInRecord,
                            nullptr};
-constexpr ConverterDef kOut{"adcdf_do_smsout",
-                            &Counters::gixSMSOut,
-                            Counting::kAfterHeader,
-                            kFields,
-                            kKeywords,
-                            &kOutRecord,
-                            nullptr};
+constexpr ConverterDef kOut{
+    "adcdf_do_smsout", Counting::kAfterHeader, kFields, kKeywords, &kOutRecord, nullptr};
 }  // namespace sms
+
+static_assert(well_formed(x400::kIn));
+static_assert(well_formed(x400::kOut));
+static_assert(well_formed(unix_gw::kIn));
+static_assert(well_formed(unix_gw::kOut));
+static_assert(well_formed(desk::kIn));
+static_assert(well_formed(desk::kOut));
+static_assert(well_formed(fax::kDef));
+static_assert(well_formed(sms::kIn));
+static_assert(well_formed(sms::kOut));
 
 }  // namespace
 
-std::span<const ConverterDef* const> gateway_tables() {
-  static constexpr const ConverterDef* kTables[] = {&x400::kIn,     &x400::kOut, &unix_gw::kIn,
-                                                    &unix_gw::kOut, &desk::kIn,  &desk::kOut,
-                                                    &fax::kDef,     &sms::kIn,   &sms::kOut};
-  return kTables;
-}
-
-int adcdf_do_x400in(Context& ctx) {
-  return run_converter(ctx, x400::kIn);
-}
-int adcdf_do_x400out(Context& ctx) {
-  return run_converter(ctx, x400::kOut);
-}
-int adcdf_do_unixin(Context& ctx) {
-  return run_converter(ctx, unix_gw::kIn);
-}
-int adcdf_do_unixout(Context& ctx) {
-  return run_converter(ctx, unix_gw::kOut);
-}
-int adcdf_do_deskin(Context& ctx) {
-  return run_converter(ctx, desk::kIn);
-}
-int adcdf_do_deskout(Context& ctx) {
-  return run_converter(ctx, desk::kOut);
-}
-int adcdf_do_faxgateway(Context& ctx) {
-  return run_converter(ctx, fax::kDef);
-}
-int adcdf_do_smsin(Context& ctx) {
-  return run_converter(ctx, sms::kIn);
-}
-int adcdf_do_smsout(Context& ctx) {
-  return run_converter(ctx, sms::kOut);
-}
+namespace converters {
+const ConverterDef kX400In = x400::kIn;
+const ConverterDef kX400Out = x400::kOut;
+const ConverterDef kUnixIn = unix_gw::kIn;
+const ConverterDef kUnixOut = unix_gw::kOut;
+const ConverterDef kDeskIn = desk::kIn;
+const ConverterDef kDeskOut = desk::kOut;
+const ConverterDef kFax = fax::kDef;
+const ConverterDef kSmsIn = sms::kIn;
+const ConverterDef kSmsOut = sms::kOut;
+}  // namespace converters
 
 }  // namespace adcdf

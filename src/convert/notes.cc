@@ -2,25 +2,9 @@
 // and nothing in the error file.
 #include "convert/converters.h"
 
-namespace adcdf {
-namespace {
+namespace adcdf::converters {
 
-int pass_over(Context& ctx, std::string_view name, int& counter) {
-  TraceScope scope(ctx.trace, name);
-  while (ctx.next_section_line() != "\n") {
-  }
-  ++counter;
-  scope.done();
-  return 0;
-}
+const ConverterDef kNotesIn{.name = "adcdf_do_notesin", .counting = Counting::kPassedOver};
+const ConverterDef kNotesOut{.name = "adcdf_do_notesout", .counting = Counting::kPassedOver};
 
-}  // namespace
-
-int adcdf_do_notesin(Context& ctx) {
-  return pass_over(ctx, "adcdf_do_notesin", ctx.counters.gixNOTESIn);
-}
-int adcdf_do_notesout(Context& ctx) {
-  return pass_over(ctx, "adcdf_do_notesout", ctx.counters.gixNOTESOut);
-}
-
-}  // namespace adcdf
+}  // namespace adcdf::converters

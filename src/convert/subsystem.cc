@@ -33,33 +33,19 @@ constexpr ColumnName kNames[] = {
 constexpr Layout kStartRecord = named(105, kColumns, kNames);
 constexpr Layout kStopRecord = named(106, kColumns, kNames);
 
-constexpr ConverterDef kSubsysStart{"adcdf_do_subsysstart",
-                                    &Counters::giSubsysStart,
-                                    Counting::kBeforeHeader,
-                                    kFields,
-                                    kStartKeywords,
-                                    &kStartRecord,
-                                    nullptr};
-constexpr ConverterDef kSubsysStop{"adcdf_do_subsysstop",
-                                   &Counters::giSubsysStop,
-                                   Counting::kBeforeHeader,
-                                   kFields,
-                                   kStopKeywords,
-                                   &kStopRecord,
-                                   nullptr};
+constexpr ConverterDef kSubsysStart{"adcdf_do_subsysstart", Counting::kBeforeHeader, kFields,
+                                    kStartKeywords,         &kStartRecord,           nullptr};
+constexpr ConverterDef kSubsysStop{
+    "adcdf_do_subsysstop", Counting::kBeforeHeader, kFields, kStopKeywords, &kStopRecord, nullptr};
+
+static_assert(well_formed(kSubsysStart));
+static_assert(well_formed(kSubsysStop));
 
 }  // namespace
 
-std::span<const ConverterDef* const> subsystem_tables() {
-  static constexpr const ConverterDef* kTables[] = {&kSubsysStart, &kSubsysStop};
-  return kTables;
-}
-
-int adcdf_do_subsysstart(Context& ctx) {
-  return run_converter(ctx, kSubsysStart);
-}
-int adcdf_do_subsysstop(Context& ctx) {
-  return run_converter(ctx, kSubsysStop);
-}
+namespace converters {
+const ConverterDef kSubsystemStart = kSubsysStart;
+const ConverterDef kSubsystemStop = kSubsysStop;
+}  // namespace converters
 
 }  // namespace adcdf

@@ -75,7 +75,6 @@ constexpr ColumnName kRecipientNames[] = {
 constexpr Layout kSectionRecord = named(101, kSectionColumns, kSectionNames);
 constexpr Layout kRecipientRecord = named(503, kRecipientColumns, kRecipientNames);
 constexpr ConverterDef kDef{.name = "adcdf_do_routing",
-                            .counter = &Counters::giRouting,
                             .counting = Counting::kBeforeHeader,
                             .fields = kFields,
                             .keywords = kKeywords,
@@ -141,7 +140,6 @@ constexpr ColumnName kRecipientNames[] = {
 constexpr Layout kSectionRecord = named(108, kSectionColumns, kSectionNames);
 constexpr Layout kRecipientRecord = named(504, kRecipientColumns, kRecipientNames);
 constexpr ConverterDef kDef{.name = "adcdf_do_delivery",
-                            .counter = &Counters::giDelivery,
                             .counting = Counting::kBeforeHeader,
                             .fields = kFields,
                             .keywords = kKeywords,
@@ -179,31 +177,20 @@ constexpr ColumnName kNames[] = {
     kReserved,           kReserved,           {"mta_message_id"}};
 // clang-format on
 constexpr Layout kRecord = named(118, kColumns, kNames);
-constexpr ConverterDef kDef{"adcdf_do_bulletin",
-                            &Counters::giBulletin,
-                            Counting::kBeforeHeader,
-                            kFields,
-                            kKeywords,
-                            &kRecord,
-                            nullptr};
+constexpr ConverterDef kDef{
+    "adcdf_do_bulletin", Counting::kBeforeHeader, kFields, kKeywords, &kRecord, nullptr};
 }  // namespace bulletin
+
+static_assert(well_formed(routing::kDef));
+static_assert(well_formed(delivery::kDef));
+static_assert(well_formed(bulletin::kDef));
 
 }  // namespace
 
-std::span<const ConverterDef* const> message_transfer_tables() {
-  static constexpr const ConverterDef* kTables[] = {&routing::kDef, &delivery::kDef,
-                                                    &bulletin::kDef};
-  return kTables;
-}
-
-int adcdf_do_routing(Context& ctx) {
-  return run_converter(ctx, routing::kDef);
-}
-int adcdf_do_delivery(Context& ctx) {
-  return run_converter(ctx, delivery::kDef);
-}
-int adcdf_do_bulletin(Context& ctx) {
-  return run_converter(ctx, bulletin::kDef);
-}
+namespace converters {
+const ConverterDef kRouting = routing::kDef;
+const ConverterDef kDelivery = delivery::kDef;
+const ConverterDef kBulletin = bulletin::kDef;
+}  // namespace converters
 
 }  // namespace adcdf

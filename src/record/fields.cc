@@ -1,6 +1,7 @@
 #include "record/fields.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "support/tokenizer.h"
 
@@ -11,9 +12,8 @@ void assign_cut(std::string& dest, std::string_view value, size_t limit) {
   dest.assign(value.data(), std::min(value.size(), limit));
 }
 
-// The raw value of a varstring: from word `pos` to the newline, or nothing. A line holds a
-// newline only at its end, so what follows the words before `pos` is the value, its newline
-// left off.
+// The raw value of a varstring: from word `pos` to the newline, or nothing; like a further
+// strtok with the newline as delimiter, it passes over newlines before the value.
 std::string_view varstring_value(std::string_view source, int pos) {
   if (pos == 1) return source;
   Tokenizer words(source);
@@ -21,8 +21,8 @@ std::string_view varstring_value(std::string_view source, int pos) {
     if (!words.next(" ")) return {};
   }
   std::string_view value = words.rest();
-  if (value.ends_with('\n')) value.remove_suffix(1);
-  return value;
+  value.remove_prefix(std::min(value.find_first_not_of('\n'), value.size()));
+  return value.substr(0, value.find('\n'));
 }
 
 void remove_escapes(std::string& text) {
@@ -85,9 +85,9 @@ int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, in
 int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
                       size_t limit) {
   TraceScope scope(rules.trace, "adcdf_get_address");
-  thread_local std::string szLoc;
-  get_varstring(rules, source, pos, szLoc, kAddressWorkLimit);
-  adcdf_clean_address(rules, szLoc, dest, limit);
+  // The varstring goes through `dest` itself, which the cleaning then rewrites in place.
+  get_varstring(rules, source, pos, dest, kAddressWorkLimit);
+  adcdf_clean_address(rules, dest, dest, limit);
   scope.done();
   return 0;
 }
@@ -99,8 +99,8 @@ int adcdf_clean_address(const FieldRules& rules, std::string_view source, std::s
   dest.resize(take);
   if (rules.upshift) {
     std::transform(source.begin(), source.begin() + take, dest.begin(), upper_ascii);
-  } else {
-    std::copy(source.begin(), source.begin() + take, dest.begin());
+  } else if (take > 0) {
+    std::memmove(dest.data(), source.data(), take);
   }
   if (limit > 0) dest.push_back(' ');
   adcdf_special_processing(rules.trace, dest);

@@ -41,6 +41,7 @@ int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, in
                             std::string& dest, size_t limit);
 int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
                       size_t limit);
+// `source` may be a view of `dest`: the address is cleaned in place.
 int adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
                         size_t limit);
 int adcdf_special_processing(Tracer& trace, std::string& text);

@@ -101,14 +101,14 @@ int adcdf_process_user(const FieldRules& rules, std::string_view pszSource, User
   size_t ibreak1 = line.find(' ');
   size_t ibreak2 =
       ibreak1 == std::string_view::npos ? std::string_view::npos : line.find(' ', ibreak1 + 1);
-  thread_local std::string szTemp;
   bool four_breaks = ibreak3 != std::string_view::npos && ibreak2 != std::string_view::npos &&
                      ibreak1 < ibreak2 && ibreak2 < ibreak3;
   if (four_breaks) {
     assign_cut(out.name2, without_newline(line.substr(ibreak4 + 1)), limits.name2);
     assign_cut(out.name1, line.substr(ibreak3 + 1, ibreak4 - ibreak3 - 1), limits.name1);
-    assign_cut(szTemp, line.substr(ibreak2 + 1, ibreak3 - ibreak2 - 1), kAddressWorkLimit);
-    adcdf_clean_address(rules, szTemp, out.mail_name, limits.mail_name);
+    adcdf_clean_address(
+        rules, line.substr(ibreak2 + 1, ibreak3 - ibreak2 - 1).substr(0, kAddressWorkLimit),
+        out.mail_name, limits.mail_name);
     assign_cut(out.number, line.substr(ibreak1 + 1, ibreak2 - ibreak1 - 1), limits.number);
   } else {
     // Fewer than four blanks: the fields after the keyword, split at single blanks, fill the
@@ -125,8 +125,8 @@ int adcdf_process_user(const FieldRules& rules, std::string_view pszSource, User
       if (more) rest.remove_prefix(next + 1);
     }
     assign_cut(out.number, parts[0], limits.number);
-    assign_cut(szTemp, parts[1], kAddressWorkLimit);
-    adcdf_clean_address(rules, szTemp, out.mail_name, limits.mail_name);
+    adcdf_clean_address(rules, parts[1].substr(0, kAddressWorkLimit), out.mail_name,
+                        limits.mail_name);
     assign_cut(out.name1, parts[2], limits.name1);
     assign_cut(out.name2, parts[3], limits.name2);
   }

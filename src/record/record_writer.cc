@@ -5,9 +5,10 @@ namespace adcdf {
 void append_event_columns(std::string& text, const EventTime& event) {
   char columns[7 * (kNumberBytes + 1)];
   char* at = columns;
-  for (long value : {static_cast<long>(event.giYear), static_cast<long>(event.giMonth),
-                     static_cast<long>(event.giDay), static_cast<long>(event.giHour),
-                     static_cast<long>(event.giMin), static_cast<long>(event.giSec), event.glGMT}) {
+  for (long value :
+       {static_cast<long>(event.year), static_cast<long>(event.month), static_cast<long>(event.day),
+        static_cast<long>(event.hour), static_cast<long>(event.minute),
+        static_cast<long>(event.second), event.glGMT}) {
     at = std::to_chars(at, at + kNumberBytes, value).ptr;
     *at++ = ',';
   }

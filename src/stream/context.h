@@ -7,6 +7,7 @@
 // the debug traces and the record descriptions use.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -30,51 +31,18 @@ struct Options {
   bool once = false;  // stop at the end of the audit file
 };
 
-// Event time of the section in hand, in local time (year counted from 1900, month 1 to 12).
-struct EventTime {
-  int giYear = 0;
-  int giMonth = 0;
-  int giDay = 0;
-  int giHour = 0;
-  int giMin = 0;
-  int giSec = 0;
-  long glGMT = 0;
-};
-
 // How far the processing loop has got: just after the last line it handled (a section with its
 // blank line, an unknown-section line, a blank line between sections), and the last section's
 // date then.
 struct Handled {
   long long offset = 0;  // in the audit file being read
   int line = 1;          // the number the next line will carry
-  LastDate last;
+  LocalTime last;
 };
 
-struct Counters {
-  int giBulletin = 0;
-  int giDelivery = 0;
-  int giDeskIn = 0;
-  int giDeskOut = 0;
-  int giDirSyncIn = 0;
-  int giDirSyncOut = 0;
-  int giFaxGateway = 0;
-  int giEkscan = 0;
-  int giRequestServer = 0;
-  int giRouting = 0;
-  int giRoutSummary = 0;
-  int giSubsysStart = 0;
-  int giSubsysStop = 0;
-  int giUnixIn = 0;
-  int giUnixOut = 0;
-  int giUserSignoff = 0;
-  int giUserSignon = 0;
-  int gix400In = 0;
-  int gix400Out = 0;
-  int gixSMSIn = 0;
-  int gixSMSOut = 0;
-  int gixNOTESIn = 0;
-  int gixNOTESOut = 0;
-};
+// One counter per section kind, in the order of the section table (convert/sections.h).
+inline constexpr size_t kSectionKinds = 23;
+using Counters = std::array<int, kSectionKinds>;
 
 struct Context {
   Context(Options opts, Tracer& tracer, AuditInput& audit)
@@ -96,9 +64,9 @@ struct Context {
   std::string_view gszLine;
   int giLineno = 0;
   EventTime event;
-  LastDate last;
+  LocalTime last;
   long glGMTcheckpoint = 0;
-  Counters counters;
+  Counters counters{};
   std::string gszInitNum = "0";
   std::string gszInitString;
 

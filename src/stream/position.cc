@@ -31,16 +31,15 @@ uint64_t checksum(std::string_view text) {
 std::string encode_position(const Position& p, uint64_t sequence) {
   char errors[32] = "-";
   if (p.errors_size) std::snprintf(errors, sizeof errors, "%lld", *p.errors_size);
-  const LastDate& l = p.last;
+  const LocalTime& l = p.last;
   char body[PositionFile::kSlot];
-  int n = std::snprintf(body, sizeof body,
-                        "%ssequence %" PRIu64 "\naudit %lld %d %" PRIu32 " %016" PRIx64 " %" PRIu64
-                        " %" PRIu64 "\ncurrent %" PRIu64 " %" PRIu64
-                        " %lld\nerrors %s\nlast %d %d %d %d %d %d\ncheckpoint %ld\n",
-                        kMagic.data(), sequence, p.offset, p.line, p.audit_head.length,
-                        p.audit_head.hash, p.audit_id.dev, p.audit_id.ino, p.current_id.dev,
-                        p.current_id.ino, p.current_size, errors, l.gilastyear, l.gilastmonth,
-                        l.gilastday, l.gilasthour, l.gilastmin, l.gilastsec, p.checkpoint);
+  int n = std::snprintf(
+      body, sizeof body,
+      "%ssequence %" PRIu64 "\naudit %lld %d %" PRIu32 " %016" PRIx64 " %" PRIu64 " %" PRIu64
+      "\ncurrent %" PRIu64 " %" PRIu64 " %lld\nerrors %s\nlast %d %d %d %d %d %d\ncheckpoint %ld\n",
+      kMagic.data(), sequence, p.offset, p.line, p.audit_head.length, p.audit_head.hash,
+      p.audit_id.dev, p.audit_id.ino, p.current_id.dev, p.current_id.ino, p.current_size, errors,
+      l.year, l.month, l.day, l.hour, l.minute, l.second, p.checkpoint);
   std::string text(body, static_cast<size_t>(n));
   char check[32];
   std::snprintf(check, sizeof check, "%016" PRIx64 "\n", checksum(text));
@@ -60,14 +59,14 @@ std::optional<std::pair<Position, uint64_t>> decode_position(std::string_view sl
   Position p;
   uint64_t sequence = 0;
   char errors[32] = {};
-  LastDate& l = p.last;
+  LocalTime& l = p.last;
   int got = std::sscanf(
       text.c_str() + kMagic.size(),
       "sequence %" SCNu64 " audit %lld %d %" SCNu32 " %" SCNx64 " %" SCNu64 " %" SCNu64
       " current %" SCNu64 " %" SCNu64 " %lld errors %31s last %d %d %d %d %d %d checkpoint %ld",
       &sequence, &p.offset, &p.line, &p.audit_head.length, &p.audit_head.hash, &p.audit_id.dev,
-      &p.audit_id.ino, &p.current_id.dev, &p.current_id.ino, &p.current_size, errors, &l.gilastyear,
-      &l.gilastmonth, &l.gilastday, &l.gilasthour, &l.gilastmin, &l.gilastsec, &p.checkpoint);
+      &p.audit_id.ino, &p.current_id.dev, &p.current_id.ino, &p.current_size, errors, &l.year,
+      &l.month, &l.day, &l.hour, &l.minute, &l.second, &p.checkpoint);
   if (got != 18) return std::nullopt;
   if (std::strcmp(errors, "-") != 0) {
     char* end = nullptr;

@@ -44,20 +44,10 @@
 #include <thread>
 
 #include "stream/audit_input.h"
+#include "stream/local_time.h"
 #include "support/files.h"
 
 namespace adcdf {
-
-// Date and time of the last section whose header was decoded, in local time.
-struct LastDate {
-  int gilastyear = 0;
-  int gilastmonth = 0;
-  int gilastday = 0;
-  int gilasthour = 0;
-  int gilastmin = 0;
-  int gilastsec = 0;
-  bool operator==(const LastDate&) const = default;
-};
 
 struct Position {
   long long offset = 0;  // the audit bytes handled
@@ -67,7 +57,7 @@ struct Position {
   FileId current_id;
   long long current_size = 0;
   std::optional<long long> errors_size;  // none when the run wrote no error file
-  LastDate last;
+  LocalTime last;                        // of the last section whose header was decoded
   long checkpoint = 0;
   bool operator==(const Position&) const = default;
 };

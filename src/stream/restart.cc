@@ -8,13 +8,8 @@ namespace adcdf {
 namespace {
 
 void apply_prefix(Context& ctx, const PrefixValues& v) {
-  int* targets[] = {nullptr,
-                    &ctx.last.gilastyear,
-                    &ctx.last.gilastmonth,
-                    &ctx.last.gilastday,
-                    &ctx.last.gilasthour,
-                    &ctx.last.gilastmin,
-                    &ctx.last.gilastsec};
+  int* targets[] = {nullptr,        &ctx.last.year,   &ctx.last.month, &ctx.last.day,
+                    &ctx.last.hour, &ctx.last.minute, &ctx.last.second};
   for (int i = 1; i < v.count && i < 7; ++i) {
     *targets[i] = static_cast<int>(v.values[static_cast<size_t>(i)]);
   }
@@ -114,14 +109,14 @@ void restore_checkpoint(Context& ctx) {
     if (file_exists(older)) newest = newest_record(File::read_only(older));
   }
   if (newest) {
-    ctx.last = LastDate{};
+    ctx.last = LocalTime{};
     apply_prefix(ctx, *newest);
   }
 }
 
 void start_run(Context& ctx) {
   ctx.giLineno = 1;
-  ctx.last = LastDate{};
+  ctx.last = LocalTime{};
   ctx.glGMTcheckpoint = 0;
   ctx.positions.lock(ctx.generations.names().position());
   ctx.generations.recover(ctx.positions);

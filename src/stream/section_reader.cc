@@ -21,9 +21,8 @@ void skip_loop(Context& ctx) {
   }
 }
 
-bool day_changed(const EventTime& event, const LastDate& last) {
-  return event.giYear > last.gilastyear || event.giMonth > last.gilastmonth ||
-         event.giDay > last.gilastday;
+bool day_changed(const EventTime& event, const LocalTime& last) {
+  return event.year > last.year || event.month > last.month || event.day > last.day;
 }
 
 }  // namespace
@@ -52,14 +51,19 @@ int adcdf_get_generic(Context& ctx) {
     skip_loop(ctx);
     return 1;
   }
-  ctx.event = EventTime{ptime.tm_year, ptime.tm_mon + 1, ptime.tm_mday,           ptime.tm_hour,
-                        ptime.tm_min,  ptime.tm_sec,     static_cast<long>(ldate)};
+  ctx.event.year = ptime.tm_year;
+  ctx.event.month = ptime.tm_mon + 1;
+  ctx.event.day = ptime.tm_mday;
+  ctx.event.hour = ptime.tm_hour;
+  ctx.event.minute = ptime.tm_min;
+  ctx.event.second = ptime.tm_sec;
+  ctx.event.glGMT = static_cast<long>(ldate);
 
   // A SIGUSR1 since the last header: forget the last date, so this section starts a new
   // generation unless it is skipped.
   if (gbNewGenerationRequested) {
     gbNewGenerationRequested = 0;
-    ctx.last = LastDate{};
+    ctx.last = LocalTime{};
   }
 
   // A section before the checkpoint is in the output already: it leaves the last date as it
@@ -70,8 +74,7 @@ int adcdf_get_generic(Context& ctx) {
     return 1;
   }
   if (day_changed(ctx.event, ctx.last)) adcdf_rename_files(ctx);
-  const EventTime& e = ctx.event;
-  ctx.last = LastDate{e.giYear, e.giMonth, e.giDay, e.giHour, e.giMin, e.giSec};
+  ctx.last = ctx.event;
   scope.done();
   return 0;
 }

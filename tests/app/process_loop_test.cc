@@ -75,8 +75,8 @@ TEST_F(ProcessLoop, UnknownSectionsAreReportedLineByLineNotesPassedOver) {
   Harness h("\nbogus\nhdr 1\nkey v\n\nnotes-in\nx 1\ny\n\nnotes-out\n\nRouting\nsubsystem-start \n",
             options);
   EXPECT_EQ(adcdf_process_file(h.ctx), 0);
-  EXPECT_EQ(h.ctx.counters.gixNOTESIn, 1);
-  EXPECT_EQ(h.ctx.counters.gixNOTESOut, 1);
+  EXPECT_EQ(h.counted("NOTES-in"), 1);
+  EXPECT_EQ(h.counted("NOTES-out"), 1);
   EXPECT_EQ(outputs(), (std::map<std::string, std::string>{
                            {"000", ""},
                            {"ERR",
@@ -100,7 +100,7 @@ TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
   EXPECT_EQ(files["ERR"],
             "Skipped line: 10\nLine = junk line\n\n"
             "Unknown audit file section: line 12\nbogus\n\n");
-  EXPECT_EQ(h.ctx.counters.giSubsysStart, 3);
+  EXPECT_EQ(h.counted("Subsystem-start"), 3);
 }
 
 TEST_F(ProcessLoop, DebugTraceAndStatistics) {
@@ -161,10 +161,8 @@ TEST_F(ProcessLoop, RestoreCheckpointFromNewestRecord) {
     Harness h("", options);
     restore_checkpoint(h.ctx);
     EXPECT_EQ(h.ctx.glGMTcheckpoint, c.checkpoint);
-    const LastDate& l = h.ctx.last;
-    EXPECT_EQ((std::array<int, 6>{l.gilastyear, l.gilastmonth, l.gilastday, l.gilasthour,
-                                  l.gilastmin, l.gilastsec}),
-              c.last);
+    const LocalTime& l = h.ctx.last;
+    EXPECT_EQ((std::array<int, 6>{l.year, l.month, l.day, l.hour, l.minute, l.second}), c.last);
     EXPECT_EQ(h.trace.text(),
               c.parse_message ? "Unable to parse date and time on last line of .000 file.\n" : "");
     for (const auto& [suffix, text] : c.before) {
@@ -261,7 +259,7 @@ TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
             {"subsystem 3\n"});
   adcdf_process_file(h.ctx);
   EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
-  EXPECT_EQ(h.ctx.counters.giSubsysStart, 0);
+  EXPECT_EQ(h.counted("Subsystem-start"), 0);
 }
 
 TEST_F(ProcessLoop, NoErrWritesNoErrorFile) {

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "convert/convert_test_support.h"
-#include "convert/converters.h"
+#include "convert/sections.h"
 
 namespace adcdf {
 namespace {
@@ -11,7 +11,7 @@ using namespace testing;
 // A user's record is written when the next user begins and at the blank line; values not
 // given for a user are those of the user before.
 TEST(EkscanConverter, SeveralUsersCarryValuesOver) {
-  Converted out = convert(adcdf_do_ekscan,
+  Converted out = convert("ekscan\n",
                           "user alice smith\nuser-messages 3\nuser-size 100\ntray 1 x 2 50\n"
                           "tray 2 x 1 20\nuser bob\nuser-messages 7\ntray 1 x 4 80\n"
                           "bb-area-messages 1\nbb-area-size 2\nduration 3\nuser carol\n"
@@ -22,14 +22,14 @@ TEST(EkscanConverter, SeveralUsersCarryValuesOver) {
   EXPECT_EQ(out.errors, "");
 
   // Nothing carries over into the next section.
-  out = convert(adcdf_do_ekscan, "user dave\n\n");
+  out = convert("ekscan\n", "user dave\n\n");
   EXPECT_EQ(out.records, rec(102, "\"DAVE \",0,0,0,0,0,0,0,0,0,0,0,0,\"\",\"\""));
 }
 
 TEST(EkscanConverter, SectionWithoutUserGivesOneBlankUser) {
   run_cases({
-      {"empty", adcdf_do_ekscan, 102, "\n", "\" \",0,0,0,0,0,0,0,0,0,0,0,0,\"\",\"\"", ""},
-      {"values only", adcdf_do_ekscan, 102, "user-messages 4\nuser-size\ntray 3 x 5 6\n\n",
+      {"empty", "ekscan\n", 102, "\n", "\" \",0,0,0,0,0,0,0,0,0,0,0,0,\"\",\"\"", ""},
+      {"values only", "ekscan\n", 102, "user-messages 4\nuser-size\ntray 3 x 5 6\n\n",
        "\" \",4,,0,0,0,0,5,6,0,0,0,0,\"\",\"\"", ""},
   });
 }
@@ -42,16 +42,16 @@ TEST(EkscanConverter, TrayLines) {
                        "tray abc x 1 1", "tray -1 x 1 1", "tray"};
   for (const char* line : bad) {
     SCOPED_TRACE(line);
-    Converted out = convert(adcdf_do_ekscan, std::string(line) + "\nuser u\n\n");
+    Converted out = convert("ekscan\n", std::string(line) + "\nuser u\n\n");
     EXPECT_EQ(out.records, rec(102, "\"U \",0,0,0,0,0,0,0,0,0,0,0,0,\"\",\"\""));
     EXPECT_EQ(out.errors, skipped(3, line));
   }
   run_cases({
-      {"3x is tray 3", adcdf_do_ekscan, 102, "tray 3x y 4 5\n\n",
+      {"3x is tray 3", "ekscan\n", 102, "tray 3x y 4 5\n\n",
        "\" \",0,0,0,0,0,0,4,5,0,0,0,0,\"\",\"\"", ""},
-      {"fewer than five words", adcdf_do_ekscan, 102, "tray 2 x 7\ntray 4\n\n",
+      {"fewer than five words", "ekscan\n", 102, "tray 2 x 7\ntray 4\n\n",
        "\" \",0,0,0,0,7,,0,0,,,0,0,\"\",\"\"", ""},
-      {"user needs its blank", adcdf_do_ekscan, 102, "userfoo bar\n\n",
+      {"user needs its blank", "ekscan\n", 102, "userfoo bar\n\n",
        "\" \",0,0,0,0,0,0,0,0,0,0,0,0,\"\",\"\"", skipped(3, "userfoo bar")},
   });
 }
@@ -59,42 +59,39 @@ TEST(EkscanConverter, TrayLines) {
 TEST(UserSignonConverter, Sections) {
   const std::string longer = "designate-user 7 " + std::string(1000, 'n') + "\n\n";
   run_cases({
-      {"empty", adcdf_do_usersignon, 103, "\n", "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\" \",\"\"",
-       ""},
-      {"full", adcdf_do_usersignon, 103,
+      {"empty", "user-signon\n", 103, "\n", "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\" \",\"\"", ""},
+      {"full", "user-signon\n", 103,
        "user 123 Main Mail System jsmith smithj\nsignon-status 1 x\nclient-type 2 y\n"
        "designate-user 45 joe bloggs\nuser-agent-id abc\nduration 5\n\n",
        "0,0,0,0,\"MAIN MAIL SYSTEM \",\"jsmith\",123,1,2,\"smithj\",0,0,45,\"JOE BLOGGS \",\"\"",
        skipped(8, "duration 5")},
-      {"two values", adcdf_do_usersignon, 103, "user 5 Mail\n\n",
+      {"two values", "user-signon\n", 103, "user 5 Mail\n\n",
        "0,0,0,0,\"MAIL \",\" \",5,0,0,\" \",0,0,0,\" \",\"\"", ""},
-      {"run of blanks", adcdf_do_usersignon, 103, "user 123  Mail a b\n\n",
+      {"run of blanks", "user-signon\n", 103, "user 123  Mail a b\n\n",
        "0,0,0,0,\" MAIL \",\"a\",123,0,0,\"b\",0,0,0,\" \",\"\"", ""},
       // The designate name comes from the line's first 849 characters only.
-      {"long designate-user", adcdf_do_usersignon, 103, longer,
+      {"long designate-user", "user-signon\n", 103, longer,
        "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,7,\"" + std::string(832, 'N') + " \",\"\"", ""},
   });
 }
 
 TEST(UserSignoffConverter, Sections) {
   run_cases({
-      {"empty", adcdf_do_usersignoff, 104, "\n", "0,0,0,0,\" \",\"\",0,0,0,\"\",0,0,0,\"\",\"\"",
-       ""},
-      {"full", adcdf_do_usersignoff, 104,
+      {"empty", "user-signoff\n", 104, "\n", "0,0,0,0,\" \",\"\",0,0,0,\"\",0,0,0,\"\",\"\"", ""},
+      {"full", "user-signoff\n", 104,
        "user 42 Main Mail\nsignoff-status 1 2\nduration 3 4\ndesignate-user 9 x\n"
        "user-agent-id a\n\n",
        "0,0,0,0,\"MAIN MAIL \",\"\",42,1 2,3 4,\"\",0,0,0,\"\",\"\"",
        skipped(7, "user-agent-id a")},
-      {"values without text", adcdf_do_usersignoff, 104, "signoff-status\nduration\n\n",
+      {"values without text", "user-signoff\n", 104, "signoff-status\nduration\n\n",
        "0,0,0,0,\" \",\"\",0,,,\"\",0,0,0,\"\",\"\"", ""},
   });
 }
 
 TEST(RequestServerConverter, Sections) {
   run_cases({
-      {"empty", adcdf_do_requestserver, 109, "\n",
-       "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\"\",\" \"", ""},
-      {"full", adcdf_do_requestserver, 109,
+      {"empty", "request\n", 109, "\n", "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\"\",\" \"", ""},
+      {"full", "request\n", 109,
        "originator-admin-cap 7\noriginator\tx\noriginator john\nrequest-name Add user\n"
        "ua-message-id U\nmta-message-id M\nua-ack-id 1\nmta-ack-id 2\nsubject s\n\n",
        "0,0,0,0,\"JOHN \",\"U\",0,0,0,\"Add user\",7,0,0,\"\",\"M\"", skipped(4, "originator\tx")},
@@ -114,10 +111,9 @@ TEST(DirsyncConverters, Sections) {
     return "add all,C,F,5,\"" + party + "\",\"E\",0,9,0,\"I\",3,R,0,\"\",\"\"";
   };
   run_cases({
-      {"dirsync-in", adcdf_do_dirsyncin, 116, body, columns("ANN "), skipped(4, out_line)},
-      {"dirsync-out", adcdf_do_dirsyncout, 117, body, columns("BOB "), skipped(3, in_line)},
-      {"empty", adcdf_do_dirsyncout, 117, "\n", "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\"\",\"\"",
-       ""},
+      {"dirsync-in", "dirsync-in\n", 116, body, columns("ANN "), skipped(4, out_line)},
+      {"dirsync-out", "dirsync-out\n", 117, body, columns("BOB "), skipped(3, in_line)},
+      {"empty", "dirsync-out\n", 117, "\n", "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\"\",\"\"", ""},
   });
 }
 

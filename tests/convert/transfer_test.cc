@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "convert/convert_test_support.h"
-#include "convert/converters.h"
+#include "convert/sections.h"
 
 namespace adcdf {
 namespace {
@@ -9,7 +9,7 @@ namespace {
 using namespace testing;
 
 TEST(RoutingConverter, WorkedExample) {
-  Converted out = convert(adcdf_do_routing,
+  Converted out = convert("routing\n",
                           "type 1\npriority 2\noriginator john/sales\nua-message-id ABC123\n"
                           "recipient-to mary/sales\nack-req 1\nqueue LOCAL\nsubject Hi\n"
                           "part-type 3\nall-recips-non-deliv\n\n");
@@ -48,7 +48,7 @@ TEST(RoutingConverter, ManyRecipients) {
                               std::to_string(i % 10) + ",\"" + q.name + "\",\"R" +
                               std::to_string(i) + " \"," + q.flags);
     }
-    Converted out = convert(adcdf_do_routing, body + "\n");
+    Converted out = convert("routing\n", body + "\n");
     EXPECT_EQ(out.records, rec(101, "0,0,0,0,\" \",\" \",0," + size +
                                         ",x,\"\",0,0,x,\"\",\" \",\" \",0," + std::to_string(n)) +
                                details);
@@ -59,7 +59,7 @@ TEST(RoutingConverter, ManyRecipients) {
 // The two lines after a recipient line are its acknowledgement request and queue, whatever
 // they hold, and they are waited for when the file ends after the recipient line.
 TEST(RoutingConverter, RecipientConsumesTheNextTwoLines) {
-  Converted out = convert(adcdf_do_routing, "recipient-cc bob\nsubject X\ntype 9\npriority 3\n\n");
+  Converted out = convert("routing\n", "recipient-cc bob\nsubject X\ntype 9\npriority 3\n\n");
   EXPECT_EQ(out.records, rec(101, "0,3,0,0,\" \",\" \",0,0,x,\"\",0,0,x,\"\",\" \",\" \",0,1") +
                              rec(503, "\" \",\" \",0,0,1,X,\"9\",\"BOB \",0,0"));
 
@@ -67,7 +67,7 @@ TEST(RoutingConverter, RecipientConsumesTheNextTwoLines) {
   ::tzset();
   Harness h("hdr 1364913005\nrecipient-to ann\n", {}, {"ack-req 1\n", "queue EKX400\n\n"});
   h.ctx.last = kNoRotation;
-  EXPECT_EQ(h.convert(adcdf_do_routing), 0);
+  EXPECT_EQ(h.convert("routing\n"), 0);
   EXPECT_EQ(h.ctx.output.records.view(),
             rec(101, "0,0,0,0,\" \",\" \",0,0,x,\"\",0,0,x,\"\",\" \",\" \",0,1") +
                 rec(503, "\" \",\" \",0,0,0,1,\"EKX400\",\"ANN \",0,1"));
@@ -76,7 +76,7 @@ TEST(RoutingConverter, RecipientConsumesTheNextTwoLines) {
 // A non-delivery reason fills the reason column of the 101 record and of every 503 record:
 // its second word, cut to 4 characters.
 TEST(RoutingConverter, NonDeliveryReason) {
-  Converted out = convert(adcdf_do_routing,
+  Converted out = convert("routing\n",
                           "recipient-to a\nack-req 0\nqueue q\nnon-delivery-reason 12345 more\n\n");
   EXPECT_EQ(out.records, rec(101, "0,0,0,0,\" \",\" \",1234,0,x,\"\",0,0,x,\"\",\" \",\" \",0,1") +
                              rec(503, "\" \",\" \",1234,0,0,0,\"q\",\"A \",0,0"));
@@ -84,7 +84,7 @@ TEST(RoutingConverter, NonDeliveryReason) {
 }
 
 TEST(RoutingConverter, PrefixMatchLimitsAndSkippedLines) {
-  Converted out = convert(adcdf_do_routing,
+  Converted out = convert("routing\n",
                           "typeface x\nhop-count 123456\nmessage-size 12345678901\n"
                           " \nqueue LOCAL\nsubject " +
                               std::string(300, 's') + "\n\n");
@@ -94,8 +94,8 @@ TEST(RoutingConverter, PrefixMatchLimitsAndSkippedLines) {
 }
 
 TEST(RoutingConverter, CommasAndQuotesAreWrittenUnchanged) {
-  Converted out = convert(adcdf_do_routing,
-                          "ua-message-id a,\"b\"\nsubject Hi, \"there\"\nmta-message-id m,1\n\n");
+  Converted out =
+      convert("routing\n", "ua-message-id a,\"b\"\nsubject Hi, \"there\"\nmta-message-id m,1\n\n");
   EXPECT_EQ(out.records, rec(101,
                              "0,0,0,0,\" \",\"a,\"b\"\",0,0,x,\"\",0,0,x,\"\",\"m,1\","
                              "\"Hi, \"there\"\",0,0"));
@@ -103,7 +103,7 @@ TEST(RoutingConverter, CommasAndQuotesAreWrittenUnchanged) {
 
 TEST(DeliveryConverter, WorkedExample) {
   Converted out =
-      convert(adcdf_do_delivery,
+      convert("delivery\n",
               "originator bob\nrecipient-to ann\nnon-delivery-reason 3\nrecipient-cc joe\n"
               "subject s\nnew-ua-message-id n\n\n");
   EXPECT_EQ(out.records, rec(108, "0,0,0,0,\"BOB \",\" \",3,0,0,0,0,0,0,\"\",\" \"") +
@@ -111,7 +111,7 @@ TEST(DeliveryConverter, WorkedExample) {
                              rec(504, "\"BOB \",\" \",0,\"JOE \""));
   EXPECT_EQ(out.errors, "");
 
-  out = convert(adcdf_do_delivery, "\n");
+  out = convert("delivery\n", "\n");
   EXPECT_EQ(out.records, rec(108, "0,0,0,0,\" \",\" \",0,0,0,0,0,0,0,\"\",\" \""));
 }
 
@@ -119,7 +119,7 @@ TEST(DeliveryConverter, WorkedExample) {
 // section's. A reason that does not start with digits gives the recipient 0; the section's
 // column shows the text. The last reason is the section's.
 TEST(DeliveryConverter, ReasonsBelongToThePrecedingRecipient) {
-  Converted out = convert(adcdf_do_delivery,
+  Converted out = convert("delivery\n",
                           "non-delivery-reason 7\nrecipient-to a\nrecipient-to b\n"
                           "non-delivery-reason 42x\nrecipient-to c\nnon-delivery-reason abc\n\n");
   EXPECT_EQ(out.records, rec(108, "0,0,0,0,\" \",\" \",abc,0,0,0,0,0,0,\"\",\" \"") +
@@ -127,7 +127,7 @@ TEST(DeliveryConverter, ReasonsBelongToThePrecedingRecipient) {
                              rec(504, "\" \",\" \",0,\"C \""));
 
   // A later section's recipients start without a reason, in slots that held one before.
-  out = convert(adcdf_do_delivery, "recipient-to a\nrecipient-to b\n\n");
+  out = convert("delivery\n", "recipient-to a\nrecipient-to b\n\n");
   EXPECT_EQ(out.records, rec(108, "0,0,0,0,\" \",\" \",0,0,0,0,0,0,0,\"\",\" \"") +
                              rec(504, "\" \",\" \",0,\"A \"") + rec(504, "\" \",\" \",0,\"B \""));
 }
@@ -135,14 +135,14 @@ TEST(DeliveryConverter, ReasonsBelongToThePrecedingRecipient) {
 // The automatic actions are written in the record's order (notify, reply, delivered count, file,
 // print, forward), each as the rest of its line.
 TEST(DeliveryConverter, AutomaticActionColumns) {
-  Converted out = convert(adcdf_do_delivery,
+  Converted out = convert("delivery\n",
                           "auto-forward 1\nauto-notify 2\nauto-reply 3\nauto-file 4\n"
                           "auto-print 5 5\ndelivered-count 6\ntype 7\nmta-message-id M\n\n");
   EXPECT_EQ(out.records, rec(108, "7,0,0,0,\" \",\" \",0,2,3,6,4,5 5,1,\"\",\"M\""));
 }
 
 TEST(BulletinConverter, Sections) {
-  Converted out = convert(adcdf_do_bulletin,
+  Converted out = convert("bulletin\n",
                           "type 2\noriginator ann/hq\nbulletin-name Staff News\nsubject s\n"
                           "bulletin-type t\nrecipient-to x\n\n");
   EXPECT_EQ(out.records,
@@ -150,9 +150,9 @@ TEST(BulletinConverter, Sections) {
   EXPECT_EQ(out.errors, skipped(8, "recipient-to x"));
 
   // No space rule on the MTA message id; a comma, a quote and an escape in the bulletin name.
-  out = convert(adcdf_do_bulletin, "bulletin-name a,\\b \"c\"\n\n");
+  out = convert("bulletin\n", "bulletin-name a,\\b \"c\"\n\n");
   EXPECT_EQ(out.records, rec(118, "0,0,0,0,\" \",\" \",0,0,0,\"a,b \"c\"\",0,0,0,\"\",\"\""));
-  out = convert(adcdf_do_bulletin, "mta-message-id M1\n\n");
+  out = convert("bulletin\n", "mta-message-id M1\n\n");
   EXPECT_EQ(out.records, rec(118, "0,0,0,0,\" \",\" \",0,0,0,\" \",0,0,0,\"\",\"M1\""));
 }
 

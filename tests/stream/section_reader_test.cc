@@ -17,10 +17,10 @@ namespace {
 using testing::Harness;
 using testing::TempDir;
 
-constexpr LastDate kNoRotation{1000, 13, 32, 0, 0, 0};
+constexpr LocalTime kNoRotation{1000, 13, 32, 0, 0, 0};
 
-std::array<int, 6> fields(const LastDate& d) {
-  return {d.gilastyear, d.gilastmonth, d.gilastday, d.gilasthour, d.gilastmin, d.gilastsec};
+std::array<int, 6> fields(const LocalTime& d) {
+  return {d.year, d.month, d.day, d.hour, d.minute, d.second};
 }
 
 std::string next_line(Harness& h) {
@@ -118,7 +118,7 @@ std::time_t utc(int year, int month, int day, int hour = 12) {
 TEST_F(SectionReader, DayChangeComparesYearMonthDayEachOnItsOwn) {
   const struct {
     const char* name;
-    LastDate last;
+    LocalTime last;
     std::time_t event;
     bool rotates;
   } cases[] = {
@@ -145,14 +145,14 @@ TEST_F(SectionReader, DayChangeComparesYearMonthDayEachOnItsOwn) {
     EXPECT_FALSE(dir.exists("out.001"));
     const EventTime& e = h.ctx.event;
     EXPECT_EQ(fields(h.ctx.last),
-              (std::array<int, 6>{e.giYear, e.giMonth, e.giDay, e.giHour, e.giMin, e.giSec}));
+              (std::array<int, 6>{e.year, e.month, e.day, e.hour, e.minute, e.second}));
   }
 }
 
 TEST_F(SectionReader, NewGenerationRequestRotatesAtNextDatedSection) {
   const std::string dated = "h 1700000000\n";  // converted: its converter reads the rest
   Harness h("h\n\nh 99999999999999999999\n\n" + dated + dated, options);
-  h.ctx.last = LastDate{123, 11, 14, 0, 0, 0};  // same day: no rotation of its own
+  h.ctx.last = LocalTime{123, 11, 14, 0, 0, 0};  // same day: no rotation of its own
   gbNewGenerationRequested = 1;
   // Headers without a usable time leave the request pending.
   EXPECT_EQ(h.convert(adcdf_get_generic), 1);
@@ -182,7 +182,7 @@ TEST_F(SectionReader, WaitsForLinesInsideTheSection) {
 }
 
 TEST_F(SectionReader, StopInsideTheSectionAbandonsIt) {
-  const LastDate before{120, 1, 2, 3, 4, 5};
+  const LocalTime before{120, 1, 2, 3, 4, 5};
   for (const char* audit : {"", "h 17", "h 5\nk v\n", "h\nk v\n"}) {
     SCOPED_TRACE(audit);
     Harness h(audit, options);
