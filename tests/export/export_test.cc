@@ -274,7 +274,7 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     env.binary = EKADCDF_EXPORT_BINARY;
     {
       Daemon exporter(box, {option, t.where, box.path("big/cdf").string()}, env);
-      ASSERT_TRUE(eventually(midway, 60));
+      ASSERT_TRUE(eventually(midway, 60, 0.0002));
       exporter.signal(SIGKILL);
       EXPECT_EQ(exporter.wait_exit(), 128 + SIGKILL) << "the run ended before it was killed";
     }
