@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 
 #include "test_support.h"
@@ -40,25 +39,6 @@ inline std::string rec(int type, const std::string& columns) {
 
 inline std::string skipped(int lineno, const std::string& line) {
   return "Skipped line: " + std::to_string(lineno) + "\nLine = " + line + "\n\n";
-}
-
-// One section giving one record.
-struct Case {
-  const char* name;
-  std::string_view section;  // its name line
-  int type;
-  std::string body;
-  std::string columns;  // from 9 on
-  std::string errors;
-};
-
-inline void run_cases(std::initializer_list<Case> cases) {
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Converted out = convert(c.section, c.body);
-    EXPECT_EQ(out.records, rec(c.type, c.columns));
-    EXPECT_EQ(out.errors, c.errors);
-  }
 }
 
 }  // namespace adcdf::testing

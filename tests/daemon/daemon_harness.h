@@ -214,23 +214,11 @@ class Daemon {
   static inline int runs_ = 0;
 };
 
-// The debug statistics block with the counts given by label (all others 0).
-inline std::string statistics(const std::map<std::string, int>& counts) {
-  static const char* const kLabels[] = {
-      "Bulletin",        "Delivery",        "Desk-in",        "Desk-out",       "DirSync-in",
-      "DirSync-out",     "Fax-gateway",     "Ekscan",         "Request-server", "Routing",
-      "Routing-summary", "Subsystem-start", "Subsystem-stop", "Unix-in",        "Unix-out",
-      "User-signoff",    "User-signon",     "X400-in",        "X400-out",       "SMS-in",
-      "SMS-out",         "NOTES-in",        "NOTES-out"};
-  std::string text =
-      "Statistics:\n\nSection name           Number\n-----------------------------\n";
-  for (const char* label : kLabels) {
-    std::string line = label;
-    line.resize(23, ' ');
-    auto it = counts.find(label);
-    text += line + std::to_string(it == counts.end() ? 0 : it->second) + "\n";
-  }
-  return text + "\n";
+// The line of the debug statistics that gives the count of the section kind `label`.
+inline std::string counted(const std::string& label, int count) {
+  std::string line = label;
+  line.resize(23, ' ');
+  return "\n" + line + std::to_string(count) + "\n";
 }
 
 }  // namespace daemon_test

@@ -1,57 +1,11 @@
-// Restarting on an existing current generation: the checkpoint, the torn last line, and a
-// restart after the daemon was killed in the middle of its work.
+// Restarts through the real binary: right after a new day began, after a kill inside a large
+// write, and a second daemon on the same base name.
 #include "daemon_harness.h"
 
 namespace daemon_test {
 namespace {
 
 const std::string kTail = "0,0,0,\"\",0,0,0,\"\",\"\"\n";
-
-TEST(DaemonRestart, ContinuesAfterTheNewestRecordOfTheCurrentGeneration) {
-  Sandbox box;
-  const std::string kept = header_record() +
-                           "105,123,11,14,9,0,0,1699952400,1,0,0,0,\"ann\",\"\"," + kTail +
-                           "106,123,11,14,10,0,0,1699956000,2,0,0,0,\" \",\"\"," + kTail;
-  // A record cut off by a crash follows the last complete line.
-  box.write("cdf.000", kept + "105,123,11,14,10,0,5,16999");
-  box.write("cdf.001", "older\n");
-  // Sections before the checkpoint: skipped without error-file entries; subsystem sections are
-  // counted all the same, sign-on sections are not.
-  box.write("audit",
-            "subsystem-start\nh 1699952400\nsubsystem 1\nuser ann\nbogus\n\n"
-            "user-signon\nh 1699955000\nuser 1 MAIL a b\n\n");
-  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
-  ASSERT_TRUE(daemon.wait_err("waiting...\n"));
-  // The torn bytes are gone at once, although nothing has been appended.
-  EXPECT_EQ(box.read("cdf.000"), kept);
-  EXPECT_NE(daemon.err().find("File does exist: cdf.000\nCheck point time: 1699956000\n"),
-            std::string::npos);
-
-  box.append("audit",
-             // The checkpoint's own second is converted again.
-             "subsystem-stop\nh 1699956000\nsubsystem 2\n\n"
-             // Same day: appended to the current generation. A first word that begins with
-             // "user" is a user line; "subsystem" needs its blank.
-             "subsystem-start\nh 1699959600 z\nusername bob smith\nsubsystem\t9\nsubsystems 4\n"
-             "subsystem 12\nduration 3\n\n"
-             "subsystem-stop\nh 1699959601\nduration 3\nuser-id 77 x\n\n");
-  const std::string added = "106,123,11,14,10,0,0,1699956000,2,0,0,0,\" \",\"\"," + kTail +
-                            "105,123,11,14,11,0,0,1699959600,12,0,0,0,\"bob\",\"\"," + kTail +
-                            "106,123,11,14,11,0,1,1699959601,0,0,0,0,\"77\",\"\"," + kTail;
-  ASSERT_TRUE(daemon.wait_file("cdf.000", kept + added)) << box.read("cdf.000");
-  EXPECT_EQ(daemon.stop(), 0);
-  EXPECT_EQ(
-      box.files(),
-      (std::map<std::string, std::string>{
-          {"cdf.000", kept + added},
-          {"cdf.001", "older\n"},
-          {"cdf.ERR",
-           "Skipped line: 18\nLine = subsystem\t9\n\nSkipped line: 19\nLine = subsystems 4\n\n"
-           "Skipped line: 21\nLine = duration 3\n\n"}}));
-  EXPECT_NE(daemon.err().find(statistics({{"Subsystem-start", 2}, {"Subsystem-stop", 2}})),
-            std::string::npos);
-  EXPECT_EQ(daemon.out(), "");
-}
 
 // Stopped or killed while idle right after the first section of a new day: the restart converts
 // nothing again and starts no generation again, and goes on as one run would.

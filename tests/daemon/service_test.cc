@@ -45,7 +45,7 @@ TEST(DaemonService, SigintAndSighupStopAsSigtermDoes) {
     ASSERT_TRUE(daemon.wait_err("waiting...\n"));
     daemon.signal(signo);
     EXPECT_EQ(daemon.wait_exit(), 0);
-    EXPECT_NE(daemon.err().find(statistics({{"Subsystem-stop", 1}})), std::string::npos);
+    EXPECT_NE(daemon.err().find(counted("Subsystem-stop", 1)), std::string::npos);
     EXPECT_FALSE(fs::exists(box.root() / "ekadcdf.pid"));
   }
 }

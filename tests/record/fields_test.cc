@@ -1,3 +1,5 @@
+// Cutting values out of keyword lines: which part of the line each routine takes, how it is cut
+// to its limit, escapes, upper-casing and the appended blank of addresses, and the traces.
 #include "record/fields.h"
 
 #include <gtest/gtest.h>
@@ -11,212 +13,96 @@ namespace {
 
 using testing::TraceCapture;
 
-// Field rules over a captured trace.
-struct Rules {
-  explicit Rules(bool upshift = true, bool debug = false) : rules{capture.tracer(), upshift} {
-    capture.tracer().set_debug(debug);
-  }
-  TraceCapture capture;
-  FieldRules rules;
-};
+enum class Routine { kItem, kVarstring, kVarstringSz, kMta, kAddress, kAddressAsWritten };
 
-std::string rep(char c, size_t n) {
-  return std::string(n, c);
+std::string take(Routine routine, const std::string& line, int pos, size_t limit, Tracer& trace) {
+  FieldRules rules{trace, routine != Routine::kAddressAsWritten};
+  std::string dest = "old";
+  switch (routine) {
+    case Routine::kItem:
+      adcdf_get_item(rules, line, pos, dest, limit);
+      break;
+    case Routine::kVarstring:
+      adcdf_get_varstring(rules, line, pos, dest, limit);
+      break;
+    case Routine::kVarstringSz:
+      adcdf_get_varstring_sz(rules, line, pos, dest, static_cast<int>(limit));
+      break;
+    case Routine::kMta:
+      adcdf_get_varstring_mta(rules, line, pos, dest, limit);
+      break;
+    case Routine::kAddress:
+    case Routine::kAddressAsWritten:
+      adcdf_get_address(rules, line, pos, dest, limit);
+      break;
+  }
+  return dest;
 }
 
-// A line, the word position, the destination's limit and the value expected.
-struct ValueCase {
-  std::string line;
-  int pos;
-  size_t limit;
-  std::string expected;
-};
-
-TEST(GetItem, TakesOneWordCutToItsLimit) {
-  const ValueCase cases[] = {
-      {"subject Hello world\n", 2, 80, "Hello"},
-      {"subject  Hello\n", 2, 80, "Hello"},
-      {"type 1 2\n", 3, 80, "2"},
-      {"type  1   2\n", 3, 80, "2"},
-      {"type 1 2", 3, 80, "2"},
-      {"code a\tb c\n", 2, 80, "a\tb"},
-      {"code a\\\\b\n", 2, 80, "a\\\\b"},
-      {"subject\n", 2, 80, ""},
-      {"subject \n", 2, 80, ""},
-      {"type 1\n", 3, 80, ""},
-      {"subject Hello\n", 1, 80, "subject Hello\n"},
-      {"subject Hello\n", 1, 4, "subj"},
-      {"count 123456\n", 2, 4, "1234"},
-      {"count 1234\n", 2, 4, "1234"},
-  };
-  for (const ValueCase& c : cases) {
-    SCOPED_TRACE(c.line + " pos " + std::to_string(c.pos));
-    Rules r;
-    std::string dest = "old";
-    adcdf_get_item(r.rules, c.line, c.pos, dest, c.limit);
-    EXPECT_EQ(dest, c.expected);
-  }
-}
-
-// Shared by adcdf_get_varstring and adcdf_get_varstring_sz, which differ only in how the limit
-// is passed.
-const ValueCase kValueCases[] = {
-    {"subject Hello world\n", 2, 1000, "Hello world"},
-    {"subject  Hello \n", 2, 1000, " Hello "},
-    {"subject Hello", 2, 1000, "Hello"},
-    {"subject a\tb\n", 2, 1000, "a\tb"},
-    {"subject\n", 2, 1000, ""},
-    {"subject \n", 2, 1000, ""},
-    {"type 1 rest of it\n", 3, 1000, "rest of it"},
-    {"type 1  two\n", 3, 1000, " two"},
-    {"subject Hello world\n", 1, 1000, "subject Hello world\n"},
-    {"subject Hello world\n", 1, 5, "subje"},
-    {"subject a\\b\n", 2, 1000, "ab"},
-    {"subject a\\\\b\n", 2, 1000, "a\\b"},
-    {"subject a\\\\\\\\b\n", 2, 1000, "a\\\\b"},
-    {"subject ab\\\n", 2, 1000, "ab"},
-    {"subject ab\\\\\n", 2, 1000, "ab\\"},
-    {"subject \\\\\\\n", 2, 1000, "\\"},
-    // The raw value is cut first, then its escapes are removed.
-    {"subject abcd\\\\ef\n", 2, 5, "abcd"},
-    {"subject a\\bcdef\n", 2, 4, "abc"},
-    {"subject abcd\n", 2, 4, "abcd"},
-    {"subject " + rep('v', 300) + "\n", 2, 257, rep('v', 257)},
-};
-
-TEST(GetVarstring, TakesRestOfLineCutThenUnescaped) {
-  for (const ValueCase& c : kValueCases) {
-    SCOPED_TRACE(c.line + " pos " + std::to_string(c.pos));
-    Rules r;
-    std::string dest = "old";
-    adcdf_get_varstring(r.rules, c.line, c.pos, dest, c.limit);
-    EXPECT_EQ(dest, c.expected);
-    dest = "old";
-    adcdf_get_varstring_sz(r.rules, c.line, c.pos, dest, static_cast<int>(c.limit));
-    EXPECT_EQ(dest, c.expected);
-  }
-}
-
-TEST(GetVarstringMta, KeepsEveryBackslash) {
-  const ValueCase cases[] = {
-      {"mta  x y \n", 2, 1000, " x y "},   {"mta a\\b\n", 2, 1000, "a\\b"},
-      {"mta a\\\\b\n", 2, 1000, "a\\\\b"}, {"mta ab\\\n", 2, 1000, "ab\\"},
-      {"mta abcdef\n", 2, 3, "abc"},       {"mta a b\n", 1, 1000, "mta a b\n"},
-  };
-  for (const ValueCase& c : cases) {
-    SCOPED_TRACE(c.line);
-    Rules r;
-    std::string dest = "old";
-    adcdf_get_varstring_mta(r.rules, c.line, c.pos, dest, c.limit);
-    EXPECT_EQ(dest, c.expected);
-  }
-}
-
-TEST(GetAddress, UnescapesTwiceUpshiftsAndAppendsBlank) {
-  struct Case {
+TEST(Fields, EachRoutineTakesItsPartOfTheLine) {
+  using enum Routine;
+  const std::string a1000(1000, 'a');
+  const struct {
+    Routine routine;
     std::string line;
-    bool upshift;
+    int pos;
     size_t limit;
     std::string expected;
+  } cases[] = {
+      // A word: blanks only separate words; cut to the limit; word 1 is the whole line.
+      {kItem, "type  1   2\n", 3, 80, "2"},
+      {kItem, "code a\tb c\n", 2, 80, "a\tb"},
+      {kItem, "type 1\n", 3, 80, ""},
+      {kItem, "count 123456\n", 2, 4, "1234"},
+      {kItem, "subject Hello\n", 1, 80, "subject Hello\n"},
+      // The rest of the line, inner and extra blanks kept; cut first, then escapes removed.
+      {kVarstring, "subject  Hello \n", 2, 1000, " Hello "},
+      {kVarstring, "type 1  two\n", 3, 1000, " two"},
+      {kVarstring, "subject \n", 2, 1000, ""},
+      {kVarstring, "subject a\\\\\\\\b\n", 2, 1000, "a\\\\b"},
+      {kVarstring, "subject ab\\\n", 2, 1000, "ab"},
+      {kVarstringSz, "subject abcd\\\\ef\n", 2, 5, "abcd"},
+      {kVarstringSz, "subject a\\bcdef\n", 2, 4, "abc"},
+      // The message-transfer id keeps every backslash.
+      {kMta, "mta a\\\\b\n", 2, 1000, "a\\\\b"},
+      {kMta, "mta ab\\\n", 2, 1000, "ab\\"},
+      // An address: escapes removed twice, upper-cased (unless written as it is), a blank added
+      // within the limit; only the first 849 raw characters count.
+      {kAddress, "originator  lead trail  \n", 2, 850, " LEAD TRAIL   "},
+      {kAddress, "originator \xe9t\xc9\xff\n", 2, 850, "\xe9T\xc9\xff "},
+      {kAddress, "originator a\\\\\\\\b\n", 2, 850, "A\\B "},
+      {kAddress, "originator\n", 2, 850, " "},
+      {kAddress, "originator abcdef\n", 2, 4, "ABC "},
+      {kAddress, "originator " + a1000 + "\n", 2, 849, std::string(848, 'A') + " "},
+      {kAddressAsWritten, "originator john.smith/sales\n", 2, 850, "john.smith/sales "},
   };
-  const Case cases[] = {
-      {"originator john.smith/sales\n", true, 850, "JOHN.SMITH/SALES "},
-      {"originator john.smith/sales\n", false, 850, "john.smith/sales "},
-      {"originator\n", true, 850, " "},
-      {"originator  lead trail  \n", true, 850, " LEAD TRAIL   "},
-      {"originator a\tz\n", true, 850, "A\tZ "},
-      {"originator \xe9t\xc9\xff\n", true, 850, "\xe9T\xc9\xff "},
-      {"originator a\\b\n", true, 850, "AB "},
-      {"originator a\\\\b\n", true, 850, "AB "},
-      {"originator a\\\\\\\\b\n", true, 850, "A\\B "},
-      {"originator ab\\\\\n", true, 850, "AB "},
-      {"originator abcdef\n", true, 4, "ABC "},
-      {"originator " + rep('a', 1000) + "\n", true, 849, rep('A', 848) + " "},
-      // Escapes are removed from the first 849 raw characters only.
-      {"originator " + rep('a', 847) + "\\bcc\n", true, 850, rep('A', 847) + "B "},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.line.substr(0, 60));
-    Rules r(c.upshift);
-    std::string dest = "old";
-    adcdf_get_address(r.rules, c.line, 2, dest, c.limit);
-    EXPECT_EQ(dest, c.expected);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line.substr(0, 40));
+    TraceCapture trace;
+    EXPECT_EQ(take(c.routine, c.line, c.pos, c.limit, trace.tracer()), c.expected);
   }
 }
 
-TEST(CleanAddress, UpshiftChangesOnlyLowercaseAscii) {
-  std::string source;
-  for (int b = 1; b < 256; ++b) {
-    if (b != '\\') source.push_back(static_cast<char>(b));
-  }
-  std::string upper = source;
-  for (char& c : upper) {
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  }
-  Rules on(true), off(false);
-  std::string dest;
-  adcdf_clean_address(on.rules, source, dest, 850);
-  EXPECT_EQ(dest, upper + " ");
-  adcdf_clean_address(off.rules, source, dest, 850);
-  EXPECT_EQ(dest, source + " ");
-}
-
-TEST(CleanAddress, CutsToKeepTheAppendedBlank) {
-  Rules r;
-  std::string dest = "old";
-  // A trailing backslash escapes the appended blank, which survives.
-  adcdf_clean_address(r.rules, "a\\", dest, 850);
-  EXPECT_EQ(dest, "A ");
-  adcdf_clean_address(r.rules, rep('x', 850), dest, 850);
-  EXPECT_EQ(dest, rep('X', 849) + " ");
-}
-
-TEST(SpecialProcessing, BackslashYieldsNextCharacterUnexamined) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"", ""},
-      {"plain, \"quoted\"", "plain, \"quoted\""},
-      {"\\", ""},
-      {"a\\", "a"},
-      {"\\\\", "\\"},
-      {"\\\\\\", "\\"},
-      {"\\\\\\\\", "\\\\"},
-      {"x\\\\\\y", "x\\y"},
-      {"\\a\\b\\ c", "ab c"},
-      {"a\\\nb", "a\nb"},
-  };
-  for (const auto& [in, out] : cases) {
-    SCOPED_TRACE(in);
-    Rules r;
-    std::string text = in;
-    EXPECT_EQ(adcdf_special_processing(r.rules.trace, text), 0);
-    EXPECT_EQ(text, out);
-  }
-}
-
-constexpr const char* kSpecial = "-> adcdf_special_processing\n<- adcdf_special_processing\n";
-
-TEST(FieldTraces, EachRoutineTracesItsCallsInOrder) {
-  auto traced = [](bool debug, auto call) {
-    Rules r(true, debug);
-    std::string dest;
-    call(r.rules, dest);
-    return r.capture.text();
-  };
+// Each routine traces itself and the routines it calls, in order, and only in debug mode; an
+// empty value still goes through the escape removal.
+TEST(Fields, TracesInOrder) {
   const std::string special = "-> adcdf_special_processing\n<- adcdf_special_processing\n";
   const std::string varstring = "-> adcdf_get_varstring\n" + special + "<- adcdf_get_varstring\n";
   const std::string clean = "-> adcdf_clean_address\n" + special + "<- adcdf_clean_address\n";
-  EXPECT_EQ(traced(true, [](auto& f, auto& d) { adcdf_get_item(f, "type 1\n", 2, d, 4); }),
-            "-> adcdf_get_item\n<- adcdf_get_item\n");
-  // An empty value still runs the escape removal.
-  EXPECT_EQ(traced(true, [](auto& f, auto& d) { adcdf_get_varstring(f, "subject\n", 2, d, 80); }),
-            varstring);
-  EXPECT_EQ(traced(true, [](auto& f, auto& d) { adcdf_get_varstring_sz(f, "s x\n", 2, d, 80); }),
-            varstring);
-  EXPECT_EQ(traced(true, [](auto& f, auto& d) { adcdf_get_varstring_mta(f, "m x\n", 2, d, 80); }),
-            "-> adcdf_get_varstring_mta\n<- adcdf_get_varstring_mta\n");
-  EXPECT_EQ(traced(true, [](auto& f, auto& d) { adcdf_get_address(f, "o\n", 2, d, 850); }),
-            "-> adcdf_get_address\n" + varstring + clean + "<- adcdf_get_address\n");
-  EXPECT_EQ(traced(false, [](auto& f, auto& d) { adcdf_get_address(f, "o a\n", 2, d, 850); }), "");
+  const std::pair<Routine, std::string> cases[] = {
+      {Routine::kItem, "-> adcdf_get_item\n<- adcdf_get_item\n"},
+      {Routine::kVarstringSz, varstring},
+      {Routine::kMta, "-> adcdf_get_varstring_mta\n<- adcdf_get_varstring_mta\n"},
+      {Routine::kAddress, "-> adcdf_get_address\n" + varstring + clean + "<- adcdf_get_address\n"},
+  };
+  for (const auto& [routine, expected] : cases) {
+    for (bool debug : {true, false}) {
+      TraceCapture trace;
+      trace.tracer().set_debug(debug);
+      take(routine, "keyword\n", 2, 80, trace.tracer());
+      EXPECT_EQ(trace.text(), debug ? expected : "");
+    }
+  }
 }
 
 }  // namespace

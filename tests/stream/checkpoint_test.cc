@@ -53,29 +53,6 @@ struct ReverseCase {
   std::vector<std::string> lines;  // newest first
 };
 
-TEST(ReverseLineReader, ReadsCompleteLinesFromTheEnd) {
-  const std::string huge(200000, 'h');  // longer than one backwards read
-  const ReverseCase cases[] = {
-      {"empty file", "", 0, {}},
-      {"no newline at all", "abc", 0, {}},
-      {"torn tail ignored", "a\nbb\nccc", 5, {"bb", "a"}},
-      {"empty lines", "\n\nx\n", 4, {"x", "", ""}},
-      {"very long last line", "first\n" + huge + "\n", 200007, {huge, "first"}},
-      {"long torn tail", "first\n" + huge, 6, {"first"}},
-  };
-  TempDir dir;
-  for (const ReverseCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    dir.write("f", c.text);
-    File file = File::read_only(dir.file("f"));
-    ReverseLineReader reader(file);
-    EXPECT_EQ(reader.complete_end(), c.complete_end);
-    std::vector<std::string> got;
-    while (auto line = reader.previous()) got.push_back(*line);
-    EXPECT_EQ(got, c.lines);
-  }
-}
-
 TEST(NewestRecord, SkipsHeadersUnparsableLinesAndTornTail) {
   const std::string header = "999,126,3,5,0,0,0,0,\"host\",0\n";
   const std::string older = "105,126,3,5,9,0,0,1772701200,1\n";

@@ -20,51 +20,27 @@ TEST(Tokenizer, SkipsRunsOfDelimitersAndKeepsOtherCharacters) {
   using Words = std::vector<std::string>;
   EXPECT_EQ(split("  a  b\tc \n", " "), (Words{"a", "b\tc", "\n"}));
   EXPECT_EQ(split("a b\nc\n", " \n"), (Words{"a", "b", "c"}));
-  EXPECT_EQ(split("abc", " "), (Words{"abc"}));
-  EXPECT_EQ(split("", " "), Words{});
   EXPECT_EQ(split("   ", " "), Words{});
-}
-
-TEST(Tokenizer, ConsumesOneDelimiterAndAllowsNewDelimitersPerCall) {
-  Tokenizer tokens("key  v w\nnext");
-  EXPECT_EQ(tokens.next(" "), "key");
-  EXPECT_EQ(tokens.rest(), " v w\nnext");
-  EXPECT_EQ(tokens.next("\n"), " v w");
-  EXPECT_EQ(tokens.rest(), "next");
-  EXPECT_EQ(tokens.next("\n"), "next");
-  EXPECT_EQ(tokens.rest(), "");
-  EXPECT_EQ(tokens.next("\n"), std::nullopt);
-
   Tokenizer trailing("word \n");
   EXPECT_EQ(trailing.next(" "), "word");
+  EXPECT_EQ(trailing.rest(), "\n");
   EXPECT_EQ(trailing.next(" \n"), std::nullopt);
-  EXPECT_EQ(trailing.rest(), "");
 }
 
 TEST(ParseLong, BehavesLikeAtolWithClamping) {
   const std::pair<std::string, long> cases[] = {
-      {"42", 42},
-      {"  \t\n42", 42},
-      {"+5", 5},
+      {"  \t\n+42", 42},
       {"-17", -17},
-      {"-0", 0},
       {"007", 7},
       {"12abc", 12},
-      {"1364913005\n", 1364913005},
       {"3 4", 3},
       {"", 0},
-      {"   ", 0},
-      {"abc", 0},
       {"- 5", 0},
       {"--1", 0},
       {"0x10", 0},
-      {"9223372036854775807", LONG_MAX},
       {"9223372036854775808", LONG_MAX},
-      {"99999999999999999999999", LONG_MAX},
       {"-9223372036854775807", -LONG_MAX},
-      {"-9223372036854775808", LONG_MIN},
       {"-9223372036854775809", LONG_MIN},
-      {"-99999999999999999999999", LONG_MIN},
   };
   for (const auto& [text, value] : cases) {
     SCOPED_TRACE(text);

@@ -1,0 +1,266 @@
+// The converters, one section at a time: the records each writes (columns from 9 on) and the
+// lines it reports as skipped, for the keyword rules that tell them apart; where each counts;
+// and how a section at the end of the file is waited for or abandoned.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "convert/convert_test_support.h"
+
+namespace adcdf {
+namespace {
+
+using namespace testing;
+
+struct Section {
+  const char* rule;
+  std::string_view name_line;
+  std::string body;     // the keyword lines and the blank line
+  std::string records;  // rec() lines
+  std::string errors;
+};
+
+TEST(Converters, RecordsOfOneSection) {
+  const std::string r0 = "0,0,0,0,\" \",\" \",0,0,x,\"\",0,0,x,\"\",\" \",\" \",0,";
+  const std::string long_origin = "originator " + std::string(900, 'a') + "\n\n";
+  const std::string dirsync =
+      "operation add all\ncommand C\nflags F\nreload-posn 5\n"
+      "export-directory E\nimport-directory I\nmax-reply-size 9\n"
+      "sending-ref 3\nrequest-id R\nsubject s\nsyn-timestamp t\n";
+  const std::string x400 =
+      "priority 1\nsensitivity 2\nimportance 3\noriginator-admin-cap first\noriginator second\n"
+      "ua-message-id U\\1\nmta-message-id A\\B\nmta_message-id C\\D\nall-recips-non-deliv no\n"
+      "ua-ack-id 1\nsubject s\nnon-delivery-reason 2\nrecipient-to a\nrecipient-cc b\n\n";
+  const std::string x400_columns = "0,1,2,3,\"FIRST \",\"U1\",\"yes\",0,0,\"\",0,0,0,\"\",\"C\\D\"";
+  const Section sections[] = {
+      {"routing: values, recipient and its two lines, ignored keywords", "routing\n",
+       "type 1\npriority 2\noriginator john/sales\nua-message-id ABC123\nrecipient-to mary/sales\n"
+       "ack-req 1\nqueue LOCAL\nsubject Hi\npart-type 3\nall-recips-non-deliv\n\n",
+       rec(101, "1,2,0,0,\"JOHN/SALES \",\"ABC123\",0,0,x,\"\",0,0,x,\"\",\" \",\"Hi\",0,1") +
+           rec(503, "\"JOHN/SALES \",\"ABC123\",0,0,0,1,\"LOCAL\",\"MARY/SALES \",1,0"),
+       ""},
+      {"routing: the two lines after a recipient belong to it, whatever they hold", "routing\n",
+       "recipient-cc bob\nsubject X\ntype 9\npriority 3\n\n",
+       rec(101, "0,3,0,0,\" \",\" \",0,0,x,\"\",0,0,x,\"\",\" \",\" \",0,1") +
+           rec(503, "\" \",\" \",0,0,1,X,\"9\",\"BOB \",0,0"),
+       ""},
+      {"routing: a reason is cut to 4 and fills every record", "routing\n",
+       "recipient-to a\nack-req 0\nqueue q\nnon-delivery-reason 12345 more\n\n",
+       rec(101, "0,0,0,0,\" \",\" \",1234,0,x,\"\",0,0,x,\"\",\" \",\" \",0,1") +
+           rec(503, "\" \",\" \",1234,0,0,0,\"q\",\"A \",0,0"),
+       ""},
+      {"routing: prefix matches, limits, lines no keyword starts", "routing\n",
+       "typeface x\nhop-count 123456\nmessage-size 12345678901\n \nqueue LOCAL\nsubject " +
+           std::string(300, 's') + "\n\n",
+       rec(101, "x,0,0,0,\" \",\" \",0,123456789,x,\"\",0,1234,x,\"\",\" \",\"" +
+                    std::string(257, 's') + "\",0,0"),
+       skipped(6, " ") + skipped(7, "queue LOCAL")},
+      {"routing: commas and quotes unchanged", "routing\n",
+       "ua-message-id a,\"b\"\nsubject Hi, \"there\"\nmta-message-id m,1\n\n",
+       rec(101, "0,0,0,0,\" \",\"a,\"b\"\",0,0,x,\"\",0,0,x,\"\",\"m,1\",\"Hi, \"there\"\",0,0"),
+       ""},
+      {"delivery: a reason belongs to the recipient before it, the last to the section",
+       "delivery\n",
+       "non-delivery-reason 7\noriginator bob\nrecipient-to a\nrecipient-cc b\n"
+       "non-delivery-reason 42x\nrecipient-to c\nnon-delivery-reason abc\nnew-ua-message-id n\n\n",
+       rec(108, "0,0,0,0,\"BOB \",\" \",abc,0,0,0,0,0,0,\"\",\" \"") +
+           rec(504, "\"BOB \",\" \",0,\"A \"") + rec(504, "\"BOB \",\" \",42,\"B \"") +
+           rec(504, "\"BOB \",\" \",0,\"C \""),
+       ""},
+      {"delivery: automatic actions in the record's order", "delivery\n",
+       "auto-forward 1\nauto-notify 2\nauto-reply 3\nauto-file 4\nauto-print 5 5\n"
+       "delivered-count 6\ntype 7\nmta-message-id M\n\n",
+       rec(108, "7,0,0,0,\" \",\" \",0,2,3,6,4,5 5,1,\"\",\"M\""), ""},
+      {"bulletin: escapes removed, recipients not taken", "bulletin\n",
+       "type 2\noriginator ann/hq\nbulletin-name a,\\b \"c\"\nrecipient-to x\n\n",
+       rec(118, "2,0,0,0,\"ANN/HQ \",\" \",0,0,0,\"a,b \"c\"\",0,0,0,\"\",\"\""),
+       skipped(6, "recipient-to x")},
+      {"subsystem-start: later lines win, values cut, duration not taken", "subsystem-start\n",
+       "subsystem 1\nuser-id first\nsubsystem 123456\nuser abcdefghijklmnopqrstuvwxyz\n"
+       "duration 5\n\n",
+       rec(105, "1234,0,0,0,\"abcdefghijklmnopqrs\",\"\",0,0,0,\"\",0,0,0,\"\",\"\""),
+       skipped(7, "duration 5")},
+      {"subsystem-stop: 'subsystem' needs its blank; blank-only lines do not end it",
+       "subsystem-stop\n", "subsystem\t12\nsubsystems 13\n \nsubsystem 7\nduration 5\n\n",
+       rec(106, "7,0,0,0,\" \",\"\",0,0,0,\"\",0,0,0,\"\",\"\""),
+       skipped(3, "subsystem\t12") + skipped(4, "subsystems 13") + skipped(5, " ")},
+      {"x400-in: the first originator wins, backslashes of the mta id kept", "x400-in\n", x400,
+       rec(114, x400_columns), ""},
+      {"x400-out: the same with its recipient count", "x400-out\n", x400,
+       rec(115, x400_columns + ",\"\",0,2"), ""},
+      {"x400-out: the first originator rule starts afresh", "x400-out\n", "originator third\n\n",
+       rec(115, "0,0,0,0,\"THIRD \",\" \",\" \",0,0,\"\",0,0,0,\"\",\" \",\"\",0,0"), ""},
+      {"unix-in: a long originator keeps what the address buffer passes", "unix-in\n", long_origin,
+       rec(110, "0,0,0,0,\"" + std::string(849, 'A') + " \",\" \",0,0,0,\"\",0,0,0,\"\",\"\""), ""},
+      {"x400-in: the same originator loses one more character", "x400-in\n", long_origin,
+       rec(114, "0,0,0,0,\"" + std::string(848, 'A') + " \",\" \",\" \",0,0,\"\",0,0,0,\"\",\" \""),
+       ""},
+      {"unix-out: every column", "unix-out\n",
+       "type 1 2\noriginator o\nua-message-id U\nnon-delivery-reason 2 3\nmta-message-id M\n"
+       "unix-message-id X Y\nrecipient-to a\nrecipient-cc b\nrecipient-bcc c\n\n",
+       rec(111, "1,0,0,0,\"O \",\"U\",2 3,0,0,\"\",0,0,0,\"\",\"M\",\"X Y\",\"\",0,3"), ""},
+      {"desk-in: every column", "desk-in\n",
+       "originator a\noriginator b\ntype 5 6\nua-message-id U V\nnon-delivery-reason 7\n"
+       "desk-message-id D1 D2\nrecipient-to r\nsubject s\n\n",
+       rec(112, "5,0,0,0,\"B \",\"U V\",7,0,0,\"D1\",0,0,0,\"\",\"\""), ""},
+      {"desk-out: recipients counted", "desk-out\n", "recipient-to a\nrecipient-cc b\n\n",
+       rec(113, "0,0,0,0,\" \",\" \",0,0,0,\"\",0,0,0,\"\",\"\",2"), ""},
+      {"fax: one record per recipient with the section's final values", "fax\n",
+       "priority 1\nsensitivity 2\nimportance 3\noriginator one\nrecipient-to ann\n"
+       "originator two\nua-message-id UA\nrecipient-cc bob\nrecipient-memo\nduration 12\n"
+       "non-delivery-reason 5\nretries 2\nsent-pages 9\nsent-time 10:00 am\nmta-message-id M\n\n",
+       rec(107, "0,1,2,3,\"TWO \",\"UA\",5,12,0,\"ANN \",2,9,\"10:00 am\",\"\",\"M\"") +
+           rec(107, "0,1,2,3,\"TWO \",\"UA\",5,12,1,\"BOB \",2,9,\"10:00 am\",\"\",\"M\"") +
+           rec(107, "0,1,2,3,\"TWO \",\"UA\",5,12,4,\" \",2,9,\"10:00 am\",\"\",\"M\""),
+       ""},
+      {"fax: no recipient, no record", "fax\n", "originator o\nbogus\n\n", "", skipped(4, "bogus")},
+      {"sms-out: the reason comes before the size", "sms-out\n",
+       "message-size 1234 5\nnon-delivery-reason 5\noriginator x\n\n",
+       rec(120, "\"\",0,0,0,\"\",\"\",5,1234,0,\"\",0,0,0,\"\",\"\""), skipped(5, "originator x")},
+      {"ekscan: a user is written when the next begins, values carried over", "ekscan\n",
+       "user alice smith\nuser-messages 3\nuser-size 100\ntray 1 x 2 50\ntray 2 x 1 20\n"
+       "user bob\nuser-messages 7\ntray 1 x 4 80\nbb-area-messages 1\nuser carol\n"
+       "tray 3x y 9 99\ntray 4\n\n",
+       rec(102, "\"ALICE SMITH \",3,100,2,50,1,20,0,0,0,0,0,0,\"\",\"\"") +
+           rec(102, "\"BOB \",7,100,4,80,1,20,0,0,0,0,0,0,\"\",\"\"") +
+           rec(102, "\"CAROL \",7,100,4,80,1,20,9,99,,,0,0,\"\",\"\""),
+       ""},
+      {"ekscan: no user gives one blank user; a tray number outside 1-5 is skipped", "ekscan\n",
+       "tray 6 x 1 1\ntray 00003 x 1 1\nuserfoo bar\nuser-size\n\n",
+       rec(102, "\" \",0,,0,0,0,0,0,0,0,0,0,0,\"\",\"\""),
+       skipped(3, "tray 6 x 1 1") + skipped(4, "tray 00003 x 1 1") + skipped(5, "userfoo bar")},
+      {"user-signon: the user line's four values, a run of blanks kept", "user-signon\n",
+       "user 123  Mail a b\nsignon-status 1 x\nclient-type 2 y\ndesignate-user 45 joe bloggs\n"
+       "duration 5\n\n",
+       rec(103, "0,0,0,0,\" MAIL \",\"a\",123,1,2,\"b\",0,0,45,\"JOE BLOGGS \",\"\""),
+       skipped(7, "duration 5")},
+      {"user-signon: two values only", "user-signon\n", "user 5 Mail\n\n",
+       rec(103, "0,0,0,0,\"MAIL \",\" \",5,0,0,\" \",0,0,0,\" \",\"\""), ""},
+      {"user-signoff: values without text stay empty", "user-signoff\n",
+       "user 42 Main Mail\nsignoff-status\nduration 3 4\nuser-agent-id a\n\n",
+       rec(104, "0,0,0,0,\"MAIN MAIL \",\"\",42,,3 4,\"\",0,0,0,\"\",\"\""),
+       skipped(6, "user-agent-id a")},
+      {"request: a tab is not the keyword's blank", "request\n",
+       "originator-admin-cap 7\noriginator\tx\noriginator john\nrequest-name Add user\n"
+       "ua-message-id U\nmta-message-id M\n\n",
+       rec(109, "0,0,0,0,\"JOHN \",\"U\",0,0,0,\"Add user\",7,0,0,\"\",\"M\""),
+       skipped(4, "originator\tx")},
+      {"dirsync-in: its party is the originator", "dirsync-in\n",
+       "originator-x ann\nrecipient bob\n" + dirsync + "\n",
+       rec(116, "add all,C,F,5,\"ANN \",\"E\",0,9,0,\"I\",3,R,0,\"\",\"\""),
+       skipped(4, "recipient bob")},
+      {"dirsync-out: its party is the recipient", "dirsync-out\n",
+       "originator-x ann\nrecipient bob\n" + dirsync + "\n",
+       rec(117, "add all,C,F,5,\"BOB \",\"E\",0,9,0,\"I\",3,R,0,\"\",\"\""),
+       skipped(3, "originator-x ann")},
+  };
+  for (const Section& s : sections) {
+    SCOPED_TRACE(s.rule);
+    Converted out = convert(s.name_line, s.body);
+    EXPECT_EQ(out.records, s.records);
+    EXPECT_EQ(out.errors, s.errors);
+  }
+}
+
+// Keywords that one twin accepts and the other reports as skipped.
+TEST(Converters, TwinKeywordDifferences) {
+  const std::tuple<const char*, std::string_view, std::string_view> rows[] = {
+      {"type 1", "x400-in\n", "x400-out\n"},
+      {"mta-ack-id 1", "x400-out\n", "x400-in\n"},
+      {"hop-count 1", "unix-out\n", "unix-in\n"},
+      {"ack-id 1", "unix-out\n", "unix-in\n"},
+      {"desk-ack-id 1", "desk-in\n", "desk-out\n"},
+      {"mta-ack-id 1", "desk-out\n", "desk-in\n"},
+      {"duration 5", "subsystem-stop\n", "subsystem-start\n"}};
+  for (const auto& [line, accepts, skips] : rows) {
+    SCOPED_TRACE(line);
+    EXPECT_EQ(convert(accepts, std::string(line) + "\n\n").errors, "");
+    Converted refused = convert(skips, std::string(line) + "\n\n");
+    EXPECT_EQ(refused.errors, skipped(3, line));
+    EXPECT_EQ(std::count(refused.records.begin(), refused.records.end(), '\n'), 1);
+  }
+}
+
+// Recipients are written in reading order, each with its own category, acknowledgement request,
+// queue and flags, and with the section's final values. The sizes run largest first, so a
+// section that reuses a bigger one's recipient slots shows any leftovers; a delivery reason
+// does not carry over into a reused slot.
+TEST(Converters, RecipientsInReadingOrderInReusedSlots) {
+  const char* kinds[] = {"to", "cc", "bcc", "from", "reply"};
+  const std::pair<const char*, const char*> queues[] = {{"LOCAL", "1,0"},
+                                                        {"ekx400-gw", "0,1"},
+                                                        {"SMINTFC", "0,1"},
+                                                        {"local", "0,0"},
+                                                        {"Ekx400", "0,0"}};
+  for (int n : {300, 25, 1, 0}) {
+    SCOPED_TRACE(n);
+    std::string body, details;
+    const std::string size = n >= 7 ? "77" : "0";
+    for (int i = 0; i < n; ++i) {
+      const auto& [queue, flags] = queues[i % 5];
+      body += std::string("recipient-") + kinds[i % 5] + " r" + std::to_string(i) + "\nack-req " +
+              std::to_string(i % 10) + "\nqueue " + queue + "\n";
+      if (i % 7 == 6) body += "message-size 77\nua-ack-id 4\n";
+      details += rec(503, "\" \",\" \",0," + size + "," + std::to_string(i % 5) + "," +
+                              std::to_string(i % 10) + ",\"" + queue + "\",\"R" +
+                              std::to_string(i) + " \"," + flags);
+    }
+    Converted out = convert("routing\n", body + "\n");
+    EXPECT_EQ(out.records, rec(101, "0,0,0,0,\" \",\" \",0," + size +
+                                        ",x,\"\",0,0,x,\"\",\" \",\" \",0," + std::to_string(n)) +
+                               details);
+  }
+  convert("delivery\n", "recipient-to a\nnon-delivery-reason 9\n\n");
+  EXPECT_EQ(
+      convert("delivery\n", "recipient-to a\n\n").records,
+      rec(108, "0,0,0,0,\" \",\" \",0,0,0,0,0,0,0,\"\",\" \"") + rec(504, "\" \",\" \",0,\"A \""));
+}
+
+// Where each converter counts its section: before the header is read (a section that lies
+// before the checkpoint is counted) or only once the section has been accepted. Either way a
+// skipped section writes nothing and is read to its blank line.
+TEST(Converters, SectionsBeforeTheCheckpointCountOnlyWhereCountedBeforeTheHeader) {
+  const std::pair<const char*, bool> kinds[] = {
+      {"Ekscan", true},       {"Subsystem-start", true}, {"Subsystem-stop", true},
+      {"User-signon", false}, {"User-signoff", false},   {"Routing", true},
+      {"Fax-gateway", true},  {"Delivery", true},        {"Request-server", true},
+      {"Unix-in", true},      {"Unix-out", true},        {"Desk-in", false},
+      {"Desk-out", false},    {"X400-in", false},        {"X400-out", true},
+      {"SMS-in", false},      {"SMS-out", false},        {"Bulletin", true},
+      {"DirSync-in", false},  {"DirSync-out", false}};
+  for (const auto& [label, counts_skipped] : kinds) {
+    SCOPED_TRACE(label);
+    std::string_view name_line;
+    for (const SectionKind& kind : section_kinds()) {
+      if (kind.label == label) name_line = kind.name_line;
+    }
+    Harness h("hdr 99\nrecipient-to a\nbogus\n\nhdr 100\n\nnext\n");
+    h.ctx.last = kNoRotation;
+    h.ctx.glGMTcheckpoint = 100;
+    EXPECT_EQ(h.convert(name_line), 0);
+    EXPECT_EQ(h.counted(label), counts_skipped ? 1 : 0);
+    EXPECT_TRUE(h.ctx.output.empty());
+    h.convert(name_line);
+    EXPECT_EQ(h.counted(label), counts_skipped ? 2 : 1);
+    EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");
+  }
+}
+
+// A section still being written waits for its lines; one cut off by a stop is not counted.
+TEST(Converters, SectionAtTheEndOfTheFileWaitsOrIsAbandoned) {
+  ::setenv("TZ", "UTC", 1);
+  ::tzset();
+  Harness waits("hdr 1364913005\nsubsystem 3\n", {}, {"user sys", "adm\n", "\n"});
+  waits.ctx.last = kNoRotation;
+  EXPECT_EQ(waits.convert("subsystem-start\n"), 0);
+  EXPECT_EQ(waits.ctx.output.records.view(),
+            rec(105, "3,0,0,0,\"sysadm\",\"\",0,0,0,\"\",0,0,0,\"\",\"\""));
+
+  Harness cut("hdr 1364913005\nsubsystem 3\n");
+  cut.ctx.last = kNoRotation;
+  EXPECT_THROW(cut.convert("subsystem-stop\n"), SectionAbandoned);
+  EXPECT_EQ(cut.counted("Subsystem-stop"), 0);
+}
+
+}  // namespace
+}  // namespace adcdf
