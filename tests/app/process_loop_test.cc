@@ -152,9 +152,20 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
   // The records after the header record.
   const std::string once = record(kT1) + record(kT2) + record(kT2 + 60);
   const std::string again = record(kT1) + record(kT2) + record(kT2) + record(kT2 + 60);
-  auto corrupt_slot = [](const TempDir& d, size_t slot) {
+  // Tears one of the two slots of the position file: the one with the newer position, or both.
+  auto tear = [](const TempDir& d, bool both) {
     std::string pos = d.read("b.POS");
-    pos[PositionFile::kPidLine + slot * PositionFile::kSlot + 40] ^= 1;
+    auto sequence = [&](size_t slot) {
+      auto at = pos.find("sequence ", PositionFile::kPidLine + slot * PositionFile::kSlot);
+      return at < PositionFile::kPidLine + (slot + 1) * PositionFile::kSlot
+                 ? std::stol(pos.substr(at + 9))
+                 : 0;
+    };
+    for (size_t slot : {0, 1}) {
+      if (both || sequence(slot) > sequence(1 - slot)) {
+        pos[PositionFile::kPidLine + slot * PositionFile::kSlot + 40] ^= 1;
+      }
+    }
     d.write("b.POS", pos);
   };
   const struct {
@@ -171,17 +182,13 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
          d.write("b.ERR", d.read("b.ERR") + "stray\n");
        },
        "", false, false, once, junk + bogus},
-      {"newest slot torn: the older one", [&](const TempDir& d) { corrupt_slot(d, 1); }, "", false,
+      {"newest slot torn: the older one", [&](const TempDir& d) { tear(d, false); }, "", false,
        false, once, junk + bogus},
       {"without an error file, then with one", [](const TempDir&) {}, "", true, false, again,
        junk + bogus},
       {"with an error file, then without", [](const TempDir&) {}, "", false, true, once, junk},
-      {"both slots torn",
-       [&](const TempDir& d) {
-         corrupt_slot(d, 0);
-         corrupt_slot(d, 1);
-       },
-       "", false, false, again, junk + bogus},
+      {"both slots torn", [&](const TempDir& d) { tear(d, true); }, "", false, false, again,
+       junk + bogus},
       {"current generation shorter",
        [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", false, false,
        record(kT1) + record(kT1) + record(kT2) + record(kT2 + 60), junk + bogus},

@@ -216,6 +216,13 @@ TEST(DaemonFollow, AuditFileRotatedByRenameOrTruncation) {
     EXPECT_EQ(daemon->stop(), 0);
     EXPECT_EQ(box.read("cdf.ERR"), c.errors);
     EXPECT_NE(daemon->err().find(c.trace), std::string::npos) << daemon->err();
+    // A restart goes on in the new file where the run stopped.
+    box.append("audit", section("eve", kT + 5));
+    daemon.emplace(box, kDebugArgs);
+    ASSERT_TRUE(daemon->wait_err("waiting...\n"));
+    EXPECT_EQ(daemon->stop(), 0);
+    EXPECT_EQ(box.read("cdf.000"), header_record() + c.output + record("eve", kT + 5));
+    EXPECT_EQ(box.read("cdf.ERR"), c.errors);
   }
 }
 
