@@ -15,7 +15,7 @@ void commit_output(Context& ctx) {
     ctx.generations.current().append(pending.complete_records());
   }
   pending.forget_complete();
-  ctx.pending_since.reset();
+  pending.since.reset();
   ctx.committed = ctx.handled;
   if (anything) keep_position(ctx, PositionDue::kAfterCommit);
 }
@@ -27,8 +27,8 @@ void commit_when_due(Context& ctx) {
     return;
   }
   const auto now = coarse_now();
-  if (!ctx.pending_since) ctx.pending_since = now;
-  if (pending >= kCommitBytes || now - *ctx.pending_since >= kCommitDelay) commit_output(ctx);
+  if (!ctx.output.since) ctx.output.since = now;
+  if (pending >= kCommitBytes || now - *ctx.output.since >= kCommitDelay) commit_output(ctx);
 }
 
 void rotate_for_section(Context& ctx) {

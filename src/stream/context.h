@@ -2,14 +2,11 @@
 //
 // One Context lives for a whole run. It holds the command-line settings, the current line and
 // its number, the event time of the section in hand and of the last one, the checkpoint, the
-// section counters, the output of the section being converted, how far the audit file has been
-// handled, and the error and position files. Its members keep the names
-// the debug traces and the record descriptions use.
+// section counters, the output not yet committed, how far the audit file has been handled and
+// committed, and the error and position files.
 #pragma once
 
 #include <array>
-#include <chrono>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -74,7 +71,6 @@ struct Context {
   void mark_handled() { handled = Handled{input.offset(), giLineno, last}; }
 
   PendingOutput output;  // converted, not yet committed
-  std::optional<std::chrono::steady_clock::time_point> pending_since;  // of the oldest pending
   Handled handled;
   Handled committed;  // what the files hold: the handled lines up to the last commit
   Appender errlog;    // the error file (or /dev/null)

@@ -8,6 +8,7 @@
 // section rotates the generations together with its records or not at all.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +30,8 @@ struct PendingOutput {
   Buffer records;
   Buffer errors;
   std::optional<RotationPlan> rotation;  // asked for by the section in hand
+  // When the oldest complete section not yet committed was complete.
+  std::optional<std::chrono::steady_clock::time_point> since;
 
   // Marks where the section in hand begins; what comes before belongs to complete sections.
   void begin_section() {
