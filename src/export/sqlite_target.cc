@@ -126,6 +126,8 @@ class SqliteTarget final : public Target {
   void abandon() override {
     if (in_transaction_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     in_transaction_ = false;
+    // The tables the run created went with it: the next run creates them again.
+    prepared_ = false;
   }
 
  private:
