@@ -1,17 +1,11 @@
-// Helpers shared by the unit tests: captured traces, a scripted end-of-file policy, temporary
-// directories, and a Context over an in-memory audit stream.
+// Helpers shared by the unit tests: captured traces, a scripted end-of-file policy and a Context
+// over an in-memory audit stream.
 #pragma once
 
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,8 +14,12 @@
 #include "stream/context.h"
 #include "stream/line_reader.h"
 #include "support/trace.h"
+#include "temp_dir.h"
 
 namespace adcdf::testing {
+
+// A last date no section can be later than, so converting does not start a generation.
+constexpr LocalTime kNoRotation{1000, 13, 32, 0, 0, 0};
 
 // A Tracer whose output is kept in memory.
 class TraceCapture {
@@ -73,34 +71,6 @@ class ScriptedWaiter : public Waiter {
   int stop_after_;
   int pauses_ = 0;
   bool stopped_ = false;
-};
-
-// A fresh directory, removed with everything in it at the end of the test.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ekadcdf-test-XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  std::string read(const std::string& name) const {
-    std::ifstream in(file(name), std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  void write(const std::string& name, const std::string& text) const {
-    std::ofstream(file(name), std::ios::binary) << text;
-  }
-  bool exists(const std::string& name) const { return std::filesystem::exists(file(name)); }
-
- private:
-  std::string path_;
 };
 
 // A Context over an in-memory audit stream. `audit` is what the file holds at the start; the

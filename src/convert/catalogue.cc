@@ -16,22 +16,6 @@ constexpr size_t kLongWidth = 20;  // a long
 constexpr std::string_view kCommonNames[kCommonColumns] = {
     "record_type", "year_since_1900", "month", "day", "hour", "minute", "second", "epoch_seconds"};
 
-// The header record's columns after the first eight (generations.cc writes it).
-constexpr Field kHeaderFields[] = {{256, false}};  // the host name, as gethostname() gives it
-// clang-format off
-constexpr Column kHeaderColumns[] = {
-    quoted(0),       kZero,           kZero,           kZero,
-    kEmpty,          kEmpty,          kZero,           kZero,
-    kZero,           kEmpty,          kZero,           kZero,
-    kZero,           kEmpty,          kEmpty};
-constexpr ColumnName kHeaderNames[] = {
-    {"host"},        kReserved,       kReserved,       kReserved,
-    kReserved,       kReserved,       kReserved,       kReserved,
-    kReserved,       kReserved,       kReserved,       kReserved,
-    kReserved,       kReserved,       kReserved};
-// clang-format on
-constexpr Layout kHeaderRecord = named(kHeaderType, kHeaderColumns, kHeaderNames);
-
 bool is_integer(std::string_view text) {
   long value = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -94,13 +78,9 @@ RecordColumn describe(const Column& column, const ColumnName& name, std::span<co
   return out;
 }
 
-void add(std::vector<RecordType>& types, const Layout* layout, std::span<const Field> fields) {
-  if (layout == nullptr) return;
-  if (std::any_of(types.begin(), types.end(),
-                  [&](const RecordType& t) { return t.type == layout->type; })) {
-    return;
-  }
-  RecordType entry{layout->type, {}};
+// A record type with columns 1 to 8, the same in every record.
+RecordType common(int type) {
+  RecordType entry{type, {}};
   for (size_t i = 0; i < kCommonColumns; ++i) {
     entry.columns.push_back({std::string(kCommonNames[i]),
                              false,
@@ -110,11 +90,34 @@ void add(std::vector<RecordType>& types, const Layout* layout, std::span<const F
                              {},
                              true});
   }
+  return entry;
+}
+
+void add(std::vector<RecordType>& types, const Layout* layout, std::span<const Field> fields) {
+  if (layout == nullptr) return;
+  if (std::any_of(types.begin(), types.end(),
+                  [&](const RecordType& t) { return t.type == layout->type; })) {
+    return;
+  }
+  RecordType entry = common(layout->type);
   for (size_t i = 0; i < layout->columns.size(); ++i) {
     entry.columns.push_back(
         describe(layout->columns[i], layout->names[i], fields, kCommonColumns + i + 1));
   }
   types.push_back(std::move(entry));
+}
+
+// The header record: the host name, then the constants header_record() writes.
+RecordType header() {
+  RecordType entry = common(kHeaderType);
+  entry.columns.push_back({"host", true, kHeaderHostWidth, ValueType::kText, false, {}, false});
+  for (size_t from = 0; from <= kHeaderConstants.size();) {
+    const size_t to = std::min(kHeaderConstants.find(',', from), kHeaderConstants.size());
+    entry.columns.push_back(describe(text(kHeaderConstants.substr(from, to - from)), kReserved, {},
+                                     entry.columns.size() + 1));
+    from = to + 1;
+  }
+  return entry;
 }
 
 std::vector<RecordType> build() {
@@ -124,7 +127,7 @@ std::vector<RecordType> build() {
     add(types, kind.def->section_record, kind.def->fields);
     add(types, kind.def->recipient_record, kind.def->fields);
   }
-  add(types, &kHeaderRecord, kHeaderFields);
+  types.push_back(header());
   std::sort(types.begin(), types.end(),
             [](const RecordType& a, const RecordType& b) { return a.type < b.type; });
   return types;

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "stream/header_record.h"
+
 namespace adcdf {
 
 // The type a loader gives a column. Values that are not the plain form of an integer are still
@@ -33,8 +35,6 @@ struct RecordType {
 
 // Columns 1 to 8, the same in every record.
 inline constexpr size_t kCommonColumns = 8;
-// The header record that starts a generation: date and host, no event.
-inline constexpr int kHeaderType = 999;
 
 // Every record type, by increasing type code (the header record last).
 std::span<const RecordType> record_catalogue();

@@ -7,6 +7,7 @@
 
 #include "stream/commit.h"
 #include "stream/context.h"
+#include "stream/header_record.h"
 #include "support/error.h"
 
 namespace adcdf {
@@ -137,11 +138,11 @@ std::string header_record(std::time_t now, std::string_view host) {
   struct tm local {};
   localtime_r(&now, &local);
   char head[96];
-  std::snprintf(head, sizeof head, "999,%d,%d,%d,0,0,0,0,\"", local.tm_year, local.tm_mon + 1,
-                local.tm_mday);
+  std::snprintf(head, sizeof head, "%d,%d,%d,%d,0,0,0,0,\"", kHeaderType, local.tm_year,
+                local.tm_mon + 1, local.tm_mday);
   std::string record = head;
-  record.append(host);
-  record.append("\",0,0,0,\"\",\"\",0,0,0,\"\",0,0,0,\"\",\"\"\n");
+  record.append(host).append("\",").append(kHeaderConstants);
+  record.push_back('\n');
   return record;
 }
 
@@ -157,9 +158,8 @@ int adcdf_rename_files(Context& ctx) {
 
 int adcdf_writeheaderrec(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_writeheaderrec");
-  char host[257] = {};
-  ::gethostname(host, 256);
-  host[256] = '\0';
+  char host[kHeaderHostWidth + 1] = {};
+  ::gethostname(host, kHeaderHostWidth);
   ctx.output.rotation->header = header_record(std::time(nullptr), host);
   scope.done();
   return 0;

@@ -74,9 +74,6 @@ class Generations {
   Appender current_;
 };
 
-// The type-999 header record for a generation started at `now` on host `host`.
-std::string header_record(std::time_t now, std::string_view host);
-
 // Plans a rotation for the section in hand, with its header record.
 int adcdf_rename_files(Context& ctx);
 // Sets the header record (today's date, this host) of the rotation the section starts.

@@ -54,10 +54,7 @@ class ProcessLoop : public ::testing::Test {
   // The files named b.<suffix>, by suffix, but the position file.
   std::map<std::string, std::string> outputs() const {
     std::map<std::string, std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-      std::string name = entry.path().filename().string();
-      if (name != "b.POS") found[name.substr(2)] = dir.read(name);
-    }
+    for (const auto& [name, text] : dir.files("b.")) found[name.substr(2)] = text;
     return found;
   }
 
@@ -113,7 +110,8 @@ TEST_F(ProcessLoop, RestoreCheckpointFromNewestRecord) {
       {"empty current", {{"000", ""}}, 0, zero, true, false},
       {"record", {{"000", kHeader + r1}}, kT1, d1, false, false},
       {"torn tail cut off", {{"000", kHeader + r1 + torn}}, kT1, d1, false, true},
-      {"header last", {{"000", kHeader + r1 + hdr6}}, kT1, d1, false, false},
+      {"header and junk last", {{"000", kHeader + r1 + "junk\n" + hdr6}}, kT1, d1, false, false},
+      {"seven values last", {{"000", r1 + "105,126,3,5,17,0,0\n"}}, kT1, d1, true, false},
       {"records older", {{"000", hdr6}, {"001", kHeader + r1 + r2}}, kT2, d2, false, false},
       {"header only", {{"000", hdr6}}, 0, {126, 3, 6, 0, 0, 0}, false, false},
       {"lowest older", {{"001", torn}, {"002", r1 + r2}, {"003", r1}}, kT2, d2, false, false},
@@ -222,8 +220,12 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     options.debug = false;
     EXPECT_EQ(after_header(run_dir.read("b.000")), c.current);
     EXPECT_EQ(run_dir.read("b.ERR"), c.errors);
-    EXPECT_EQ(h.trace.text().find("Resuming at line 12 of the audit file\n") != std::string::npos,
-              c.current == once);
+    // The older slot of a torn pair holds the position of the first wait or, when the stop
+    // came before that was written, the one of the start: the line resumed at varies.
+    EXPECT_EQ(h.trace.text().find("Resuming at line ") != std::string::npos, c.current == once);
+    if (&c == &cases[0]) {
+      EXPECT_NE(h.trace.text().find("Resuming at line 12 of the audit file\n"), std::string::npos);
+    }
   }
 }
 

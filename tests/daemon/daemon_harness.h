@@ -24,28 +24,14 @@
 #include <thread>
 #include <vector>
 
+#include "temp_dir.h"
+
 namespace daemon_test {
 
 namespace fs = std::filesystem;
-
-inline std::string read_file(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-inline void write_file(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-// Appends with one write, as the mail server would.
-inline void append_file(const fs::path& path, const std::string& text) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  ::close(fd);
-}
+using adcdf::testing::append_file;
+using adcdf::testing::read_file;
+using adcdf::testing::write_file;
 
 inline size_t count_of(const std::string& text, const std::string& needle) {
   size_t n = 0;
@@ -80,45 +66,14 @@ inline std::string header_record(const std::string& tz = "UTC") {
 }
 
 // A scratch directory: the daemon runs in work(), its standard streams and process-list entry
-// are kept beside it, so work() holds only what the daemon itself creates there.
-class Sandbox {
+// are kept in root(), so work() holds only what the daemon itself creates there.
+class Sandbox : public adcdf::testing::TempDir {
  public:
-  Sandbox() {
-    std::string pattern = (fs::temp_directory_path() / "ekadcdf-daemon-XXXXXX").string();
-    root_ = ::mkdtemp(pattern.data());
-    fs::create_directory(work());
-  }
-  ~Sandbox() {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
-  Sandbox(const Sandbox&) = delete;
-  Sandbox& operator=(const Sandbox&) = delete;
-
-  fs::path root() const { return root_; }
-  fs::path work() const { return root_ / "w"; }
-  fs::path path(const std::string& name) const { return work() / name; }
-  std::string read(const std::string& name) const { return read_file(path(name)); }
-  void write(const std::string& name, const std::string& text) const {
-    write_file(path(name), text);
-  }
-  void append(const std::string& name, const std::string& text) const {
-    append_file(path(name), text);
-  }
-  // Every file of the working directory whose name starts with `prefix`, with its content; the
-  // position file, whose content is the daemon's own business, is left out.
+  Sandbox() : TempDir("w") {}
+  const fs::path& work() const { return path(); }
   std::map<std::string, std::string> files(const std::string& prefix = "cdf.") const {
-    std::map<std::string, std::string> found;
-    for (const auto& entry : fs::directory_iterator(work())) {
-      std::string name = entry.path().filename().string();
-      if (name.rfind(prefix, 0) == 0 && !name.ends_with(".POS"))
-        found[name] = read_file(entry.path());
-    }
-    return found;
+    return TempDir::files(prefix);
   }
-
- private:
-  fs::path root_;
 };
 
 struct Env {

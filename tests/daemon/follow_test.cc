@@ -203,11 +203,11 @@ TEST(DaemonFollow, AuditFileRotatedByRenameOrTruncation) {
       EXPECT_EQ(daemon->stop(), 0);
     }
     if (c.rename) {
-      fs::rename(box.path("audit"), box.path("audit.1"));
+      fs::rename(box.file("audit"), box.file("audit.1"));
       box.append("audit.1", late + (c.running ? "bogus-tail" : cut));
     } else {
       box.write("audit.1", box.read("audit"));
-      fs::resize_file(box.path("audit"), 0);
+      fs::resize_file(box.file("audit"), 0);
     }
     box.append("audit", fresh);
     if (!c.running) daemon.emplace(box, kDebugArgs);

@@ -64,7 +64,7 @@ TEST(DaemonRestart, KilledInsideALargeWriteLeavesTheSectionWholeOnce) {
   int cut = 0;
   auto current_size = [&] {
     std::error_code error;
-    uintmax_t size = fs::file_size(box.path("cdf.000"), error);
+    uintmax_t size = fs::file_size(box.file("cdf.000"), error);
     return error ? 0 : size;
   };
   for (int trial = 0; trial < 3; ++trial) {

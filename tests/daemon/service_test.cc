@@ -71,12 +71,12 @@ TEST(DaemonService, SymbolicLinksAtItsNamesAreRefused) {
     Sandbox box;
     box.write("audit", kSection);
     write_file(box.root() / "victim", "precious\n");
-    auto plant = [&] { fs::create_symlink(box.root() / "victim", box.path(c.name)); };
+    auto plant = [&] { fs::create_symlink(box.root() / "victim", box.file(c.name)); };
     if (!c.while_running) plant();
     Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-g", "3"});
     if (c.while_running) {
       ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord));
-      fs::remove(box.path("cdf.001"));
+      fs::remove(box.file("cdf.001"));
       plant();
       box.append("audit", kNextDay);
     }
@@ -88,7 +88,7 @@ TEST(DaemonService, SymbolicLinksAtItsNamesAreRefused) {
       ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord));
       EXPECT_EQ(daemon.stop(), 0);
     }
-    EXPECT_TRUE(fs::is_symlink(box.path(c.name)));
+    EXPECT_TRUE(fs::is_symlink(box.file(c.name)));
     EXPECT_EQ(read_file(box.root() / "victim"), "precious\n");
   }
 }
@@ -127,7 +127,7 @@ TEST(DaemonService, CreatedFilesAreNotReadableByOthers) {
   ASSERT_TRUE(eventually([&] { return box.read("cdf.001") == header_record() + kRecord; }));
   EXPECT_EQ(daemon.stop(), 0);
   for (const char* name : {"cdf.000", "cdf.001", "cdf.002", "cdf.ERR", "cdf.POS"}) {
-    EXPECT_EQ(fs::status(box.path(name)).permissions(),
+    EXPECT_EQ(fs::status(box.file(name)).permissions(),
               fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read)
         << name;
   }

@@ -47,9 +47,7 @@ class PostgresServer {
     return server.get();
   }
 
-  PostgresServer() {
-    std::string pattern = (daemon_test::fs::temp_directory_path() / "ekadcdf-pg-XXXXXX").string();
-    dir_ = ::mkdtemp(pattern.data());
+  PostgresServer() : dir_(scratch_.path().string()) {
     as_owner_ = ::geteuid() == 0 ? "runuser -u nobody -- " : "";
     if (::geteuid() == 0 && ::chown(dir_.c_str(), 65534, 65534) != 0) ADD_FAILURE() << "chown";
     const std::string bin = POSTGRES_BIN;
@@ -60,7 +58,6 @@ class PostgresServer {
   }
   ~PostgresServer() {
     run(std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir_ + "/data -m immediate stop");
-    daemon_test::fs::remove_all(dir_);
   }
 
   std::string conninfo(const std::string& database = "postgres") const {
@@ -78,6 +75,7 @@ class PostgresServer {
     ASSERT_EQ(std::system((as_owner_ + command + " >>" + dir_ + "/setup.log 2>&1").c_str()), 0)
         << command << ", see " << dir_ << "/setup.log";
   }
+  adcdf::testing::TempDir scratch_;
   std::string dir_;
   std::string as_owner_;
   int databases_ = 0;

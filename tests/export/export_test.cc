@@ -155,9 +155,9 @@ struct Target {
 };
 
 std::vector<Target> targets(const Sandbox& box) {
-  std::vector<Target> all = {{"csv", Kind::kCsv, box.path("csv").string()},
-                             {"jsonl", Kind::kJsonl, box.path("out.jsonl").string()},
-                             {"sqlite", Kind::kSqlite, box.path("out.db").string()}};
+  std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv")},
+                             {"jsonl", Kind::kJsonl, box.file("out.jsonl")},
+                             {"sqlite", Kind::kSqlite, box.file("out.db")}};
   if (PostgresServer* pg = PostgresServer::get()) {
     all.push_back({"postgres", Kind::kPostgres, pg->fresh()});
   } else {
@@ -170,9 +170,9 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
   Sandbox box;
   for (const Target& t : targets(box)) {
     SCOPED_TRACE(t.name);
-    const std::string rejects = box.path(std::string(t.name) + ".rejects").string();
+    const std::string rejects = box.file(std::string(t.name) + ".rejects");
     for (int phase = 0; phase < 2; ++phase) {
-      const std::string base = place(phase, box.path("base"));
+      const std::string base = place(phase, box.file("base"));
       run(t.kind, t.where, base, rejects);
       if (phase == 0) {
         EXPECT_EQ(run(t.kind, t.where, base, rejects).records, 0) << "a second run adds nothing";
@@ -200,10 +200,10 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
 
 TEST_F(Export, DatabasesDeriveTheEventTimeFromColumnEight) {
   Sandbox box;
-  const std::string base = place(1, box.path("base"));
-  run(Kind::kSqlite, box.path("out.db").string(), base);
+  const std::string base = place(1, box.file("base"));
+  run(Kind::kSqlite, box.file("out.db"), base);
   sqlite3* db;
-  sqlite3_open(box.path("out.db").string().c_str(), &db);
+  sqlite3_open(box.file("out.db").c_str(), &db);
   sqlite3_stmt* s;
   sqlite3_prepare_v2(db,
                      "SELECT count(*), sum(event_time = datetime(epoch_seconds, 'unixepoch')) "
@@ -229,13 +229,13 @@ TEST_F(Export, DatabasesDeriveTheEventTimeFromColumnEight) {
 // waiting for a table another session has locked; CSV with its copies half written.
 TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
   Sandbox box;
-  const std::string small = place(0, box.path("small"));
+  const std::string small = place(0, box.file("small"));
   std::string big;
   for (int i = 0; i < 400; ++i) {
     for (const auto& [name, text] : generations_[1]) big += text;
   }
-  fs::create_directories(box.path("big"));
-  daemon_test::write_file(box.path("big/cdf.000").string(), big);
+  fs::create_directories(box.file("big"));
+  daemon_test::write_file(box.file("big/cdf.000"), big);
   const size_t big_records = 400 * lines(1).size();
 
   for (const Target& t : targets(box)) {
@@ -273,14 +273,14 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     Env env;
     env.binary = EKADCDF_EXPORT_BINARY;
     {
-      Daemon exporter(box, {option, t.where, box.path("big/cdf").string()}, env);
+      Daemon exporter(box, {option, t.where, box.file("big/cdf")}, env);
       ASSERT_TRUE(eventually(midway, 60, 0.0002));
       exporter.signal(SIGKILL);
       EXPECT_EQ(exporter.wait_exit(), 128 + SIGKILL) << "the run ended before it was killed";
     }
     release();
     EXPECT_EQ(read_back(t.kind, t.where), before);
-    Daemon again(box, {option, t.where, box.path("big/cdf").string()}, env);
+    Daemon again(box, {option, t.where, box.file("big/cdf")}, env);
     EXPECT_EQ(again.wait_exit(120), 0) << again.err();
     EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
     EXPECT_FALSE(midway()) << "what the killed run left is cleared";
@@ -321,9 +321,9 @@ TEST_F(Export, FollowLoadsWhatTheDaemonWritesUntilStopped) {
   for (int phase = 0; phase < 2; ++phase) {
     if (phase == 1) box.append("audit", kAudit[1].substr(kAudit[0].size()));
     const auto expected = static_cast<int64_t>(lines(phase).size());
-    EXPECT_TRUE(eventually([&] { return rows(box.path("out.db").string()) == expected; }, 30))
+    EXPECT_TRUE(eventually([&] { return rows(box.file("out.db")) == expected; }, 30))
         << "phase " << phase;
-    EXPECT_EQ(read_back(Kind::kSqlite, box.path("out.db").string()), lines(phase));
+    EXPECT_EQ(read_back(Kind::kSqlite, box.file("out.db")), lines(phase));
   }
   EXPECT_EQ(exporter.stop(), 0) << exporter.err();
   EXPECT_EQ(daemon.stop(), 0);
@@ -337,7 +337,7 @@ struct CommandLine {
 
 TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   Sandbox box;
-  const std::string base = place(0, box.path("base"));
+  const std::string base = place(0, box.file("base"));
   const CommandLine cases[] = {
       {{"--help"}, 0, "Usage: ekadcdf-export"},
       {{"--version"}, 0, "ekadcdf-export "},
@@ -347,12 +347,8 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
       {{"--bogus", base}, 2, "unknown option"},
       {{"--sqlite"}, 2, "missing value"},
       {{base, base}, 2, "one BASE only"},
-      {{"--sqlite", box.path("x.db").string(), box.path("nothing/cdf").string()},
-       1,
-       "cannot read the directory"},
-      {{"--sqlite", box.path("x.db").string(), box.path("base/none").string()},
-       1,
-       "no generations"},
+      {{"--sqlite", box.file("x.db"), box.file("nothing/cdf")}, 1, "cannot read the directory"},
+      {{"--sqlite", box.file("x.db"), box.file("base/none")}, 1, "no generations"},
       {{"--postgres", "host=/nonexistent", base}, 1, "PostgreSQL: cannot connect"},
       {{"--csv", "/proc/no", base}, 1, "cannot create the directory /proc/no"},
       {{"--rejects", "/proc/no", base}, 1, "cannot open /proc/no"},

@@ -5,12 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "test_support.h"
-
 namespace adcdf {
 namespace {
-
-using testing::TempDir;
 
 struct PrefixCase {
   const char* line;
@@ -44,40 +40,6 @@ TEST(ParsePrefix, ReadsEightIntegersAsScanfDoes) {
   EXPECT_TRUE(parse_prefix("999,126,3,5,0,0,0,0,\"host\"").is_header());
   EXPECT_FALSE(parse_prefix("999,126,3").is_header());
   EXPECT_FALSE(parse_prefix("105,126,3,5,0,0,0,0").is_header());
-}
-
-struct ReverseCase {
-  const char* name;
-  std::string text;
-  long long complete_end;
-  std::vector<std::string> lines;  // newest first
-};
-
-TEST(NewestRecord, SkipsHeadersUnparsableLinesAndTornTail) {
-  const std::string header = "999,126,3,5,0,0,0,0,\"host\",0\n";
-  const std::string older = "105,126,3,5,9,0,0,1772701200,1\n";
-  const std::string newer = "106,126,3,5,10,0,0,1772704800,1\n";
-  struct {
-    std::string text;
-    int event_time;  // 0: no record
-  } cases[] = {
-      {header + older + newer, 1772704800},
-      {header + older + newer + "junk\n" + header, 1772704800},
-      {older + "105,126,3,5,11,0,0\n", 1772701200},  // seven values only
-      {header + older + "105,126,3,5,11,0,0,1772708400", 1772701200},
-      {header, 0},
-      {"105,126,3,5,11,0,0,1772708400", 0},
-  };
-  TempDir dir;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    dir.write("g", c.text);
-    std::optional<PrefixValues> newest = newest_record(File::read_only(dir.file("g")));
-    ASSERT_EQ(newest.has_value(), c.event_time != 0);
-    if (newest) {
-      EXPECT_EQ(newest->values[7], c.event_time);
-    }
-  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "stream/header_record.h"
 #include "test_support.h"
 
 namespace adcdf {
@@ -20,10 +21,7 @@ using testing::TraceCapture;
 // Every file in the directory (hidden ones too), by its name after "b.", with its content.
 std::map<std::string, std::string> files(const TempDir& dir) {
   std::map<std::string, std::string> found;
-  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-    std::string name = entry.path().filename().string();
-    found[name.substr(2)] = dir.read(name);
-  }
+  for (const auto& [name, text] : dir.files("")) found[name.substr(2)] = text;
   return found;
 }
 

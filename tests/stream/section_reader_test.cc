@@ -15,9 +15,8 @@ namespace adcdf {
 namespace {
 
 using testing::Harness;
+using testing::kNoRotation;
 using testing::TempDir;
-
-constexpr LocalTime kNoRotation{1000, 13, 32, 0, 0, 0};
 
 std::string next_line(Harness& h) {
   auto line = h.input.read_line();
