@@ -212,9 +212,9 @@ TEST(Converters, TwinKeywordDifferences) {
 }
 
 // Recipients are written in reading order, each with its own category, acknowledgement request,
-// queue and flags, and with the section's final values. The sizes run largest first, so a
-// section that reuses a bigger one's recipient slots shows any leftovers; a delivery reason
-// does not carry over into a reused slot.
+// queue and flags, and with the section's final values. One converter takes the sections in
+// turn, their sizes largest first, so a section that reuses a bigger one's recipient slots shows
+// any leftovers; a delivery reason does not carry over into a reused slot.
 TEST(Converters, RecipientsInReadingOrderInReusedSlots) {
   const char* kinds[] = {"to", "cc", "bcc", "from", "reply"};
   const std::pair<const char*, const char*> queues[] = {{"LOCAL", "1,0"},
@@ -222,28 +222,37 @@ TEST(Converters, RecipientsInReadingOrderInReusedSlots) {
                                                         {"SMINTFC", "0,1"},
                                                         {"local", "0,0"},
                                                         {"Ekx400", "0,0"}};
+  const std::string header = "hdr " + std::to_string(kTime) + "\n";
+  std::string audit, expected;
   for (int n : {300, 25, 1, 0}) {
-    SCOPED_TRACE(n);
-    std::string body, details;
     const std::string size = n >= 7 ? "77" : "0";
+    audit += header;
+    expected += rec(101, "0,0,0,0,\" \",\" \",0," + size + ",x,\"\",0,0,x,\"\",\" \",\" \",0," +
+                             std::to_string(n));
     for (int i = 0; i < n; ++i) {
       const auto& [queue, flags] = queues[i % 5];
-      body += std::string("recipient-") + kinds[i % 5] + " r" + std::to_string(i) + "\nack-req " +
-              std::to_string(i % 10) + "\nqueue " + queue + "\n";
-      if (i % 7 == 6) body += "message-size 77\nua-ack-id 4\n";
-      details += rec(503, "\" \",\" \",0," + size + "," + std::to_string(i % 5) + "," +
-                              std::to_string(i % 10) + ",\"" + queue + "\",\"R" +
-                              std::to_string(i) + " \"," + flags);
+      audit += std::string("recipient-") + kinds[i % 5] + " r" + std::to_string(i) + "\nack-req " +
+               std::to_string(i % 10) + "\nqueue " + queue + "\n";
+      if (i % 7 == 6) audit += "message-size 77\nua-ack-id 4\n";
+      expected += rec(503, "\" \",\" \",0," + size + "," + std::to_string(i % 5) + "," +
+                               std::to_string(i % 10) + ",\"" + queue + "\",\"R" +
+                               std::to_string(i) + " \"," + flags);
     }
-    Converted out = convert("routing\n", body + "\n");
-    EXPECT_EQ(out.records, rec(101, "0,0,0,0,\" \",\" \",0," + size +
-                                        ",x,\"\",0,0,x,\"\",\" \",\" \",0," + std::to_string(n)) +
-                               details);
+    audit += "\n";
   }
-  convert("delivery\n", "recipient-to a\nnon-delivery-reason 9\n\n");
-  EXPECT_EQ(
-      convert("delivery\n", "recipient-to a\n\n").records,
-      rec(108, "0,0,0,0,\" \",\" \",0,0,0,0,0,0,0,\"\",\" \"") + rec(504, "\" \",\" \",0,\"A \""));
+  audit += header + "recipient-to a\nnon-delivery-reason 9\n\n" + header + "recipient-to a\n\n";
+  expected +=
+      rec(108, "0,0,0,0,\" \",\" \",9,0,0,0,0,0,0,\"\",\" \"") + rec(504, "\" \",\" \",9,\"A \"") +
+      rec(108, "0,0,0,0,\" \",\" \",0,0,0,0,0,0,0,\"\",\" \"") + rec(504, "\" \",\" \",0,\"A \"");
+  ::setenv("TZ", "UTC", 1);
+  ::tzset();
+  Harness h(audit);
+  h.ctx.last = kNoRotation;
+  for (const char* name :
+       {"routing\n", "routing\n", "routing\n", "routing\n", "delivery\n", "delivery\n"}) {
+    EXPECT_EQ(h.convert(name), 0);
+  }
+  EXPECT_EQ(h.ctx.output.records.view(), expected);
 }
 
 // Where each converter counts its section: before the header is read (a section that lies
