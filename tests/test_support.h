@@ -53,7 +53,12 @@ class ScriptedWaiter : public Waiter {
   ScriptedWaiter(MemorySource& source, std::vector<std::string> chunks = {}, int stop_after = 0)
       : source_(source), chunks_(std::move(chunks)), stop_after_(stop_after) {}
 
-  bool keep_going() override { return !stopped_; }
+  bool keep_going() override {
+    if (checks_left_ >= 0 && checks_left_-- == 0) stopped_ = true;
+    return !stopped_;
+  }
+  // Stops the daemon at the check after the next `n`, wherever it reads: a stop while catching up.
+  void stop_after_checks(int n) { checks_left_ = n; }
   void pause() override {
     ++pauses_;
     if (next_ < chunks_.size()) {
@@ -69,6 +74,7 @@ class ScriptedWaiter : public Waiter {
   std::vector<std::string> chunks_;
   size_t next_ = 0;
   int stop_after_;
+  int checks_left_ = -1;
   int pauses_ = 0;
   bool stopped_ = false;
 };

@@ -229,6 +229,23 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
   }
 }
 
+// A stop while catching up, before the end of the file was reached, records where it stopped:
+// the next run resumes at the first line not yet handled.
+TEST_F(ProcessLoop, StopWhileCatchingUpRecordsTheFirstLineNotHandled) {
+  const std::string audit = section(kT1) + section(kT2) + section(kT2 + 60);
+  {
+    Harness h(audit, options);
+    h.waiter.stop_after_checks(2);  // two sections, then the stop
+    adcdf_process_file(h.ctx);
+    EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2));
+  }
+  options.debug = true;
+  Harness h(audit, options);
+  adcdf_process_file(h.ctx);
+  EXPECT_NE(h.trace.text().find("Resuming at line 11 of the audit file\n"), std::string::npos);
+  EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2) + record(kT2 + 60));
+}
+
 TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
   const std::string current = kHeader + record(kT1);
   dir.write("b.000", current);

@@ -58,13 +58,10 @@ TEST(DaemonService, SymbolicLinksAtItsNamesAreRefused) {
     bool fatal;
     bool while_running;  // planted after start, before a rotation moves that name
   } cases[] = {
-      {"cdf.000", true, false},
-      {"cdf.001", true, false},
-      {"cdf.ERR", true, false},
-      {"cdf.POS", true, false},
-      {".cdf-rotation.new", true, false},
-      {"../ekadcdf.pid", false, false},
-      {"cdf.001", true, true},
+      {"cdf.000", true, false},         {"cdf.001", true, false},
+      {"cdf.002", true, false},         {"cdf.ERR", true, false},
+      {"cdf.POS", true, false},         {".cdf-rotation.new", true, false},
+      {"../ekadcdf.pid", false, false}, {"cdf.001", true, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.name) + (c.while_running ? " while running" : ""));
@@ -72,6 +69,11 @@ TEST(DaemonService, SymbolicLinksAtItsNamesAreRefused) {
     box.write("audit", kSection);
     write_file(box.root() / "victim", "precious\n");
     auto plant = [&] { fs::create_symlink(box.root() / "victim", box.file(c.name)); };
+    // With a current generation in place start-up opens no older one: only the check of every
+    // name at start sees a link there.
+    if (c.fatal && !c.while_running && std::string(c.name) != "cdf.000") {
+      box.write("cdf.000", header_record() + kRecord);
+    }
     if (!c.while_running) plant();
     Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-g", "3"});
     if (c.while_running) {
