@@ -39,8 +39,7 @@ constexpr SectionKind kKinds[] = {
 };
 static_assert(std::size(kKinds) == kSectionKinds);
 static_assert(std::ranges::all_of(kKinds, [](const SectionKind& kind) {
-  return kind.label.size() < 23 && kind.name_line.empty() == (kind.def == nullptr) &&
-         (kind.name_line.empty() || kind.name_line.ends_with('\n'));
+  return kind.label.size() < 23 && (kind.name_line.empty() || kind.name_line.ends_with('\n'));
 }));
 
 // For each first character, the kinds whose name line begins with it, so that a line is
