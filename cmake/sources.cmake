@@ -11,8 +11,13 @@ set(EKADCDF_CORE_SOURCES
     convert/sections.cc convert/subsystem.cc convert/transfer.cc
     app/args.cc app/outer_block.cc app/process_loop.cc)
 
-# The same, as absolute paths under `src_dir`, into the variable named `out`.
-function(ekadcdf_core_sources src_dir out)
+# A static library `name` of those sources under `src_dir`, which its users include from, with
+# the version string the program reports.
+function(ekadcdf_add_core name src_dir version)
   list(TRANSFORM EKADCDF_CORE_SOURCES PREPEND ${src_dir}/ OUTPUT_VARIABLE paths)
-  set(${out} ${paths} PARENT_SCOPE)
+  add_library(${name} STATIC ${paths})
+  target_include_directories(${name} PUBLIC ${src_dir})
+  find_package(Threads REQUIRED)
+  target_link_libraries(${name} PUBLIC Threads::Threads)
+  target_compile_definitions(${name} PRIVATE EKADCDF_VERSION="${version}")
 endfunction()
