@@ -103,6 +103,9 @@ int adcdf_process_file(Context& ctx) {
     keep_position(ctx, PositionDue::kSettled);
     progress.update();
   });
+  // Everything read of the old file has been handled: from here on, what is handled (and the
+  // positions recorded) counts in the new file, from its start.
+  ctx.input.set_at_new_file([&ctx] { ctx.mark_handled(); });
 
   while (ctx.input.keep_going()) {
     std::optional<std::string_view> line = ctx.input.read_line();
@@ -130,6 +133,7 @@ int adcdf_process_file(Context& ctx) {
   keep_position(ctx, PositionDue::kStop);
   if (ctx.trace.on()) ctx.trace.write(statistics_text(ctx.counters));
   ctx.input.set_before_wait(nullptr);
+  ctx.input.set_at_new_file(nullptr);
   ctx.generations.close();
   ctx.errlog.close();
   scope.done();

@@ -55,7 +55,10 @@ std::optional<std::string_view> AuditInput::next(bool in_section) {
     if (auto line = reader_.next()) return line;
     if (change_ != NameChange::kNone) {
       if (auto rest = reader_.rest()) return rest;
-      if (switch_file() && in_section) throw SectionCut{};
+      if (switch_file()) {
+        if (in_section) throw SectionCut{};
+        if (at_new_file_) at_new_file_();
+      }
       continue;
     }
     if (!waiter_.keep_going()) return std::nullopt;

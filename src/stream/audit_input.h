@@ -89,6 +89,9 @@ class AuditInput {
   void start_at(long long offset);
   // Runs at the end of the file before each wait.
   void set_before_wait(std::function<void()> hook) { before_wait_ = std::move(hook); }
+  // Runs when, between sections, reading goes on in the file that took the audit file's name (or
+  // at the start of the truncated file), before any of its lines is handed out.
+  void set_at_new_file(std::function<void()> hook) { at_new_file_ = std::move(hook); }
 
  private:
   // The next line, waiting at the end of the file (and following the file's rotation).
@@ -102,6 +105,7 @@ class AuditInput {
   Waiter& waiter_;
   Tracer* trace_;
   std::function<void()> before_wait_;
+  std::function<void()> at_new_file_;
   NameChange change_ = NameChange::kNone;  // seen at the name, not yet acted on
   std::optional<Fingerprint> full_;        // the fingerprint once it covers kFingerprintBytes
 };

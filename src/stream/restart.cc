@@ -47,12 +47,18 @@ bool valid(Context& ctx, const Position& at) {
       return false;
     }
   }
+  // Another file at the name may begin as the recorded one did (any file does when nothing had
+  // been read): when the file the position was taken in is still in the directory under another
+  // name and matches, it was renamed away, and what it holds beyond the position comes first.
   ByteSource& audit = ctx.input.source();
-  if (same_audit_file(audit, at)) return true;
-  std::unique_ptr<ByteSource> renamed = audit.find_renamed(at.audit_id);
-  if (!renamed || !same_audit_file(*renamed, at)) return false;
-  audit.adopt(*renamed);
-  return true;
+  if (audit.id() != at.audit_id) {
+    std::unique_ptr<ByteSource> renamed = audit.find_renamed(at.audit_id);
+    if (renamed && same_audit_file(*renamed, at)) {
+      audit.adopt(*renamed);
+      return true;
+    }
+  }
+  return same_audit_file(audit, at);
 }
 
 void open_error_file(Context& ctx, const std::optional<Position>& resume) {

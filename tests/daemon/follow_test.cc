@@ -146,6 +146,21 @@ TEST(DaemonFollow, Sigusr1StartsANewGenerationAtTheNextSection) {
                                                              {"cdf.ERR", ""}}));
 }
 
+constexpr long kT = 1699952400;  // 2023-11-14 09:00:00 UTC
+
+// A subsystem-start section of that day (UTC) and its record.
+std::string section(const std::string& user, long time) {
+  return "subsystem-start\nh " + std::to_string(time) + "\nuser " + user + "\n\n";
+}
+std::string record(const std::string& user, long time) {
+  time_t t = time;
+  struct tm u {};
+  ::gmtime_r(&t, &u);
+  return "105,123,11,14," + std::to_string(u.tm_hour) + "," + std::to_string(u.tm_min) + "," +
+         std::to_string(u.tm_sec) + "," + std::to_string(time) + ",0,0,0,0,\"" + user + "\",\"\"," +
+         kTail;
+}
+
 // The mail server's log rotation, while the daemon runs and while it is stopped: the old file is
 // renamed away (and may still receive a late section, and end in an incomplete one or in a line
 // without its line feed) and a new one
@@ -153,18 +168,6 @@ TEST(DaemonFollow, Sigusr1StartsANewGenerationAtTheNextSection) {
 // once, apart from what the rotation itself loses (an incomplete section, and with copytruncate
 // while stopped the file read again under the checkpoint).
 TEST(DaemonFollow, AuditFileRotatedByRenameOrTruncation) {
-  auto section = [](const std::string& user, long time) {
-    return "subsystem-start\nh " + std::to_string(time) + "\nuser " + user + "\n\n";
-  };
-  auto record = [](const std::string& user, long time) {
-    time_t t = time;
-    struct tm u {};
-    ::gmtime_r(&t, &u);
-    return "105,123,11,14," + std::to_string(u.tm_hour) + "," + std::to_string(u.tm_min) + "," +
-           std::to_string(u.tm_sec) + "," + std::to_string(time) + ",0,0,0,0,\"" + user +
-           "\",\"\"," + kTail;
-  };
-  constexpr long kT = 1699952400;  // 2023-11-14 09:00:00 UTC
   // Two sections before the rotation, so that the new file is shorter than what was read.
   const std::string before = section("ann", kT) + section("bob", kT + 1);
   const std::string late = section("cy", kT + 2);  // into the old file after it was renamed
@@ -223,6 +226,49 @@ TEST(DaemonFollow, AuditFileRotatedByRenameOrTruncation) {
     EXPECT_EQ(daemon->stop(), 0);
     EXPECT_EQ(box.read("cdf.000"), header_record() + c.output + record("eve", kT + 5));
     EXPECT_EQ(box.read("cdf.ERR"), c.errors);
+  }
+}
+
+// Stopped before anything of the file now at the audit file's name was handled: the restart reads
+// that file from its start, after what the old one (renamed away) still holds beyond the position.
+TEST(DaemonFollow, StoppedBeforeTheNewAuditFileWasHandledRestartsAtItsStart) {
+  const std::string old_file = section("ann", kT) + section("bob", kT + 1) + "bogus\n";
+  std::string di = section("di", kT + 4);
+  for (int i = 0; i < 12; ++i) di.insert(di.size() - 1, "user di\n");  // longer than the old file
+  const std::string new_file = di + section("eve", kT + 5);
+  const struct {
+    const char* name;
+    bool running;         // rotated while the daemon runs, else while it is stopped
+    std::string at_stop;  // what the new file holds when the daemon stops
+  } cases[] = {
+      {"new file empty", true, ""},
+      {"new file's first section incomplete", true, di.substr(0, di.size() - 1)},
+      {"empty file renamed away and replaced while stopped", false, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Sandbox box;
+    box.write("audit", c.running ? old_file : "");
+    Daemon first(box, kDebugArgs);
+    ASSERT_TRUE(first.wait_err("waiting...\n"));
+    if (c.running) {
+      fs::rename(box.file("audit"), box.file("audit.1"));
+      box.write("audit", c.at_stop);
+      ASSERT_TRUE(first.wait_err("Audit file replaced"));
+      ASSERT_TRUE(first.wait_err("waiting...\n", count_of(first.err(), "waiting...\n") + 1));
+    }
+    EXPECT_EQ(first.stop(), 0);
+    if (!c.running) {
+      box.write("audit", old_file);
+      fs::rename(box.file("audit"), box.file("audit.1"));
+    }
+    box.write("audit", new_file);
+    Daemon second(box, kDebugArgs);
+    ASSERT_TRUE(second.wait_err("waiting...\n"));
+    EXPECT_EQ(second.stop(), 0);
+    EXPECT_EQ(box.read("cdf.000"), header_record() + record("ann", kT) + record("bob", kT + 1) +
+                                       record("di", kT + 4) + record("eve", kT + 5));
+    EXPECT_EQ(box.read("cdf.ERR"), "Unknown audit file section: line 9\nbogus\n\n");
   }
 }
 
