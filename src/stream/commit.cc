@@ -31,6 +31,10 @@ void commit_when_due(Context& ctx) {
   if (pending >= kCommitBytes || now - *ctx.output.since >= kCommitDelay) commit_output(ctx);
 }
 
+void commit_when_late(Context& ctx) {
+  if (ctx.output.since && coarse_now() - *ctx.output.since >= kCommitDelay) commit_output(ctx);
+}
+
 void rotate_for_section(Context& ctx) {
   // What the sections before this one produced was committed when its header asked for the
   // rotation, so the position is at its name line; with its date, so that a restart there

@@ -4,9 +4,10 @@
 // then the pending records to <base>.000 (one write), and then has a position recorded when one is
 // due (see restart.h). It holds whole sections only. While the audit file holds more than has been
 // converted, sections accumulate and are committed together: when the pending output reaches
-// kCommitBytes, when the oldest pending section has waited kCommitDelay, before the daemon waits
-// for more input, before a rotation and at a stop. Following a file at the pace it is written,
-// every section is committed as soon as it is complete, since the daemon then waits for more.
+// kCommitBytes, when the oldest pending section has waited kCommitDelay (also while a long
+// section is being converted), before the daemon waits for more input, before a rotation and at a
+// stop. Following a file at the pace it is written, every section is committed as soon as it is
+// complete, since the daemon then waits for more.
 //
 // A crash between the writes of a commit, or before the position that covers them, leaves the
 // files longer than the recorded position: the restart cuts them back and converts those sections
@@ -28,6 +29,9 @@ void commit_output(Context& ctx);
 // After a section (or a line between sections) was handled: commits when the pending output is
 // large enough or has waited long enough.
 void commit_when_due(Context& ctx);
+// Inside a long section (every 1024 of its lines): commits the complete sections before it
+// when the oldest has waited long enough.
+void commit_when_late(Context& ctx);
 
 // Carries out the rotation the completed section in hand asked for. Its records then begin the
 // new generation with the next commit.

@@ -41,6 +41,10 @@ struct Handled {
 inline constexpr size_t kSectionKinds = 23;
 using Counters = std::array<int, kSectionKinds>;
 
+struct Context;
+// Commits the complete sections pending once the oldest has waited long enough (commit.h).
+void commit_when_late(Context& ctx);
+
 struct Context {
   Context(Options opts, Tracer& tracer, AuditInput& audit)
       : options(std::move(opts)), trace(tracer), input(audit) {}
@@ -48,7 +52,8 @@ struct Context {
   // Reads the next line of the section in hand into gszLine and counts it (waits at the end of
   // the file; throws SectionAbandoned on a stop).
   std::string_view next_section_line() {
-    ++giLineno;
+    // A long section does not hold back the sections completed before it.
+    if ((++giLineno & 1023) == 0) commit_when_late(*this);
     gszLine = input.read_section_line();
     return gszLine;
   }

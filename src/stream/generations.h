@@ -50,9 +50,7 @@ class Generations {
 
   // Finishes a rotation that a crash interrupted after its journal was complete, recording its
   // position in `positions`, or discards one that had not begun. A journal that names any file
-  // but this base name's generations and side files is refused (AdcdfError): nothing is moved. A
-  // journal that names any file but this base name's generations and side files is refused
-  // (AdcdfError), nothing moved.
+  // but this base name's generations and side files is refused (AdcdfError): nothing is moved.
   void recover(PositionFile& positions);
   // Opens the current generation for appending, creating it empty when it is missing.
   void open_current();
