@@ -217,23 +217,29 @@ Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& p
     for (const GenerationFile& file : files) {
       Loaded entry;
       entry.source = source_;
+      // The entry whose key matches over the most bytes: generations begun on the same day
+      // start with the same header record, so a short key may match an older one too.
       std::map<int64_t, std::string> keys;  // the file's key over so many bytes
+      size_t match = known.size();
       for (size_t i = 0; i < known.size(); ++i) {
         const Loaded& k = known[i];
         if (used[i] || k.key_bytes > static_cast<int64_t>(file.head.size())) continue;
+        if (match < known.size() && k.key_bytes <= known[match].key_bytes) continue;
         auto [at, added] = keys.try_emplace(k.key_bytes);
         if (added) at->second = key_of(std::string_view(file.head).substr(0, k.key_bytes));
-        if (at->second != k.key) continue;
-        used[i] = true;
-        if (k.source != source_) change.taken.push_back(k);
-        entry = k;
+        if (at->second == k.key) match = i;
+      }
+      if (match < known.size()) {
+        used[match] = true;
+        if (known[match].source != source_) change.taken.push_back(known[match]);
+        entry = known[match];
         entry.source = source_;
-        break;
       }
       if (file.size < entry.bytes) {
-        throw ExportError(file.file.name() +
-                          " holds fewer bytes than were loaded from it before (" +
-                          std::to_string(entry.bytes) + "): it was not written by the daemon");
+        // Cut back by the daemon, restarted after a crash, to its last recorded position: it
+        // writes the same records again, and they are loaded once it has got past this point.
+        change.entries.push_back(std::move(entry));
+        continue;
       }
       const int64_t before = entry.bytes;
       reader.read(file, entry);

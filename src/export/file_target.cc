@@ -440,7 +440,8 @@ class JsonlStream final : public Target {
     flush();
     loaded_ = change.entries;
   }
-  void abandon() override { flush(); }
+  // What was flushed is out; the rest of the failed run is not written.
+  void abandon() override { buffer_.clear(); }
 
  private:
   void flush() {

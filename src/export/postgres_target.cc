@@ -187,8 +187,8 @@ class PostgresTarget final : public Target {
          {source});
     create_missing();
     Result state = exec("cannot read " + std::string(kStateTable),
-                        "SELECT source, key_bytes, key, bytes, lines, host, generation_date, "
-                        "first_loaded FROM " +
+                        "SELECT source, key_bytes, key, bytes, lines, host, "
+                        "to_char(generation_date, 'YYYY-MM-DD'), first_loaded FROM " +
                             std::string(kStateTable));
     std::vector<Loaded> loaded;
     for (int i = 0; i < PQntuples(state.get()); ++i) {
@@ -346,6 +346,7 @@ class PostgresTarget final : public Target {
                          " (source text NOT NULL, key_bytes bigint NOT NULL, key text NOT NULL,"
                          " bytes bigint NOT NULL, lines bigint NOT NULL, host text,"
                          " generation_date date, first_loaded bigint NOT NULL);\n";
+    indexes_.clear();
     for (const RecordType& type : record_catalogue()) {
       if (type.type == kHeaderType) continue;
       const std::string table = table_name(type.type);

@@ -165,6 +165,7 @@ class SqliteTarget final : public Target {
                          " bytes INTEGER NOT NULL, lines INTEGER NOT NULL, host TEXT,"
                          " generation_date TEXT, first_loaded INTEGER NOT NULL) STRICT;\n";
     std::vector<std::pair<int, std::string>> inserts;
+    indexes_.clear();
     for (const RecordType& type : record_catalogue()) {
       if (type.type == kHeaderType) continue;
       const std::string table = table_name(type.type);

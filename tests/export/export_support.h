@@ -48,6 +48,7 @@ class PostgresServer {
   }
 
   PostgresServer() : dir_(scratch_.path().string()) {
+    ::setenv("PGDATESTYLE", "SQL, DMY", 1);  // sessions whose dates do not read as ISO ones
     as_owner_ = ::geteuid() == 0 ? "runuser -u nobody -- " : "";
     if (::geteuid() == 0 && ::chown(dir_.c_str(), 65534, 65534) != 0) ADD_FAILURE() << "chown";
     const std::string bin = POSTGRES_BIN;
