@@ -16,13 +16,14 @@ namespace {
 constexpr std::string_view kBlankLine = "\n";
 
 void report_unknown_section(Context& ctx) {
-  std::string entry = "Unknown audit file section: line ";
-  append_number(entry, ctx.giLineno);
-  entry.push_back('\n');
-  entry.append(ctx.gszLine);
-  entry.push_back('\n');
-  if (ctx.trace.on()) ctx.trace.write(entry);
-  ctx.output.errors.append(entry);
+  Buffer& errors = ctx.output.errors;
+  const size_t from = errors.size();
+  errors.append("Unknown audit file section: line ");
+  append_number(errors, ctx.giLineno);
+  errors.push_back('\n');
+  errors.append(ctx.gszLine);
+  errors.push_back('\n');
+  if (ctx.trace.on()) ctx.trace.write(errors.view().substr(from));
 }
 
 // A section whose audit file was replaced or truncated before its blank line arrived.
@@ -86,7 +87,7 @@ bool convert_section(Context& ctx, SectionConverter& converter, const SectionKin
   }
   ctx.output.end_section();
   if (ctx.output.rotation) rotate_for_section(ctx);
-  ++ctx.giLineno;
+  count_up(ctx.giLineno);
   return true;
 }
 
@@ -115,14 +116,14 @@ int adcdf_process_file(Context& ctx) {
     }
     if (!line) break;  // stopped at the end of the file: the empty read is not a line
     if (ctx.gszLine == kBlankLine) {
-      ++ctx.giLineno;
+      count_up(ctx.giLineno);
     } else if (const SectionKind* kind = find_section(ctx.gszLine)) {
       if (!convert_section(ctx, converter, *kind)) break;
-      ++progress.sections;
+      count_up(progress.sections);
       progress.update();
     } else {
       report_unknown_section(ctx);
-      ++ctx.giLineno;
+      count_up(ctx.giLineno);
     }
     ctx.mark_handled();
     commit_when_due(ctx);

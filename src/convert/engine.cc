@@ -55,7 +55,7 @@ int Converter::run() {
   if (def_.counting == Counting::kPassedOver) {
     while (ctx_.next_section_line() != kBlankLine) {
     }
-    ++counter;
+    count_up(counter);
     scope.done();
     return 0;
   }
@@ -63,13 +63,13 @@ int Converter::run() {
   try {
     reset_values();
     if (def_.counting == Counting::kBeforeHeader) {
-      ++counter;
+      count_up(counter);
       counted = true;
     }
     if (def_.recipients == RecipientArrayUse::kBeforeHeader) begin_recipients();
     if (adcdf_get_generic(ctx_) == 1) return 0;
     if (def_.counting == Counting::kAfterHeader) {
-      ++counter;
+      count_up(counter);
       counted = true;
     }
     if (def_.recipients == RecipientArrayUse::kAfterHeader) begin_recipients();
@@ -87,7 +87,7 @@ int Converter::run() {
     }
   } catch (...) {
     // Abandoned at a stop or cut short by the audit file's rotation: not a section converted.
-    if (counted) --counter;
+    if (counted) count_up(counter, -1);
     throw;
   }
 
@@ -161,7 +161,7 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
       value(f) = "yes";
       break;
     case Take::kCount:
-      ++w_.count;
+      count_up(w_.count);
       break;
     case Take::kIgnore:
       break;
@@ -169,14 +169,14 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
       recrep& recipient = next_recipient();
       adcdf_get_recip_line(rules_, line, recipient, w_.recipients.size());
       w_.recipients.store();
-      ++w_.count;
+      count_up(w_.count);
       break;
     }
     case Take::kRecipientInfo: {
       recrep& recipient = next_recipient();
       adcdf_get_recip_info(ctx_, recipient, w_.recipients.size());
       w_.recipients.store();
-      ++w_.count;
+      count_up(w_.count);
       break;
     }
     case Take::kDeliveryReason:

@@ -20,6 +20,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "record/recipients.h"
@@ -74,7 +75,7 @@ enum class Col : uint8_t {
   kLocal,        // 1 when the recipient's queue is local, else 0
   kGateway,      // 1 when the recipient's queue is a gateway's, else 0
   kReason,       // the recipient's non-delivery reason, as a number
-};
+};               // the recipient's columns last, from kCategory on
 
 struct Column {
   Col kind;
@@ -258,7 +259,8 @@ inline constexpr int kTrays = 5;
 
 // Whether a converter's tables fit the engine: every field a keyword or a column names exists
 // (a keyword that stores nothing names none), the four user fields and the ten tray fields lie
-// where the engine looks for them, and a converter that keeps recipients has a recipient record.
+// where the engine looks for them, a converter that keeps recipients has a recipient record, and
+// a section record names no recipient column.
 // Evaluated by a static_assert over each table, so a table that does not fit does not compile.
 constexpr bool well_formed(const ConverterDef& def) {
   auto in_range = [&](int field, int count) {
@@ -291,13 +293,17 @@ constexpr bool well_formed(const ConverterDef& def) {
         break;
     }
   }
-  for (const Layout* layout : {def.section_record, def.recipient_record}) {
+  const std::pair<const Layout*, bool> layouts[] = {{def.section_record, true},
+                                                    {def.recipient_record, false}};
+  for (const auto& [layout, of_section] : layouts) {
     if (layout == nullptr) continue;
     for (const Column& column : layout->columns) {
       bool names_field =
           column.kind == Col::kBare || column.kind == Col::kQuoted || column.kind == Col::kSpaced;
       if (names_field != (column.field != -1)) return false;
       if (names_field && !in_range(column.field, 1)) return false;
+      // The section's own record is written without a recipient.
+      if (of_section && column.kind >= Col::kCategory) return false;
     }
   }
   const bool keeps_recipients = def.recipients != RecipientArrayUse::kNone;

@@ -41,6 +41,12 @@ struct Handled {
 inline constexpr size_t kSectionKinds = 23;
 using Counters = std::array<int, kSectionKinds>;
 
+// Adds `by` to a count, wrapping past the limits of int as a 32-bit counter does instead of
+// overflowing: the line numbers and section counts of a daemon that runs for years.
+constexpr void count_up(int& n, int by = 1) {
+  n = static_cast<int>(static_cast<unsigned>(n) + static_cast<unsigned>(by));
+}
+
 struct Context;
 // Commits the complete sections pending once the oldest has waited long enough (commit.h).
 void commit_when_late(Context& ctx);
@@ -53,7 +59,8 @@ struct Context {
   // the file; throws SectionAbandoned on a stop).
   std::string_view next_section_line() {
     // A long section does not hold back the sections completed before it.
-    if ((++giLineno & 1023) == 0) commit_when_late(*this);
+    count_up(giLineno);
+    if ((giLineno & 1023) == 0) commit_when_late(*this);
     gszLine = input.read_section_line();
     return gszLine;
   }
