@@ -61,6 +61,7 @@ struct Field {
   bool numeric;  // starts as "0" (a bare column) rather than empty
 };
 
+// What a record column holds; the columns of the recipient in hand come last, from kCategory.
 enum class Col : uint8_t {
   kText,         // a constant, written as it stands
   kBare,         // a field, bare
@@ -75,7 +76,7 @@ enum class Col : uint8_t {
   kLocal,        // 1 when the recipient's queue is local, else 0
   kGateway,      // 1 when the recipient's queue is a gateway's, else 0
   kReason,       // the recipient's non-delivery reason, as a number
-};               // the recipient's columns last, from kCategory on
+};
 
 struct Column {
   Col kind;
