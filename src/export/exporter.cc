@@ -18,6 +18,7 @@
 #include "export/values.h"
 #include "support/error.h"
 #include "support/files.h"
+#include "support/hash.h"
 
 namespace adcdf::exporter {
 namespace {
@@ -85,10 +86,9 @@ std::vector<GenerationFile> scan(const std::string& base) {
   return files;
 }
 
-// FNV-1a, 64 bits, in hexadecimal.
+// The content key of a generation's first bytes: their hash in hexadecimal.
 std::string key_of(std::string_view bytes) {
-  uint64_t hash = 14695981039346656037ULL;
-  for (unsigned char c : bytes) hash = (hash ^ c) * 1099511628211ULL;
+  uint64_t hash = fnv1a(bytes);
   char text[17];
   static constexpr char kHex[] = "0123456789abcdef";
   for (int i = 15; i >= 0; --i, hash >>= 4) text[i] = kHex[hash & 15];

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "support/hash.h"
 #include "support/signals.h"
 
 namespace adcdf {
@@ -25,11 +26,7 @@ std::optional<Fingerprint> fingerprint_of(ByteSource& source, long long covered)
   char head[kFingerprintBytes];
   size_t want = static_cast<size_t>(std::clamp<long long>(covered, 0, kFingerprintBytes));
   if (source.read_head(head, want) < want) return std::nullopt;
-  uint64_t hash = 14695981039346656037ULL;  // FNV-1a
-  for (size_t i = 0; i < want; ++i) {
-    hash = (hash ^ static_cast<unsigned char>(head[i])) * 1099511628211ULL;
-  }
-  return Fingerprint{static_cast<uint32_t>(want), hash};
+  return Fingerprint{static_cast<uint32_t>(want), fnv1a(std::string_view(head, want))};
 }
 
 Fingerprint AuditInput::fingerprint(long long covered) {

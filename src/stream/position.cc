@@ -13,18 +13,13 @@
 #include <utility>
 
 #include "support/error.h"
+#include "support/hash.h"
 
 namespace adcdf {
 namespace {
 
 constexpr std::string_view kMagic = "ekadcdf-position 1\n";
 constexpr std::string_view kCheck = "check ";
-
-uint64_t checksum(std::string_view text) {
-  uint64_t hash = 14695981039346656037ULL;  // FNV-1a
-  for (char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
-  return hash;
-}
 
 }  // namespace
 
@@ -42,7 +37,7 @@ std::string encode_position(const Position& p, uint64_t sequence) {
       l.year, l.month, l.day, l.hour, l.minute, l.second, p.checkpoint);
   std::string text(body, static_cast<size_t>(n));
   char check[32];
-  std::snprintf(check, sizeof check, "%016" PRIx64 "\n", checksum(text));
+  std::snprintf(check, sizeof check, "%016" PRIx64 "\n", fnv1a(text));
   return text.append(kCheck).append(check);
 }
 
@@ -53,7 +48,7 @@ std::optional<std::pair<Position, uint64_t>> decode_position(std::string_view sl
   std::string text(slot.substr(0, std::min(slot.size(), check_at + 40)));
   uint64_t check = 0;
   if (std::sscanf(text.c_str() + check_at + kCheck.size(), "%16" SCNx64, &check) != 1 ||
-      check != checksum(slot.substr(0, check_at))) {
+      check != fnv1a(slot.substr(0, check_at))) {
     return std::nullopt;
   }
   Position p;
