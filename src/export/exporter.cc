@@ -38,9 +38,7 @@ struct GenerationFile {
 };
 
 std::pair<std::string, std::string> split_base(const std::string& base) {
-  size_t slash = base.rfind('/');
-  if (slash == std::string::npos) return {".", base};
-  return {slash == 0 ? "/" : base.substr(0, slash), base.substr(slash + 1)};
+  return {directory_of(base), base.substr(base.rfind('/') + 1)};
 }
 
 // The generations of `base`, oldest first, opened at once: a rotation while they are opened

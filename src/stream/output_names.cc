@@ -41,15 +41,12 @@ void OutputNames::check(int maxgen, bool noerr) const {
   if (!noerr) names.push_back(errors());
   for (int i = 0; i < std::clamp(maxgen, 1, kMostGenerations); ++i) names.push_back(generation(i));
 
-  size_t slash = base_.rfind('/');
-  const std::string dir = slash == std::string::npos ? "."
-                          : slash == 0               ? "/"
-                                                     : base_.substr(0, slash);
+  const std::string dir = directory_of(base_);
   // A directory that is not there is reported by the first open.
   const long name_max = ::pathconf(dir.c_str(), _PC_NAME_MAX);
   const long path_max = ::pathconf(dir.c_str(), _PC_PATH_MAX);
   for (const std::string& name : names) {
-    size_t component = name.size() - (slash == std::string::npos ? 0 : slash + 1);
+    const size_t component = name.size() - (name.rfind('/') + 1);  // npos + 1 is 0
     if ((name_max > 0 && component > static_cast<size_t>(name_max)) ||
         (path_max > 0 && name.size() >= static_cast<size_t>(path_max))) {
       raise_file_error(kReasonOpen, "cannot create", name, ENAMETOOLONG);

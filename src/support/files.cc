@@ -199,9 +199,13 @@ std::optional<FileId> file_id(const std::string& name) {
   return FileId{static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)};
 }
 
-void sync_directory_of(const std::string& name) {
+std::string directory_of(const std::string& name) {
   size_t slash = name.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
+}
+
+void sync_directory_of(const std::string& name) {
+  const std::string dir = directory_of(name);
   int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) raise_file_error(kReasonOpen, "cannot open", dir, errno);
   int failed = ::fsync(fd) != 0 ? errno : 0;

@@ -110,6 +110,8 @@ bool file_exists(const std::string& name);
 void refuse_link(const std::string& name);
 // The file at `name`, or nothing when there is none.
 std::optional<FileId> file_id(const std::string& name);
+// The directory `name` is in: "." for a bare name, "/" for one directly under the root.
+std::string directory_of(const std::string& name);
 // Makes the renames and removals done in the directory of `name` durable.
 void sync_directory_of(const std::string& name);
 // Both refuse symbolic links at the names they are given.
