@@ -401,7 +401,7 @@ class JsonlFile final : public Target {
  public:
   explicit JsonlFile(const std::string& file)
       : name_(std::filesystem::path(file).filename()),
-        files_(directory(file), "." + name_ + ".ekadcdf-export-state", {name_}) {}
+        files_(directory_of(file), "." + name_ + ".ekadcdf-export-state", {name_}) {}
 
   std::vector<Loaded> begin(const std::string&) override {
     out_ = nullptr;
@@ -416,11 +416,6 @@ class JsonlFile final : public Target {
   void abandon() override { files_.abandon(); }
 
  private:
-  static std::string directory(const std::string& file) {
-    std::string dir = std::filesystem::path(file).parent_path();
-    return dir.empty() ? "." : dir;
-  }
-
   std::string name_;
   FileSet files_;
   FileSet::Output* out_ = nullptr;
