@@ -457,6 +457,16 @@ std::string table_name(int type) {
   return "cdf_" + std::to_string(type);
 }
 
+std::string event_time_indexes() {
+  std::string sql;
+  for (const RecordType& type : record_catalogue()) {
+    if (type.type == kHeaderType) continue;
+    const std::string table = table_name(type.type);
+    sql += "CREATE INDEX IF NOT EXISTS " + table + "_event_time ON " + table + " (event_time);\n";
+  }
+  return sql;
+}
+
 std::unique_ptr<Target> csv_target(const std::string& directory) {
   return std::make_unique<CsvTarget>(directory);
 }

@@ -265,7 +265,7 @@ class PostgresTarget final : public Target {
     }
     put<int16_t>(rows, -1);
     copy("COPY " + state + " FROM STDIN (FORMAT binary)", rows);
-    if (created_) check(PQexec(conn_, indexes_.c_str()), "cannot index the tables");
+    if (created_) check(PQexec(conn_, event_time_indexes().c_str()), "cannot index the tables");
     exec("cannot commit", "COMMIT");
     created_ = false;
     in_transaction_ = false;
@@ -346,7 +346,6 @@ class PostgresTarget final : public Target {
                          " (source text NOT NULL, key_bytes bigint NOT NULL, key text NOT NULL,"
                          " bytes bigint NOT NULL, lines bigint NOT NULL, host text,"
                          " generation_date date, first_loaded bigint NOT NULL);\n";
-    indexes_.clear();
     for (const RecordType& type : record_catalogue()) {
       if (type.type == kHeaderType) continue;
       const std::string table = table_name(type.type);
@@ -356,8 +355,6 @@ class PostgresTarget final : public Target {
         schema += column.name + (column.type == ValueType::kInteger ? " bigint, " : " text, ");
       }
       schema += "event_time timestamptz, host text, generation_date date, verbatim jsonb);\n";
-      indexes_ +=
-          "CREATE INDEX IF NOT EXISTS " + table + "_event_time ON " + table + " (event_time);\n";
     }
     if (exec("cannot look for the tables", missing).text(0, 0) != "t") return;
     created_ = true;
@@ -369,7 +366,6 @@ class PostgresTarget final : public Target {
   PGconn* conn_ = nullptr;
   bool in_transaction_ = false;
   bool created_ = false;  // this run created the tables
-  std::string indexes_;   // creates their indexes
   std::array<Table, 1000> tables_;
   std::string scratch_;
   std::string verbatim_;

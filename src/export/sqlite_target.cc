@@ -118,7 +118,7 @@ class SqliteTarget final : public Target {
       sqlite3_reset(s);
     }
     // Last: an index made after a table's first load is built at once, not row by row.
-    exec(indexes_);
+    exec(event_time_indexes());
     exec("COMMIT");
     in_transaction_ = false;
   }
@@ -165,7 +165,6 @@ class SqliteTarget final : public Target {
                          " bytes INTEGER NOT NULL, lines INTEGER NOT NULL, host TEXT,"
                          " generation_date TEXT, first_loaded INTEGER NOT NULL) STRICT;\n";
     std::vector<std::pair<int, std::string>> inserts;
-    indexes_.clear();
     for (const RecordType& type : record_catalogue()) {
       if (type.type == kHeaderType) continue;
       const std::string table = table_name(type.type);
@@ -182,8 +181,6 @@ class SqliteTarget final : public Target {
       schema.resize(schema.size() - 2);
       insert.back() = ')';
       schema += ") STRICT;\n";
-      indexes_ +=
-          "CREATE INDEX IF NOT EXISTS " + table + "_event_time ON " + table + " (event_time);\n";
       inserts.emplace_back(type.type, std::move(insert));
     }
     exec(schema);
@@ -197,7 +194,6 @@ class SqliteTarget final : public Target {
   bool in_transaction_ = false;
   bool prepared_ = false;
   std::array<Statement, 1000> inserts_;
-  std::string indexes_;                  // creates the indexes that are missing
   std::array<std::string, 32> scratch_;  // one per column: every bound text stays until the insert
 };
 

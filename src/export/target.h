@@ -74,6 +74,8 @@ std::unique_ptr<Target> postgres_target(const std::string& conninfo);
 
 // The table (or CSV file name without ".csv") of a record type: "cdf_101".
 std::string table_name(int type);
+// The statements that index every table on its event time, where the index is missing.
+std::string event_time_indexes();
 // The columns every row has after the record's own.
 inline constexpr std::string_view kExtraColumns[] = {"event_time", "host", "generation_date"};
 // The state table of the databases.
