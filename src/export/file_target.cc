@@ -210,9 +210,7 @@ class FileSet {
     loaded_.clear();
     const std::string name = path(state_);
     if (!file_exists(name)) return {};
-    const File file = File::read_only(name);
-    std::string text(static_cast<size_t>(file.size()), '\0');
-    text.resize(file.read_at(text.data(), text.size(), 0));
+    const std::string text = File::read_only(name).contents();
     std::vector<std::string> files;
     size_t begin = 0;
     bool titled = false;

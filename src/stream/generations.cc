@@ -15,13 +15,6 @@ namespace {
 
 constexpr std::string_view kJournalEnd = "end";
 
-std::string read_whole(const std::string& name) {
-  File file = File::read_only(name);
-  std::string text(static_cast<size_t>(file.size()), '\0');
-  text.resize(file.read_at(text.data(), text.size(), 0));
-  return text;
-}
-
 }  // namespace
 
 Generations::Generations(std::string base, int maxgen) : names_(std::move(base)), maxgen_(maxgen) {}
@@ -96,7 +89,7 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
 
 void Generations::recover(PositionFile& positions) {
   if (file_exists(names_.journal())) {
-    std::string journal = read_whole(names_.journal());
+    std::string journal = File::read_only(names_.journal()).contents();
     const bool complete = journal.ends_with(kJournalEnd);
     if (complete) journal.resize(journal.size() - kJournalEnd.size());
     size_t position_end = journal.find('\0');

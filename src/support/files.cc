@@ -112,22 +112,33 @@ size_t File::read_at(char* buffer, size_t size, long long offset) const {
   }
 }
 
-long long File::size() const {
+std::string File::contents() const {
+  std::string text(static_cast<size_t>(size()), '\0');
+  text.resize(read_at(text.data(), text.size(), 0));
+  return text;
+}
+
+namespace {
+
+struct stat status_of(int fd, const std::string& name) {
   struct stat st {};
-  if (::fstat(fd_, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name_, errno);
-  return st.st_size;
+  if (::fstat(fd, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name, errno);
+  return st;
+}
+
+}  // namespace
+
+long long File::size() const {
+  return status_of(fd_, name_).st_size;
 }
 
 FileId File::id() const {
-  struct stat st {};
-  if (::fstat(fd_, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name_, errno);
+  const struct stat st = status_of(fd_, name_);
   return {static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino)};
 }
 
 bool File::is_regular() const {
-  struct stat st {};
-  if (::fstat(fd_, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name_, errno);
-  return S_ISREG(st.st_mode);
+  return S_ISREG(status_of(fd_, name_).st_mode);
 }
 
 void File::sync() {

@@ -57,6 +57,8 @@ class File {
   void write_at(std::string_view data, long long offset);
   // Reads up to `size` bytes at `offset`; returns how many were read.
   size_t read_at(char* buffer, size_t size, long long offset) const;
+  // The whole file, from its start.
+  std::string contents() const;
   long long size() const;
   FileId id() const;
   bool is_regular() const;
