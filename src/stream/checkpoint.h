@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "stream/header_record.h"
 #include "support/files.h"
 
 namespace adcdf {
@@ -27,7 +28,7 @@ struct PrefixValues {
   int count = 0;                 // how many were parsed before the first mismatch
 
   bool complete() const { return count == 8; }
-  bool is_header() const { return complete() && values[0] == 999; }
+  bool is_header() const { return complete() && values[0] == kHeaderType; }
 };
 
 PrefixValues parse_prefix(std::string_view line);

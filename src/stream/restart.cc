@@ -3,6 +3,7 @@
 #include <string>
 
 #include "stream/checkpoint.h"
+#include "stream/output_names.h"
 
 namespace adcdf {
 namespace {
@@ -110,7 +111,7 @@ void restore_checkpoint(Context& ctx) {
   } else {
     ctx.trace.printf("File does not exist: %s\n", current.c_str());
   }
-  for (int generation = 1; !newest && generation < 100; ++generation) {
+  for (int generation = 1; !newest && generation < OutputNames::kMostGenerations; ++generation) {
     std::string older = ctx.generations.name(generation);
     if (file_exists(older)) newest = newest_record(File::read_only(older));
   }
