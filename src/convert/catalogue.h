@@ -33,6 +33,9 @@ struct RecordType {
   std::vector<RecordColumn> columns;  // from column 1 on
 };
 
+// Every type code is below this, so tables by type code can be arrays.
+inline constexpr size_t kRecordTypeLimit = 1000;
+
 // Columns 1 to 8, the same in every record.
 inline constexpr size_t kCommonColumns = 8;
 

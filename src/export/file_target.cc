@@ -354,7 +354,7 @@ class CsvTarget final : public Target {
 
   std::string dir_;
   FileSet files_;
-  std::array<FileSet::Output*, 1000> outputs_{};
+  std::array<FileSet::Output*, kRecordTypeLimit> outputs_{};
   std::string scratch_;
 };
 

@@ -366,7 +366,7 @@ class PostgresTarget final : public Target {
   PGconn* conn_ = nullptr;
   bool in_transaction_ = false;
   bool created_ = false;  // this run created the tables
-  std::array<Table, 1000> tables_;
+  std::array<Table, kRecordTypeLimit> tables_;
   std::string scratch_;
   std::string verbatim_;
   Sender sender_{

@@ -32,8 +32,8 @@ class Splitter {
   };
   bool search(std::string_view line, const RecordType& type, std::vector<std::string_view>& values);
 
-  std::array<const RecordType*, 1000> by_type_{};
-  std::array<size_t, 1000> longest_{};  // the longest line each type can have
+  std::array<const RecordType*, kRecordTypeLimit> by_type_{};
+  std::array<size_t, kRecordTypeLimit> longest_{};  // the longest line each type can have
   std::vector<int> commas_;
   std::vector<std::vector<Step>> steps_;  // per column, the ways it can start
   std::vector<Step> next_;                // per comma, the ways the next column can start

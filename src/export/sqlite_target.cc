@@ -193,7 +193,7 @@ class SqliteTarget final : public Target {
   sqlite3* db_ = nullptr;
   bool in_transaction_ = false;
   bool prepared_ = false;
-  std::array<Statement, 1000> inserts_;
+  std::array<Statement, kRecordTypeLimit> inserts_;
   std::array<std::string, 32> scratch_;  // one per column: every bound text stays until the insert
 };
 
