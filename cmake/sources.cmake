@@ -3,9 +3,9 @@
 set(EKADCDF_CORE_SOURCES
     support/buffer.cc support/error.cc support/faults.cc support/files.cc support/notify.cc
     support/pidfile.cc support/signals.cc support/tokenizer.cc support/trace.cc
-    stream/audit_input.cc stream/checkpoint.cc stream/commit.cc stream/generations.cc
+    stream/audit_input.cc stream/audit_sources.cc stream/checkpoint.cc stream/commit.cc stream/generations.cc
     stream/line_reader.cc stream/output_names.cc stream/position.cc stream/restart.cc
-    stream/section_reader.cc
+    stream/rotated_files.cc stream/section_reader.cc
     record/fields.cc record/recipients.cc record/record_writer.cc
     convert/admin.cc convert/catalogue.cc convert/engine.cc convert/gateways.cc convert/notes.cc
     convert/sections.cc convert/subsystem.cc convert/transfer.cc
@@ -18,6 +18,7 @@ function(ekadcdf_add_core name src_dir version)
   add_library(${name} STATIC ${paths})
   target_include_directories(${name} PUBLIC ${src_dir})
   find_package(Threads REQUIRED)
-  target_link_libraries(${name} PUBLIC Threads::Threads)
+  find_package(ZLIB REQUIRED)
+  target_link_libraries(${name} PUBLIC Threads::Threads ZLIB::ZLIB)
   target_compile_definitions(${name} PRIVATE EKADCDF_VERSION="${version}")
 endfunction()

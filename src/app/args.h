@@ -6,7 +6,7 @@
 #include <string>
 
 #include "stream/context.h"
-#include "stream/line_reader.h"
+#include "stream/audit_sources.h"
 #include "support/trace.h"
 
 namespace adcdf {

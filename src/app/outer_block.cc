@@ -29,7 +29,7 @@ int outer_block(int argc, char** argv, Tracer& trace) {
   }
   ParsedArgs args = adcdf_parse_args(argc, argv, trace);
   PollWaiter waiter(trace, args.options.once);
-  AuditInput input(*args.audit, waiter, &trace);
+  AuditInput input(*args.audit, waiter, &trace, args.options.gszAuditFilename);
   Context ctx(args.options, trace, input);
   adcdf_init_vars(ctx);
   // Every name is checked before any file is created. One daemon per base name: the lock comes

@@ -34,6 +34,23 @@ void report_cut_section(Context& ctx, int name_line) {
   ctx.output.errors.append(entry);
 }
 
+// Audit data the daemon could not read: one entry, and the same debug line.
+void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
+  const std::string& name = ctx.options.gszAuditFilename;
+  std::string entry;
+  if (trouble.unreadable) {
+    entry = "Audit file " + name + " cannot be read: " + *trouble.unreadable + "\n";
+  } else {
+    entry = "Audit data lost after line ";
+    append_number(entry, ctx.giLineno - 1);
+    entry += " of " + name;
+    if (trouble.lost >= 0) entry += ": " + std::to_string(trouble.lost) + " bytes";
+    entry.push_back('\n');
+  }
+  ctx.output.errors.append(entry);
+  if (ctx.trace.on()) ctx.trace.write(entry);
+}
+
 // What the service manager is told (see support/notify.h): ready once the run has started, then
 // how far it has got, at most once a second, and that it stops.
 class Progress {
@@ -95,6 +112,7 @@ bool convert_section(Context& ctx, SectionConverter& converter, const SectionKin
 
 int adcdf_process_file(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_process_file");
+  ctx.input.set_report([&ctx](const AuditTrouble& trouble) { report_audit_trouble(ctx, trouble); });
   start_run(ctx);
   SectionConverter converter;
   Progress progress(ctx);
@@ -135,6 +153,7 @@ int adcdf_process_file(Context& ctx) {
   if (ctx.trace.on()) ctx.trace.write(statistics_text(ctx.counters));
   ctx.input.set_before_wait(nullptr);
   ctx.input.set_at_new_file(nullptr);
+  ctx.input.set_report(nullptr);
   ctx.generations.close();
   ctx.errlog.close();
   scope.done();

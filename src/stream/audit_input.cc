@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "support/hash.h"
 #include "support/signals.h"
 
 namespace adcdf {
@@ -22,23 +21,34 @@ void PollWaiter::pause() {
   sleep_interruptible(2);
 }
 
-std::optional<Fingerprint> fingerprint_of(ByteSource& source, long long covered) {
-  char head[kFingerprintBytes];
-  size_t want = static_cast<size_t>(std::clamp<long long>(covered, 0, kFingerprintBytes));
-  if (source.read_head(head, want) < want) return std::nullopt;
-  return Fingerprint{static_cast<uint32_t>(want), fnv1a(std::string_view(head, want))};
+AuditInput::AuditInput(ByteSource& source, Waiter& waiter, Tracer* trace,
+                       std::optional<std::string> name)
+    : initial_(source), source_(&source), reader_(source), waiter_(waiter), trace_(trace) {
+  if (name && source.regular()) files_.emplace(std::move(*name));
 }
 
-Fingerprint AuditInput::fingerprint(long long covered) {
-  if (full_ && covered >= kFingerprintBytes) return *full_;
-  Fingerprint print = fingerprint_of(source_, covered).value_or(Fingerprint{});
-  if (print.length == kFingerprintBytes) full_ = print;
-  return print;
+AuditInput::Resumed AuditInput::resume(long long offset, const Fingerprint& head,
+                                       const FileId& id) {
+  if (!files_) {
+    std::string first(head.length, '\0');
+    first.resize(source_->read_head(first.data(), first.size()));
+    if (source_->size() < offset || fingerprint_of(first) != head) return Resumed::kNo;
+    reader_.reset(*source_, offset);
+    return Resumed::kYes;
+  }
+  std::optional<Resume> found = files_->resume(*source_, offset, head, id);
+  if (!found) return Resumed::kNo;
+  if (found->source) {
+    owned_ = std::move(found->source);
+    source_ = owned_.get();
+    trace_rotated();
+  }
+  reader_.reset(*source_, found->lost ? 0 : offset);
+  return found->lost ? Resumed::kAfterLoss : Resumed::kYes;
 }
 
-void AuditInput::start_at(long long offset) {
-  source_.seek(offset);
-  reader_.reset(offset);
+void AuditInput::trace_rotated() {
+  if (trace_ != nullptr) trace_->printf("Reading rotated audit file %s\n", source_->name().c_str());
 }
 
 std::string_view AuditInput::section_line_after_wait() {
@@ -49,35 +59,83 @@ std::string_view AuditInput::section_line_after_wait() {
 
 std::optional<std::string_view> AuditInput::next(bool in_section) {
   for (;;) {
-    if (auto line = reader_.next()) return line;
-    if (change_ != NameChange::kNone) {
-      if (auto rest = reader_.rest()) return rest;
-      if (switch_file()) {
-        if (in_section) throw SectionCut{};
-        if (at_new_file_) at_new_file_();
+    if (reading_ != Reading::kEnded) {
+      if (auto line = reader_.next()) return line;
+    }
+    if (!in_section && unreadable_) report(AuditTrouble{-1, std::exchange(unreadable_, {})});
+    if (reading_ != Reading::kLive) {
+      if (reading_ == Reading::kDraining) {
+        if (auto rest = reader_.rest()) return rest;
       }
+      if (in_section) throw SectionCut{};
+      take_next();
       continue;
     }
     if (!waiter_.keep_going()) return std::nullopt;
-    change_ = source_.look_at_name();
-    if (change_ != NameChange::kNone) continue;  // read what the old file still holds
+    if (look()) continue;
     if (before_wait_) before_wait_();
     waiter_.pause();
+    // Before anything beyond the offset is read: the file may have been truncated and written
+    // again past it meanwhile.
+    look();
   }
 }
 
-bool AuditInput::switch_file() {
-  NameChange change = std::exchange(change_, NameChange::kNone);
-  if (!source_.reopen_at_name()) return false;
-  reader_.reset(0);
-  full_.reset();
-  if (trace_ != nullptr) {
-    trace_->printf(change == NameChange::kReplaced
-                       ? "Audit file replaced: reading %s from its start\n"
-                       : "Audit file truncated: reading %s from its start\n",
-                   source_.name().c_str());
+bool AuditInput::look() {
+  if (!files_) return false;
+  Look found = files_->look(*source_, reader_.offset(), reader_.head());
+  if (found.unreadable) unreadable_ = std::move(found.unreadable);
+  if (!found.rotated()) return false;
+  if (found.truncated) {
+    // The truncated file is read again later, from its start.
+    NextRead& again = found.plan.back();
+    if (owned_ && owned_.get() == source_) again.source = std::move(owned_);
+  }
+  plan_ = std::move(found.plan);
+  if (found.copy) {
+    owned_ = std::move(found.copy);
+    source_ = owned_.get();
+    trace_rotated();
+    reader_.reset(*source_, reader_.offset());
+    reading_ = Reading::kDraining;
+  } else {
+    reading_ = found.truncated ? Reading::kEnded : Reading::kDraining;
   }
   return true;
+}
+
+void AuditInput::take_next() {
+  while (!plan_.empty()) {
+    NextRead next = std::move(plan_.front());
+    plan_.pop_front();
+    if (next.kind == NextRead::kLost) {
+      report(AuditTrouble{next.lost, std::nullopt});
+      continue;
+    }
+    if (next.source) {
+      owned_ = std::move(next.source);
+      source_ = owned_.get();
+    } else {
+      source_ = &initial_;  // the file opened at start, truncated since
+    }
+    reader_.reset(*source_, next.start);
+    reading_ = next.kind == NextRead::kRotated ? Reading::kDraining : Reading::kLive;
+    if (next.kind == NextRead::kRotated) {
+      trace_rotated();
+    } else if (trace_ != nullptr) {
+      trace_->printf(next.kind == NextRead::kAtName
+                         ? "Audit file replaced: reading %s from its start\n"
+                         : "Audit file truncated: reading %s from its start\n",
+                     source_->name().c_str());
+    }
+    if (at_new_file_) at_new_file_();
+    return;
+  }
+  reading_ = Reading::kLive;
+}
+
+void AuditInput::report(const AuditTrouble& trouble) {
+  if (report_) report_(trouble);
 }
 
 }  // namespace adcdf

@@ -1,110 +1,12 @@
 #include "stream/line_reader.h"
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <utility>
-
-#include "support/error.h"
 
 namespace adcdf {
 
-std::unique_ptr<FileSource> FileSource::open(const std::string& path, const std::string& name) {
-  try {
-    return std::make_unique<FileSource>(File::read_only(path, true), name);
-  } catch (const AdcdfError&) {
-    return nullptr;
-  }
-}
-
-size_t FileSource::read(char* buffer, size_t size) {
-  // read(), not pread(): the descriptor's offset shows how far the daemon has read.
-  for (;;) {
-    ssize_t n = ::read(file_.fd(), buffer, size);
-    if (n >= 0) {
-      position_ += n;
-      return static_cast<size_t>(n);
-    }
-    if (errno != EINTR) raise_file_error(kReasonRead, "cannot read", name_, errno);
-  }
-}
-
-void FileSource::seek(long long offset) {
-  if (offset == position_) return;
-  if (!regular_ || ::lseek(file_.fd(), static_cast<off_t>(offset), SEEK_SET) < 0) {
-    raise_file_error(kReasonRead, "cannot seek in", name_, regular_ ? errno : ESPIPE);
-  }
-  position_ = offset;
-}
-
-NameChange FileSource::look_at_name() {
-  std::optional<FileId> at_name = file_id(name_);
-  if (!regular_ || !at_name) return change_ = NameChange::kNone;
-  if (*at_name != id()) return change_ = NameChange::kReplaced;
-  return change_ = size() < position_ ? NameChange::kTruncated : NameChange::kNone;
-}
-
-bool FileSource::reopen_at_name() {
-  NameChange change = std::exchange(change_, NameChange::kNone);
-  if (change == NameChange::kNone) return false;
-  if (change == NameChange::kReplaced) {
-    // The name may have gone again meanwhile: go on with the old file and look again later.
-    auto now = open(name_, name_);
-    if (!now) return false;
-    file_ = std::move(now->file_);
-  }
-  seek(0);
-  return true;
-}
-
-std::unique_ptr<ByteSource> FileSource::find_renamed(FileId id) const {
-  size_t slash = name_.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : name_.substr(0, slash + 1);
-  DIR* listing = ::opendir(dir.c_str());
-  if (listing == nullptr) return nullptr;
-  std::unique_ptr<ByteSource> found;
-  while (const struct dirent* entry = ::readdir(listing)) {
-    if (entry->d_ino != id.ino) continue;
-    std::string path = (slash == std::string::npos ? "" : dir) + entry->d_name;
-    auto candidate = open(path, name_);
-    if (candidate && candidate->id() == id) {
-      found = std::move(candidate);
-      break;
-    }
-  }
-  ::closedir(listing);
-  return found;
-}
-
-void FileSource::adopt(ByteSource& other) {
-  file_ = std::move(static_cast<FileSource&>(other).file_);
-  change_ = NameChange::kNone;
-  seek(0);
-}
-
-const std::string& ByteSource::name() const {
-  static const std::string kNone;
-  return kNone;
-}
-
-size_t MemorySource::read_head(char* buffer, size_t size) {
-  size_t n = std::min(size, data_.size());
-  std::memcpy(buffer, data_.data(), n);
-  return n;
-}
-
-size_t MemorySource::read(char* buffer, size_t size) {
-  size_t n = std::min(size, data_.size() - pos_);
-  std::memcpy(buffer, data_.data() + pos_, n);
-  pos_ += n;
-  return n;
-}
-
 LineReader::LineReader(ByteSource& source, size_t buffer_size)
-    : source_(source),
+    : source_(&source),
       buffer_(new char[std::max(buffer_size, 2 * kMaxLine)]),
       capacity_(std::max(buffer_size, 2 * kMaxLine)) {}
 
@@ -144,9 +46,13 @@ std::optional<std::string_view> LineReader::rest() {
   return std::string_view(start, length);
 }
 
-void LineReader::reset(long long offset) {
+void LineReader::reset(ByteSource& source, long long offset) {
+  source_ = &source;
+  source.seek(offset);
   begin_ = end_ = first_nul_ = 0;
   base_ = offset;
+  const size_t covered = static_cast<size_t>(std::min<long long>(offset, kFingerprintBytes));
+  head_size_ = offset > 0 ? source.read_head(head_, covered) : 0;
 }
 
 bool LineReader::fill() {
@@ -157,9 +63,15 @@ bool LineReader::fill() {
     first_nul_ -= begin_;
     begin_ = 0;
   }
-  size_t n = source_.read(buffer_.get() + end_, capacity_ - end_);
+  size_t n = source_->read(buffer_.get() + end_, capacity_ - end_);
   size_t old_end = end_;
   end_ += n;
+  if (base_ + static_cast<long long>(old_end) == static_cast<long long>(head_size_) &&
+      head_size_ < kFingerprintBytes) {
+    const size_t more = std::min(n, kFingerprintBytes - head_size_);
+    std::memcpy(head_ + head_size_, buffer_.get() + old_end, more);
+    head_size_ += more;
+  }
   if (first_nul_ >= old_end) {
     first_nul_ = old_end;
     find_nul();

@@ -127,7 +127,7 @@ void PositionFile::write(const Position& position, bool durable) {
     job_.reset();
     put(position, durable);
   }
-  newest_ = position;
+  newest_ = written_ = position;
   written_at_ = std::chrono::steady_clock::now();
 }
 

@@ -84,6 +84,8 @@ class PositionFile {
 
   // The newest position: the newest readable slot, or the one written or handed over since.
   const std::optional<Position>& newest() const { return newest_; }
+  // The position this run last wrote itself (not through the worker).
+  const std::optional<Position>& written() const { return written_; }
   // When this run last wrote or handed over a position, and last handed over anything.
   std::chrono::steady_clock::time_point written_at() const { return written_at_; }
   std::chrono::steady_clock::time_point handed_at() const { return handed_at_; }
@@ -111,6 +113,7 @@ class PositionFile {
   File file_;
   uint64_t sequence_ = 0;  // of the newest slot
   std::optional<Position> newest_;
+  std::optional<Position> written_;
   std::chrono::steady_clock::time_point written_at_, handed_at_;
 
   std::thread worker_;

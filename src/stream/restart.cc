@@ -28,38 +28,22 @@ void report_unparsable(Context& ctx, const PrefixValues& last) {
     ctx.trace.write("Unable to parse date and time on last line of .000 file.\n");
 }
 
-// Whether `source` is the audit file the position was taken in.
-bool same_audit_file(ByteSource& source, const Position& at) {
-  return source.size() >= at.offset && fingerprint_of(source, at.offset) == at.audit_head;
-}
-
-// Checks a position against the files; on success the audit input reads the file the position
-// names (the one at the audit file's name, or the one it was renamed to).
-bool valid(Context& ctx, const Position& at) {
+// Checks a position against the files; on success the audit input reads on from the position in
+// the file it was taken in (the one at the audit file's name, or a rotated one).
+AuditInput::Resumed valid(Context& ctx, const Position& at) {
   std::optional<FileId> current = file_id(ctx.generations.name(0));
   if (!current || *current != at.current_id ||
       File::read_only(ctx.generations.name(0)).size() < at.current_size) {
-    return false;
+    return AuditInput::Resumed::kNo;
   }
   if (!ctx.options.noerr) {
     const std::string errors = ctx.generations.names().errors();
     if (!at.errors_size || !file_exists(errors) ||
         File::read_only(errors).size() < *at.errors_size) {
-      return false;
+      return AuditInput::Resumed::kNo;
     }
   }
-  // Another file at the name may begin as the recorded one did (any file does when nothing had
-  // been read): when the file the position was taken in is still in the directory under another
-  // name and matches, it was renamed away, and what it holds beyond the position comes first.
-  ByteSource& audit = ctx.input.source();
-  if (audit.id() != at.audit_id) {
-    std::unique_ptr<ByteSource> renamed = audit.find_renamed(at.audit_id);
-    if (renamed && same_audit_file(*renamed, at)) {
-      audit.adopt(*renamed);
-      return true;
-    }
-  }
-  return same_audit_file(audit, at);
+  return ctx.input.resume(at.offset, at.audit_head, at.audit_id);
 }
 
 void open_error_file(Context& ctx, const std::optional<Position>& resume) {
@@ -78,7 +62,7 @@ void open_error_file(Context& ctx, const std::optional<Position>& resume) {
   ctx.trace.printf("Opened error file: %s\n", name.c_str());
 }
 
-void resume_at(Context& ctx, const Position& at) {
+void resume_at(Context& ctx, const Position& at, AuditInput::Resumed how) {
   const std::string current = ctx.generations.name(0);
   ctx.trace.printf("File does exist: %s\n", current.c_str());
   {
@@ -91,7 +75,8 @@ void resume_at(Context& ctx, const Position& at) {
   ctx.giLineno = at.line;
   ctx.trace.printf("Check point time: %ld\n", ctx.glGMTcheckpoint);
   ctx.trace.printf("Resuming at line %d of the audit file\n", ctx.giLineno);
-  ctx.input.start_at(at.offset);
+  // Truncated while the daemon was down, with no copy: what it held beyond the position is gone.
+  if (how == AuditInput::Resumed::kAfterLoss) ctx.input.report(AuditTrouble{});
 }
 
 }  // namespace
@@ -128,12 +113,13 @@ void start_run(Context& ctx) {
   ctx.positions.lock(ctx.generations.names().position());
   ctx.generations.recover(ctx.positions);
   std::optional<Position> resume = ctx.positions.newest();
-  if (resume && !valid(ctx, *resume)) resume.reset();
+  const AuditInput::Resumed how = resume ? valid(ctx, *resume) : AuditInput::Resumed::kNo;
+  if (how == AuditInput::Resumed::kNo) resume.reset();
 
   open_error_file(ctx, resume);
   ctx.trace.printf("Opening file: %s\n", ctx.generations.name(0).c_str());
   if (resume) {
-    resume_at(ctx, *resume);
+    resume_at(ctx, *resume, how);
   } else {
     restore_checkpoint(ctx);
     ctx.trace.printf("Check point time: %ld\n", ctx.glGMTcheckpoint);
@@ -170,14 +156,14 @@ void keep_position(Context& ctx, PositionDue due) {
       if (now - positions.written_at() >= milliseconds(1000)) at = position_now(ctx);
       break;
     case PositionDue::kSettled:
-      at = position_now(ctx);
-      if (at == positions.newest()) return;
-      break;
     case PositionDue::kStop:
+      // Everything converted so far is on the disk before the daemon waits or stops, so a kill
+      // while it waits converts nothing again.
       at = position_now(ctx);
+      if (due == PositionDue::kSettled && at == positions.written()) return;
       ctx.errlog.sync();
       ctx.generations.current().sync();
-      positions.write(*at);
+      positions.write(*at, true);
       return;
   }
   if (at == positions.newest()) at.reset();

@@ -16,11 +16,11 @@
 // sections older than the checkpoint are skipped.
 //
 // Positions are written: at start, before anything is appended; with every rotation (by the
-// rotation itself, see generations.h); after commits at most about once a second and at the first
-// wait after something was handled (both by the worker thread of position.h, while the daemon
-// goes on); and at a normal stop. A position is written only after the output files it covers
-// are on the disk, so after a power loss it may lag, which makes the restart convert more again,
-// but never covers data that is not there.
+// rotation itself, see generations.h); after commits at most about once a second (by the worker
+// thread of position.h, while the daemon catches up); and, with the output synced first, before
+// every wait at the end of the audit file when anything changed and at a normal stop. A position is
+// written only after the output files it covers are on the disk, so after a power loss it may lag,
+// which makes the restart convert more again, but never covers data that is not there.
 #pragma once
 
 #include "stream/context.h"
@@ -40,7 +40,7 @@ Position position_now(Context& ctx);
 
 enum class PositionDue {
   kAfterCommit,  // the output synced in the background, a position when a second has passed
-  kSettled,      // before a wait: in the background, when anything changed since the last one
+  kSettled,      // before a wait: now, when anything changed since the last one written
   kStop,         // at a stop: now
 };
 void keep_position(Context& ctx, PositionDue due);

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "support/error.h"
 #include "support/faults.h"
@@ -64,6 +65,23 @@ File File::duplicate(int fd, const std::string& name) {
 
 File File::read_only(const std::string& name, bool follow_links) {
   return open_or_throw(name, O_RDONLY | (follow_links ? 0 : O_NOFOLLOW));
+}
+
+std::optional<File> File::regular_for_reading(const std::string& name, bool follow_links,
+                                              std::string& why) {
+  int fd = ::open(name.c_str(),
+                  O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (follow_links ? 0 : O_NOFOLLOW));
+  if (fd < 0) {
+    why = std::strerror(errno);
+    return std::nullopt;
+  }
+  File file(fd, name);
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    why = "not a regular file";
+    return std::nullopt;
+  }
+  return file;
 }
 
 void File::write_all(std::string_view data) {

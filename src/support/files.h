@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace adcdf {
 
@@ -47,9 +48,15 @@ class File {
   static File duplicate(int fd, const std::string& name);
   // Opens for reading; `follow_links` for a file the daemon only reads (the audit file).
   static File read_only(const std::string& name, bool follow_links = false);
+  // Opens a regular file for reading without ever blocking, whatever is at the name (a FIFO, a
+  // device): nothing, with the reason in `why`, when it cannot be opened or is no regular file.
+  static std::optional<File> regular_for_reading(const std::string& name, bool follow_links,
+                                                 std::string& why);
 
   int fd() const { return fd_; }
   const std::string& name() const { return name_; }
+  // Gives the descriptor up to a new owner, which closes it.
+  int release() { return std::exchange(fd_, -1); }
 
   // Writes all of `data` with as few system calls as the kernel allows.
   void write_all(std::string_view data);

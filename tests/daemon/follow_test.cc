@@ -190,10 +190,9 @@ TEST(DaemonFollow, AuditFileRotatedByRenameOrTruncation) {
       {"renamed while stopped", true, false, first + record("cy", kT + 2) + record("di", kT + 4),
        "Incomplete section dropped at line 13\nUnknown audit file section: line 20\nbogus\n\n",
        "Resuming at line 9 of the audit file\n"},
-      // The position no longer fits: the new file is read under the checkpoint (the newest
-      // record), with the error file started afresh.
+      // The copy holds the position's file: finished from the position, then the truncated file.
       {"truncated while stopped", false, false, first + record("di", kT + 4),
-       "Unknown audit file section: line 5\nbogus\n\n", "Check point time: 1699952401\n"},
+       "Unknown audit file section: line 13\nbogus\n\n", "Reading rotated audit file audit.1\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -254,7 +253,10 @@ TEST(DaemonFollow, StoppedBeforeTheNewAuditFileWasHandledRestartsAtItsStart) {
     if (c.running) {
       fs::rename(box.file("audit"), box.file("audit.1"));
       box.write("audit", c.at_stop);
-      ASSERT_TRUE(first.wait_err("Audit file replaced"));
+      // An empty new file does not end the old one, which may still be written to.
+      if (!c.at_stop.empty()) {
+        ASSERT_TRUE(first.wait_err("Audit file replaced"));
+      }
       ASSERT_TRUE(first.wait_err("waiting...\n", count_of(first.err(), "waiting...\n") + 1));
     }
     EXPECT_EQ(first.stop(), 0);
