@@ -4,7 +4,7 @@
 set -euo pipefail
 # The exporter links SQLite and libpq; its tests start a PostgreSQL server of their own.
 packages=(g++ cmake ninja-build libgtest-dev libgmock-dev python3 libsqlite3-dev libpq-dev
-          postgresql "$@")
+          postgresql logrotate zlib1g-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

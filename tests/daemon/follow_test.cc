@@ -161,72 +161,204 @@ std::string record(const std::string& user, long time) {
          kTail;
 }
 
-// The mail server's log rotation, while the daemon runs and while it is stopped: the old file is
-// renamed away (and may still receive a late section, and end in an incomplete one or in a line
-// without its line feed) and a new one
-// created, or the file is copied and truncated in place. Every section reaches the output exactly
-// once, apart from what the rotation itself loses (an incomplete section, and with copytruncate
-// while stopped the file read again under the checkpoint).
-TEST(DaemonFollow, AuditFileRotatedByRenameOrTruncation) {
-  // Two sections before the rotation, so that the new file is shorter than what was read.
-  const std::string before = section("ann", kT) + section("bob", kT + 1);
-  const std::string late = section("cy", kT + 2);  // into the old file after it was renamed
-  const std::string cut = "subsystem-start\nh " + std::to_string(kT + 3) + "\nuser cut\n";
-  const std::string fresh = section("di", kT + 4) + "bogus\n";
-  const std::string first = record("ann", kT) + record("bob", kT + 1);
-  const struct {
-    const char* name;
-    bool rename, running;
-    std::string output, errors, trace;
-  } cases[] = {
-      // The old file ends in a line without its line feed: a line all the same.
-      {"renamed while running", true, true, first + record("cy", kT + 2) + record("di", kT + 4),
-       "Unknown audit file section: line 13\nbogus-tail\n"
-       "Unknown audit file section: line 18\nbogus\n\n",
-       "Audit file replaced: reading audit from its start\n"},
-      {"truncated while running", false, true, first + record("di", kT + 4),
-       "Unknown audit file section: line 13\nbogus\n\n",
-       "Audit file truncated: reading audit from its start\n"},
-      {"renamed while stopped", true, false, first + record("cy", kT + 2) + record("di", kT + 4),
-       "Incomplete section dropped at line 13\nUnknown audit file section: line 20\nbogus\n\n",
-       "Resuming at line 9 of the audit file\n"},
-      // The copy holds the position's file: finished from the position, then the truncated file.
-      {"truncated while stopped", false, false, first + record("di", kT + 4),
-       "Unknown audit file section: line 13\nbogus\n\n", "Reading rotated audit file audit.1\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    Sandbox box;
-    box.write("audit", before);
-    std::optional<Daemon> daemon(std::in_place, box, kDebugArgs);
-    ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + first));
-    ASSERT_TRUE(daemon->wait_err("waiting...\n"));
-    if (!c.running) {
-      EXPECT_EQ(daemon->stop(), 0);
-    }
-    if (c.rename) {
-      fs::rename(box.file("audit"), box.file("audit.1"));
-      box.append("audit.1", late + (c.running ? "bogus-tail" : cut));
-    } else {
-      box.write("audit.1", box.read("audit"));
-      fs::resize_file(box.file("audit"), 0);
-    }
-    box.append("audit", fresh);
-    if (!c.running) daemon.emplace(box, kDebugArgs);
-    ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + c.output)) << box.read("cdf.000");
-    ASSERT_TRUE(daemon->wait_err("Unknown audit file section"));
-    EXPECT_EQ(daemon->stop(), 0);
-    EXPECT_EQ(box.read("cdf.ERR"), c.errors);
-    EXPECT_NE(daemon->err().find(c.trace), std::string::npos) << daemon->err();
-    // A restart goes on in the new file where the run stopped.
-    box.append("audit", section("eve", kT + 5));
-    daemon.emplace(box, kDebugArgs);
-    ASSERT_TRUE(daemon->wait_err("waiting...\n"));
-    EXPECT_EQ(daemon->stop(), 0);
-    EXPECT_EQ(box.read("cdf.000"), header_record() + c.output + record("eve", kT + 5));
-    EXPECT_EQ(box.read("cdf.ERR"), c.errors);
-  }
+// How the mail server's logs are rotated, by logrotate or by hand, while the daemon runs or
+// while it is stopped. Every section any audit file still holds reaches the output once, in the
+// order the server wrote it; what no file holds any more, and a name that cannot be read, get
+// one error-file entry each. `look` waits until the daemon has looked at the files again.
+struct Rotation {
+  const char* name;
+  bool running;
+  std::function<void(Sandbox&, const std::function<void()>& look)> rotate;
+  std::vector<std::string> users;  // whose sections, after ann's and bob's, reach the output
+  std::string errors, trace;
+};
+
+void run_shell(const std::string& command) {
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
 }
+
+// Two sections before the rotation, so that the new file is shorter than what was read.
+const std::string kBefore = section("ann", kT) + section("bob", kT + 1);
+const std::string kLate = section("cy", kT + 2);
+const std::string kFresh = section("di", kT + 4) + "bogus\n";
+const std::string kUnknownAt13 = "Unknown audit file section: line 13\nbogus\n\n";
+const std::string kUnknownAt17 = "Unknown audit file section: line 17\nbogus\n\n";
+
+void rename_away(Sandbox& box, const std::string& to = "audit.1") {
+  fs::rename(box.file("audit"), box.file(to));
+}
+void copy_and_truncate(Sandbox& box) {
+  box.write("audit.1", box.read("audit"));
+  fs::resize_file(box.file("audit"), 0);
+}
+// Two rename rotations, the middle file holding the late section.
+void rename_twice(Sandbox& box) {
+  rename_away(box);
+  box.write("audit", kLate);
+  fs::rename(box.file("audit.1"), box.file("audit.2"));
+  rename_away(box);
+}
+void not_readable_until_replaced(Sandbox& box, const std::function<void()>& look,
+                                 const std::function<void(const std::string&)> plant) {
+  rename_away(box);
+  plant(box.file("audit"));
+  look();
+  look();
+  fs::remove(box.file("audit"));
+}
+
+const Rotation kRotations[] = {
+    // The old file ends in a line without its line feed: a line all the same.
+    {"RenamedWithALateSection",
+     true,
+     [](Sandbox& box, auto&) {
+       rename_away(box);
+       box.append("audit.1", kLate + "bogus-tail");
+     },
+     {"cy", "di"},
+     "Unknown audit file section: line 13\nbogus-tail\nUnknown audit file section: line 18\n"
+     "bogus\n\n",
+     "Audit file replaced: reading audit from its start\n"},
+    // The new file stays empty for a while: the old one may still be written to.
+    {"RenamedNewFileEmptyWhileTheOldOneIsWritten",
+     true,
+     [](Sandbox& box, auto& look) {
+       rename_away(box);
+       box.write("audit", "");
+       look();
+       box.append("audit.1", kLate);
+       look();
+     },
+     {"cy", "di"},
+     kUnknownAt17,
+     "Audit file replaced: reading audit from its start\n"},
+    {"RenamedTwiceBetweenTwoLooks",
+     true,
+     [](Sandbox& box, auto&) { rename_twice(box); },
+     {"cy", "di"},
+     kUnknownAt17,
+     "Reading rotated audit file audit.1\n"},
+    {"RenamedTwiceWhileStopped",
+     false,
+     [](Sandbox& box, auto&) { rename_twice(box); },
+     {"cy", "di"},
+     kUnknownAt17,
+     "Reading rotated audit file audit.2\n"},
+    // A late section, then one cut short by the rotation, then logrotate's compress.
+    {"RenamedAndCompressedWhileStopped",
+     false,
+     [](Sandbox& box, auto&) {
+       rename_away(box);
+       box.append("audit.1",
+                  kLate + "subsystem-start\nh " + std::to_string(kT + 3) + "\nuser cut\n");
+       run_shell("gzip " + box.file("audit.1"));
+     },
+     {"cy", "di"},
+     "Incomplete section dropped at line 13\nUnknown audit file section: line 20\nbogus\n\n",
+     "Reading rotated audit file audit.1.gz\n"},
+    // copytruncate: the copy holds what was written while the daemon slept.
+    {"CopiedAndTruncatedAfterALateSection",
+     true,
+     [](Sandbox& box, auto&) {
+       box.append("audit", kLate);
+       copy_and_truncate(box);
+     },
+     {"cy", "di"},
+     kUnknownAt17,
+     "Reading rotated audit file audit.1\n"},
+    {"CopiedAndTruncatedWhileStopped",
+     false,
+     [](Sandbox& box, auto&) {
+       box.append("audit", kLate);
+       copy_and_truncate(box);
+       run_shell("gzip " + box.file("audit.1"));
+     },
+     {"cy", "di"},
+     kUnknownAt17,
+     "Reading rotated audit file audit.1.gz\n"},
+    // No copy, and the file written again past the old offset before the daemon looked: only
+    // its beginning tells.
+    {"TruncatedAndRefilledWithoutACopy",
+     true,
+     [](Sandbox& box, auto&) { box.write("audit", std::string(100, '\n')); },
+     {"di"},
+     "Audit data lost after line 8 of audit\nUnknown audit file section: line 113\nbogus\n\n",
+     "Audit file truncated: reading audit from its start\n"},
+    // The file rotated after the one being read was compressed with something the daemon
+    // cannot read.
+    {"RotatedFileThatCannotBeRead",
+     false,
+     [](Sandbox& box, auto&) {
+       rename_twice(box);
+       fs::remove(box.file("audit.1"));
+       box.write("audit.1.gz", "not a gzip stream");
+     },
+     {"di"},
+     "Audit data lost after line 8 of audit\n" + kUnknownAt13,
+     "Audit data lost after line 8 of audit\n"},
+    {"FifoAtTheName",
+     true,
+     [](Sandbox& box, auto& look) {
+       not_readable_until_replaced(
+           box, look, [](const std::string& at) { ASSERT_EQ(::mkfifo(at.c_str(), 0600), 0); });
+     },
+     {"di"},
+     "Audit file audit cannot be read: not a regular file\n" + kUnknownAt13,
+     "Audit file audit cannot be read: not a regular file\n"},
+    {"DirectoryAtTheName",
+     true,
+     [](Sandbox& box, auto& look) {
+       not_readable_until_replaced(box, look,
+                                   [](const std::string& at) { fs::create_directory(at); });
+     },
+     {"di"},
+     "Audit file audit cannot be read: not a regular file\n" + kUnknownAt13,
+     "Audit file audit cannot be read: not a regular file\n"},
+};
+
+void PrintTo(const Rotation& rotation, std::ostream* out) {
+  *out << rotation.name;
+}
+
+class DaemonRotation : public ::testing::TestWithParam<Rotation> {};
+
+TEST_P(DaemonRotation, EverySectionOnceAndEveryGapReported) {
+  const Rotation& c = GetParam();
+  Sandbox box;
+  box.write("audit", kBefore);
+  std::optional<Daemon> daemon(std::in_place, box, kDebugArgs);
+  std::string expected = record("ann", kT) + record("bob", kT + 1);
+  ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + expected));
+  ASSERT_TRUE(daemon->wait_err("waiting...\n"));
+  if (!c.running) {
+    EXPECT_EQ(daemon->stop(), 0);
+  }
+  // Two more waits: the daemon has looked at the files at least once since.
+  auto look = [&] {
+    const size_t waits = count_of(daemon->err(), "waiting...\n");
+    EXPECT_TRUE(!c.running || daemon->wait_err("waiting...\n", waits + 2));
+  };
+  c.rotate(box, look);
+  box.append("audit", kFresh);
+  if (!c.running) daemon.emplace(box, kDebugArgs);
+  const long times[] = {kT + 2, kT + 4};
+  for (const std::string& user : c.users) expected += record(user, times[user == "di"]);
+  ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + expected)) << box.read("cdf.000");
+  ASSERT_TRUE(daemon->wait_err("Unknown audit file section"));
+  EXPECT_EQ(daemon->stop(), 0);
+  EXPECT_EQ(box.read("cdf.ERR"), c.errors);
+  EXPECT_NE(daemon->err().find(c.trace), std::string::npos) << daemon->err();
+  // A restart goes on in the new file where the run stopped.
+  box.append("audit", section("eve", kT + 5));
+  daemon.emplace(box, kDebugArgs);
+  ASSERT_TRUE(daemon->wait_err("waiting...\n"));
+  EXPECT_EQ(daemon->stop(), 0);
+  EXPECT_EQ(box.read("cdf.000"), header_record() + expected + record("eve", kT + 5));
+  EXPECT_EQ(box.read("cdf.ERR"), c.errors);
+}
+
+INSTANTIATE_TEST_SUITE_P(ByHand, DaemonRotation, ::testing::ValuesIn(kRotations),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // Stopped before anything of the file now at the audit file's name was handled: the restart reads
 // that file from its start, after what the old one (renamed away) still holds beyond the position.
