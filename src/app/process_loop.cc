@@ -42,7 +42,7 @@ void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
     entry = "Audit file " + name + " cannot be read: " + *trouble.unreadable + "\n";
   } else {
     entry = "Audit data lost after line ";
-    append_number(entry, ctx.giLineno - 1);
+    append_number(entry, trouble.after_line >= 0 ? trouble.after_line : ctx.giLineno - 1);
     entry += " of " + name;
     if (trouble.lost >= 0) entry += ": " + std::to_string(trouble.lost) + " bytes";
     entry.push_back('\n');

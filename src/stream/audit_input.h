@@ -66,6 +66,7 @@ class PollWaiter : public Waiter {
 struct AuditTrouble {
   long long lost = -1;
   std::optional<std::string> unreadable;
+  int after_line = -1;  // the last line read before the gap, when not the line just read
 };
 
 class AuditInput {

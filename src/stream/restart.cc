@@ -30,7 +30,7 @@ void report_unparsable(Context& ctx, const PrefixValues& last) {
 
 // Checks a position against the files; on success the audit input reads on from the position in
 // the file it was taken in (the one at the audit file's name, or a rotated one).
-AuditInput::Resumed valid(Context& ctx, const Position& at) {
+AuditInput::Resumed valid(Context& ctx, const Position& at, bool& outputs_match) {
   std::optional<FileId> current = file_id(ctx.generations.name(0));
   if (!current || *current != at.current_id ||
       File::read_only(ctx.generations.name(0)).size() < at.current_size) {
@@ -43,6 +43,7 @@ AuditInput::Resumed valid(Context& ctx, const Position& at) {
       return AuditInput::Resumed::kNo;
     }
   }
+  outputs_match = true;
   return ctx.input.resume(at.offset, at.audit_head, at.audit_id);
 }
 
@@ -113,7 +114,13 @@ void start_run(Context& ctx) {
   ctx.positions.lock(ctx.generations.names().position());
   ctx.generations.recover(ctx.positions);
   std::optional<Position> resume = ctx.positions.newest();
-  const AuditInput::Resumed how = resume ? valid(ctx, *resume) : AuditInput::Resumed::kNo;
+  bool outputs_match = false;
+  const AuditInput::Resumed how =
+      resume ? valid(ctx, *resume, outputs_match) : AuditInput::Resumed::kNo;
+  // The output is the position's, but its audit file is nowhere (removed, or compressed with
+  // something else than gzip while the daemon was down): what it held beyond the position is
+  // lost, and the start goes on without a position.
+  const int lost_after = outputs_match && how == AuditInput::Resumed::kNo ? resume->line - 1 : -1;
   if (how == AuditInput::Resumed::kNo) resume.reset();
 
   open_error_file(ctx, resume);
@@ -123,6 +130,7 @@ void start_run(Context& ctx) {
   } else {
     restore_checkpoint(ctx);
     ctx.trace.printf("Check point time: %ld\n", ctx.glGMTcheckpoint);
+    if (lost_after >= 0) ctx.input.report(AuditTrouble{-1, std::nullopt, lost_after});
   }
   ctx.generations.open_current();
   ctx.mark_handled();

@@ -200,8 +200,10 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
        false, false, again, junk + bogus},
       {"error file shorter", [](const TempDir& d) { d.write("b.ERR", "x"); }, "", false, false,
        again, junk + bogus},
+      // The position's audit file is nowhere: what it held beyond the position is reported lost.
       {"audit file begins otherwise", [](const TempDir&) {}, "\n", false, false, again,
-       "Skipped line: 11\nLine = junk\n\nUnknown audit file section: line 18\nbogus\n\n"},
+       "Audit data lost after line 11 of \nSkipped line: 11\nLine = junk\n\nUnknown audit file "
+       "section: line 18\nbogus\n\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
