@@ -184,12 +184,12 @@ int main(int argc, char** argv) {
                           : kind == kJsonl  ? jsonl_target(where)
                           : kind == kSqlite ? sqlite_target(where)
                                             : postgres_target(where));
-    write_export_metrics(metrics, target, 0);
+    write_export_metrics(metrics, base, target, 0);
     try {
       for (;;) {
         Totals run = exporter.run(target, [&](const Totals& t) { progress.update(t); });
         progress.finish(run);
-        write_export_metrics(metrics, target, progress.done().rejected);
+        write_export_metrics(metrics, base, target, progress.done().rejected);
         if (!follow) break;
         for (int tick = 0; tick < 10 && !g_stop; ++tick) {
           std::this_thread::sleep_for(std::chrono::milliseconds(100));

@@ -32,9 +32,10 @@ void CountingTarget::abandon() {
   inner_->abandon();
 }
 
-void write_export_metrics(const std::string& path, const CountingTarget& target, int64_t rejected) {
+void write_export_metrics(const std::string& path, const std::string& base,
+                          const CountingTarget& target, int64_t rejected) {
   if (path.empty()) return;
-  Textfile t;
+  Textfile t("base", base);
   t.metric("ekadcdf_export_rows_loaded_total", "counter",
            "Rows loaded and committed, by table, since the exporter started.");
   const auto types = record_catalogue();

@@ -32,7 +32,9 @@ class CountingTarget : public Target {
   int64_t committed_at_ = 0;
 };
 
-// Writes the figures to `path` when it is not empty; a failure does not stop the exporter.
-void write_export_metrics(const std::string& path, const CountingTarget& target, int64_t rejected);
+// Writes the figures of the exporter of `base` to `path` when it is not empty; a failure does not
+// stop the exporter.
+void write_export_metrics(const std::string& path, const std::string& base,
+                          const CountingTarget& target, int64_t rejected);
 
 }  // namespace adcdf::exporter

@@ -7,6 +7,28 @@
 
 namespace adcdf {
 
+namespace {
+
+// A label: name="value", with backslash, double quote and newline escaped.
+std::string label_text(std::string_view label, std::string_view value) {
+  std::string text(label);
+  text.append("=\"");
+  for (char c : value) {
+    if (c == '\\' || c == '"') text.push_back('\\');
+    if (c == '\n') {
+      text.append("\\n");
+    } else {
+      text.push_back(c);
+    }
+  }
+  return text.append("\"");
+}
+
+}  // namespace
+
+Textfile::Textfile(std::string_view label, std::string_view value)
+    : common_(label_text(label, value)) {}
+
 void Textfile::metric(std::string_view name, std::string_view type, std::string_view help) {
   name_ = name;
   text_.append("# HELP ").append(name).append(" ").append(help).append("\n");
@@ -14,9 +36,9 @@ void Textfile::metric(std::string_view name, std::string_view type, std::string_
 }
 
 void Textfile::sample(int64_t number, std::string_view label, std::string_view value) {
-  text_.append(name_);
-  if (!label.empty()) text_.append("{").append(label).append("=\"").append(value).append("\"}");
-  text_.append(" ").append(std::to_string(number)).append("\n");
+  text_.append(name_).append("{");
+  if (!label.empty()) text_.append(label_text(label, value)).append(",");
+  text_.append(common_).append("} ").append(std::to_string(number)).append("\n");
 }
 
 void write_textfile(const std::string& path, std::string_view text) {

@@ -20,17 +20,21 @@ namespace adcdf {
 
 class Textfile {
  public:
+  // Every sample carries the label `label`="`value`" (what tells the files of several daemons
+  // apart in the node exporter, which refuses samples it was given twice).
+  Textfile(std::string_view label, std::string_view value);
   // Begins a metric: its "# HELP" and "# TYPE" lines. `type` is "counter" or "gauge"; a counter's
   // name ends in "_total".
   void metric(std::string_view name, std::string_view type, std::string_view help);
-  // A sample of the metric begun last, without a timestamp. `label` and `value` name one label,
-  // or are both empty; the value holds no quote, backslash or newline.
+  // A sample of the metric begun last, without a timestamp, with one more label when `label`
+  // is not empty.
   void sample(int64_t number, std::string_view label = {}, std::string_view value = {});
   const std::string& text() const { return text_; }
 
  private:
   std::string text_;
   std::string name_;
+  std::string common_;  // the common label, escaped
 };
 
 // Replaces the file `path` with `text` as described above. Throws AdcdfError when it cannot.
