@@ -52,6 +52,8 @@ for unit in ekadcdf.service ekadcdf@mail1.service ekadcdf-export.service \
   awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.5) }' || fail "$unit: exposure $exposure"
 done
 
+# As a unit's StateDirectory= leaves it before it ever writes: an empty state directory goes.
+install -d -o ekadcdf -g ekadcdf -m 0750 /var/lib/ekadcdf
 DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq ekadcdf >/dev/null
 dpkg-query -W -f='${Status}' ekadcdf 2>/dev/null | grep -q installed && fail "still installed"
 while read -r f; do

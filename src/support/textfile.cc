@@ -36,9 +36,10 @@ void Textfile::metric(std::string_view name, std::string_view type, std::string_
 }
 
 void Textfile::sample(int64_t number, std::string_view label, std::string_view value) {
-  text_.append(name_).append("{");
-  if (!label.empty()) text_.append(label_text(label, value)).append(",");
-  text_.append(common_).append("} ").append(std::to_string(number)).append("\n");
+  // The common label first: "base" sorts before the others, as the node exporter shows them.
+  text_.append(name_).append("{").append(common_);
+  if (!label.empty()) text_.append(",").append(label_text(label, value));
+  text_.append("} ").append(std::to_string(number)).append("\n");
 }
 
 void write_textfile(const std::string& path, std::string_view text) {
