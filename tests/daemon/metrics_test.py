@@ -42,22 +42,30 @@ audit, base = os.path.join(work, "audit"), os.path.join(work, "cdf")
 daemon_prom, export_prom = os.path.join(prom, "ekadcdf.prom"), os.path.join(prom, "export.prom")
 node = None
 try:
-    # The sample, then a section with a line its converter does not know and an unknown section.
-    with open(args.sample) as f, open(audit, "w") as out:
-        out.write(f.read() + "request\naudit 1791072700\nbogus line\n\nno-such-section\n\n")
-    daemon = subprocess.Popen([args.binary, "-a", audit, "-b", base, "--metrics", daemon_prom],
-                              env=dict(os.environ, TZ="UTC"), stdout=subprocess.DEVNULL)
-    # Written at start, then every few seconds while following: wait for the converted figures.
-    wait_for("the daemon's figures", lambda: os.path.exists(daemon_prom) and samples(
-        open(daemon_prom).read()).get(f'ekadcdf_records_written_total{{base="{base}"}}') == "16")
+    # The sample with --once: the file written at the stop holds its figures.
+    shutil.copy(args.sample, audit)
+    run = [args.binary, "-a", audit, "-b", base, "--metrics", daemon_prom]
+    env = dict(os.environ, TZ="UTC")
+    subprocess.run(run + ["--once"], env=env, stdout=subprocess.DEVNULL, check=True)
+    once = samples(open(daemon_prom).read())
+    key = f'ekadcdf_records_written_total{{base="{base}"}}'
+    check(once.get(key) == "15", f"after --once, {key} is {once.get(key)}, not 15")
+    # Then a section with a line its converter does not know and an unknown section, which a
+    # following daemon converts; its file shows them within seconds, before any stop.
+    with open(audit, "a") as out:
+        out.write("request\naudit 1791072700\nbogus line\n\nno-such-section\n\n")
+    daemon = subprocess.Popen(run, env=env, stdout=subprocess.DEVNULL)
+    wait_for("the following daemon's figures", lambda: samples(open(daemon_prom).read()).get(
+        f'ekadcdf_error_entries_total{{base="{base}",cause="unknown_section"}}') == "1")
     daemon.send_signal(signal.SIGTERM)
     check(daemon.wait(30) == 0, "the daemon stops with status 0")
     figures = samples(open(daemon_prom).read())
     expect = {f'ekadcdf_error_entries_total{{base="{base}",cause="{cause}"}}': n for cause, n in
-              [("unknown_section", "3"), ("skipped_line", "1"), ("dropped_section", "0"),
+              [("unknown_section", "1"), ("skipped_line", "1"), ("dropped_section", "0"),
                ("audit_data_lost", "0")]}
     expect[f'ekadcdf_sections_converted_total{{base="{base}",kind="Request-server"}}'] = "1"
-    expect[f'ekadcdf_generations_rotated_total{{base="{base}"}}'] = "2"
+    expect[key] = "1"
+    expect[f'ekadcdf_generations_rotated_total{{base="{base}"}}'] = "0"
     expect[f'ekadcdf_audit_unread_bytes{{base="{base}"}}'] = "0"
     expect[f'ekadcdf_last_section_timestamp_seconds{{base="{base}"}}'] = "1791072700"
     for key, value in expect.items():
