@@ -40,7 +40,7 @@ prom = os.path.join(work, "textfile")
 os.mkdir(prom)
 audit, base = os.path.join(work, "audit"), os.path.join(work, "cdf")
 daemon_prom, export_prom = os.path.join(prom, "ekadcdf.prom"), os.path.join(prom, "export.prom")
-node = None
+node = daemon = None
 try:
     # The sample with --once: the file written at the stop holds its figures.
     shutil.copy(args.sample, audit)
@@ -54,7 +54,7 @@ try:
     # following daemon converts; its file shows them within seconds, before any stop.
     with open(audit, "a") as out:
         out.write("request\naudit 1791072700\nbogus line\n\nno-such-section\n\n")
-    daemon = subprocess.Popen(run, env=env, stdout=subprocess.DEVNULL)
+    daemon = subprocess.Popen(run, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     wait_for("the following daemon's figures", lambda: samples(open(daemon_prom).read()).get(
         f'ekadcdf_error_entries_total{{base="{base}",cause="unknown_section"}}') == "1")
     daemon.send_signal(signal.SIGTERM)
@@ -110,9 +110,10 @@ try:
         got = served.get(key)
         check(got is not None and float(got) == float(value), f"/metrics: {key} {got}, not {value}")
 finally:
-    if node:
-        node.terminate()
-        node.wait(10)
+    for process in (node, daemon):
+        if process and process.poll() is None:
+            process.kill()
+            process.wait(10)
     shutil.rmtree(work)
 print("metrics: %d failures" % len(failures))
 sys.exit(1 if failures else 0)
