@@ -1,29 +1,38 @@
 # What `cmake --install` puts under the prefix: the daemon in sbin and the exporter in bin, their
-# manual pages in man8 and man1, the record reference and the example instance settings in the
-# documentation directory, and the systemd units (ekadcdf.service for one mail server,
-# ekadcdf@.service for several).
+# manual pages in man8 and man1, the record reference and the example settings in the
+# documentation directory, the systemd units (ekadcdf.service and ekadcdf-export.service for one
+# mail server, ekadcdf@.service and ekadcdf-export@.service for several) and the exporter units'
+# start script in libexec/ekadcdf. Every destination is relative to the prefix; the Debian
+# package puts the settings file into /etc and creates the account itself (debian/).
 #
-# The units' ExecStart names the installed daemon, so the units are written at install time, when
-# the prefix given to `cmake --install --prefix` is known.
+# The units and the script name the installed programs, so they are written at install time,
+# when the prefix given to `cmake --install --prefix` is known.
 #
 # Run with `cmake -P` (the systemd_unit and systemd_unit_sandbox tests), this file checks the
 # units instead.
 
 # Each shipped unit, and the unit name the checks load it as (an instance for the template).
-set(EKADCDF_UNITS "ekadcdf.service=ekadcdf.service" "ekadcdf@.service=ekadcdf@mail1.service")
+set(EKADCDF_UNITS "ekadcdf.service=ekadcdf.service" "ekadcdf@.service=ekadcdf@mail1.service"
+    "ekadcdf-export.service=ekadcdf-export.service"
+    "ekadcdf-export@.service=ekadcdf-export@mail1.service")
+# The installed programs' paths as the files in packaging/ name them (under the default prefix).
+set(EKADCDF_DEFAULT_SCRIPT "/usr/local/libexec/ekadcdf/export-service")
 
 if(CMAKE_SCRIPT_MODE_FILE)
   # Copies of the units that name the built daemon, and the manual page where `man` finds it,
   # since `systemd-analyze verify` checks both.
   file(REMOVE_RECURSE ${WORK_DIR})
-  file(MAKE_DIRECTORY ${WORK_DIR}/man8)
+  file(MAKE_DIRECTORY ${WORK_DIR}/man8 ${WORK_DIR}/man1)
   file(COPY ${SOURCE_DIR}/packaging/ekadcdf.8 DESTINATION ${WORK_DIR}/man8)
+  file(COPY ${SOURCE_DIR}/packaging/ekadcdf-export.1 DESTINATION ${WORK_DIR}/man1)
   set(ENV{MANPATH} ${WORK_DIR})
   foreach(entry IN LISTS EKADCDF_UNITS)
     string(REGEX REPLACE "=.*" "" file "${entry}")
     string(REGEX REPLACE ".*=" "" name "${entry}")
     file(READ ${SOURCE_DIR}/packaging/${file} unit)
     string(REPLACE "${DEFAULT_BINARY}" "${BINARY}" unit "${unit}")
+    string(REPLACE "${EKADCDF_DEFAULT_SCRIPT}" "${SOURCE_DIR}/packaging/export-service" unit
+                   "${unit}")
     file(WRITE ${WORK_DIR}/${file} "${unit}")
     if(CHECK STREQUAL "verify")
       # systemd's own check: any complaint naming the unit or the daemon fails.
@@ -40,9 +49,11 @@ if(CMAKE_SCRIPT_MODE_FILE)
         message(FATAL_ERROR
                 "${file} must run as a dedicated account: User=, not root, not DynamicUser=")
       endif()
-      if(NOT unit MATCHES "\nUMask=0027\n")
-        message(FATAL_ERROR "${file} must set UMask=0027")
-      endif()
+      foreach(line "UMask=0027" "NoNewPrivileges=yes" "ProtectSystem=strict" "MemoryMax=[0-9]+M")
+        if(NOT unit MATCHES "\n${line}\n")
+          message(FATAL_ERROR "${file} must set ${line}")
+        endif()
+      endforeach()
       execute_process(COMMAND ${ANALYZE} security --offline=true --no-pager ${WORK_DIR}/${name}
                       RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)
       if(NOT out MATCHES "Overall exposure level for [^:]+: ([0-9.]+)")
@@ -58,34 +69,48 @@ if(CMAKE_SCRIPT_MODE_FILE)
   return()
 endif()
 
-set(EKADCDF_SYSTEMD_UNIT_DIR "lib/systemd/system"
-    CACHE STRING "Directory of the systemd units: relative to the install prefix, or absolute")
-
 install(TARGETS ekadcdf RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS ekadcdf-export RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/ekadcdf.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-# What `cmake --install` puts under the prefix: the daemon in sbin and the exporter in bin, their
-# manual pages in man8 and man1, the record reference and the example instance settings in the
-# documentation directory, and the systemd units (ekadcdf.service for one mail server,
-# ekadcdf@.service for several).
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/ekadcdf-export.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${CMAKE_SOURCE_DIR}/docs/records.md ${CMAKE_SOURCE_DIR}/packaging/example.conf
+        DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
-# The units in the source tree name the daemon under the default prefix.
+# The units and the start script, with /usr/local/{sbin,bin,libexec}/ replaced by the installed
+# directories. Units go to lib/systemd/system under the prefix (Debian 12's unit directory for
+# packages installed under /usr).
+set(EKADCDF_SYSTEMD_UNIT_DIR "lib/systemd/system"
+    CACHE STRING "Directory of the systemd units, relative to the install prefix")
 set(EKADCDF_UNIT_DEFAULT_BINARY "/usr/local/sbin/ekadcdf")
+set(installed_files "export-service=${CMAKE_INSTALL_LIBEXECDIR}/ekadcdf")
 foreach(entry IN LISTS EKADCDF_UNITS)
   string(REGEX REPLACE "=.*" "" file "${entry}")
+  list(APPEND installed_files "${file}=${EKADCDF_SYSTEMD_UNIT_DIR}")
+endforeach()
+foreach(entry IN LISTS installed_files)
+  string(REGEX REPLACE "=.*" "" file "${entry}")
+  string(REGEX REPLACE ".*=" "" destination "${entry}")
+  set(permissions OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+  if(file STREQUAL "export-service")
+    list(APPEND permissions OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
+  endif()
   install(CODE "
-    set(sbindir \"${CMAKE_INSTALL_SBINDIR}\")
-    if(NOT IS_ABSOLUTE \"\${sbindir}\")
-      set(sbindir \"\${CMAKE_INSTALL_PREFIX}/\${sbindir}\")
-    endif()
-    set(unitdir \"${EKADCDF_SYSTEMD_UNIT_DIR}\")
-    if(NOT IS_ABSOLUTE \"\${unitdir}\")
-      set(unitdir \"\${CMAKE_INSTALL_PREFIX}/\${unitdir}\")
-    endif()
-    file(READ \"${CMAKE_SOURCE_DIR}/packaging/${file}\" unit)
-    string(REPLACE \"${EKADCDF_UNIT_DEFAULT_BINARY}\" \"\${sbindir}/ekadcdf\" unit \"\${unit}\")
-    file(WRITE \"${CMAKE_BINARY_DIR}/packaging/${file}\" \"\${unit}\")
-    file(INSTALL \"${CMAKE_BINARY_DIR}/packaging/${file}\" DESTINATION \"\${unitdir}\")
+    set(text \"\")
+    file(READ \"${CMAKE_SOURCE_DIR}/packaging/${file}\" text)
+    foreach(dir sbin=${CMAKE_INSTALL_SBINDIR} bin=${CMAKE_INSTALL_BINDIR}
+                libexec=${CMAKE_INSTALL_LIBEXECDIR})
+      string(REGEX REPLACE \"=.*\" \"\" default \"\${dir}\")
+      string(REGEX REPLACE \".*=\" \"\" installed \"\${dir}\")
+      if(NOT IS_ABSOLUTE \"\${installed}\")
+        set(installed \"\${CMAKE_INSTALL_PREFIX}/\${installed}\")
+      endif()
+      string(REPLACE \"/usr/local/\${default}/\" \"\${installed}/\" text \"\${text}\")
+    endforeach()
+    file(WRITE \"${CMAKE_BINARY_DIR}/packaging/${file}\" \"\${text}\")
+    file(INSTALL \"${CMAKE_BINARY_DIR}/packaging/${file}\"
+         DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${destination}\"
+         FILE_PERMISSIONS ${permissions})
   ")
 endforeach()
 

@@ -2,14 +2,15 @@
 # Google Benchmark program. Paths are relative to the repository's src/ folder.
 set(EKADCDF_CORE_SOURCES
     support/buffer.cc support/error.cc support/faults.cc support/files.cc support/notify.cc
-    support/pidfile.cc support/signals.cc support/tokenizer.cc support/trace.cc
-    stream/audit_input.cc stream/audit_sources.cc stream/checkpoint.cc stream/commit.cc stream/generations.cc
+    support/pidfile.cc support/signals.cc support/textfile.cc support/tokenizer.cc support/trace.cc
+    stream/audit_input.cc stream/audit_sources.cc stream/checkpoint.cc stream/commit.cc
+    stream/generations.cc
     stream/line_reader.cc stream/output_names.cc stream/position.cc stream/restart.cc
     stream/rotated_files.cc stream/section_reader.cc
     record/fields.cc record/recipients.cc record/record_writer.cc
     convert/admin.cc convert/catalogue.cc convert/engine.cc convert/gateways.cc convert/notes.cc
     convert/sections.cc convert/subsystem.cc convert/transfer.cc
-    app/args.cc app/outer_block.cc app/process_loop.cc)
+    app/args.cc app/metrics.cc app/outer_block.cc app/process_loop.cc)
 
 # A static library `name` of those sources under `src_dir`, which its users include from, with
 # the version string the program reports.

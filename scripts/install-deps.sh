@@ -1,10 +1,24 @@
 #!/usr/bin/env bash
-# Installs what building and testing ekadcdf needs on a Debian machine, skipping what is there.
-# Usage: scripts/install-deps.sh [extra-package ...]
+# Installs what ekadcdf needs on a Debian machine, skipping what is there.
+# Usage: scripts/install-deps.sh [--test] [--package] [extra-package ...]
+#   (nothing)  building the daemon, the exporter and their unit tests, and running the sample:
+#              no server of any kind
+#   --test     also what the whole test suite runs: a PostgreSQL server (the exporter's tests
+#              start one of their own), logrotate (the rotation tests drive it), promtool and
+#              the node exporter (the metrics test starts one on loopback), systemd-analyze and
+#              groff (the unit and manual page checks)
+#   --package  also what building and checking the Debian package needs (the Build-Depends of
+#              debian/control, dpkg-buildpackage, lintian)
 set -euo pipefail
-# The exporter links SQLite and libpq; its tests start a PostgreSQL server of their own.
-packages=(g++ cmake ninja-build libgtest-dev libgmock-dev python3 libsqlite3-dev libpq-dev
-          postgresql logrotate zlib1g-dev "$@")
+packages=(g++ cmake ninja-build libgtest-dev libgmock-dev python3 libsqlite3-dev libpq-dev sqlite3
+          zlib1g-dev)
+for arg in "$@"; do
+  case "$arg" in
+    --test) packages+=(postgresql logrotate prometheus prometheus-node-exporter systemd groff-base) ;;
+    --package) packages+=(dpkg-dev debhelper lintian devscripts equivs) ;;
+    *) packages+=("$arg") ;;
+  esac
+done
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -21,6 +21,14 @@ const char kUsageText[] =
     "-d             = print debug messages to stderr.\n"
     "-e             = do not write information to the errorlog.\n\n";
 
+const char kAddedOptions[] =
+    "Further options:\n"
+    "--once         = stop at the end of the audit file instead of waiting for more.\n"
+    "--metrics file = write figures for Prometheus (the node exporter's textfile format) to\n"
+    "                 file at start, every few seconds and at a stop.\n"
+    "--version      = print the version and exit (alone).\n"
+    "--help         = print this text and exit (alone).\n";
+
 namespace {
 
 [[noreturn]] void fail(Tracer& trace, const char* message) {
@@ -68,6 +76,9 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
       o.noerr = true;
     } else if (arg == "--once") {
       o.once = true;
+    } else if (arg == "--metrics") {
+      ++i;
+      if (value != nullptr) o.metrics = value;
     }
   }
   if (!audit_given) {

@@ -1,5 +1,5 @@
 // The command line: "ekadcdf -a auditfile -b basecdffile [-g maxgen] [-x] [-d] [-e]", and
-// "--once" anywhere among the arguments (stop at the end of the audit file).
+// "--once" (stop at the end of the audit file) and "--metrics file" anywhere among the arguments.
 #pragma once
 
 #include <memory>
@@ -12,6 +12,8 @@
 namespace adcdf {
 
 extern const char kUsageText[];
+// What --help prints after the usage text: the options beyond it.
+extern const char kAddedOptions[];
 
 struct ParsedArgs {
   Options options;

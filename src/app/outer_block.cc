@@ -67,6 +67,7 @@ int run_daemon(int argc, char** argv) {
   }
   if (argc == 2 && std::string_view(argv[1]) == "--help") {
     std::fputs(kUsageText, stdout);
+    std::fputs(kAddedOptions, stdout);
     return 0;
   }
   bContinue = 1;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "app/metrics.h"
 #include "convert/sections.h"
 #include "record/record_writer.h"
 #include "stream/commit.h"
@@ -23,6 +24,7 @@ void report_unknown_section(Context& ctx) {
   errors.push_back('\n');
   errors.append(ctx.gszLine);
   errors.push_back('\n');
+  ++ctx.metrics.errors.unknown_section;
   if (ctx.trace.on()) ctx.trace.write(errors.view().substr(from));
 }
 
@@ -32,6 +34,7 @@ void report_cut_section(Context& ctx, int name_line) {
   append_number(entry, name_line);
   entry.push_back('\n');
   ctx.output.errors.append(entry);
+  ++ctx.metrics.errors.dropped_section;
 }
 
 // Audit data the daemon could not read: one entry, and the same debug line.
@@ -55,18 +58,21 @@ void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
 // how far it has got, at most once a second, and that it stops.
 class Progress {
  public:
-  explicit Progress(Context& ctx) : ctx_(ctx) {}
+  explicit Progress(Context& ctx) : ctx_(ctx), metrics_(ctx) {}
 
   void ready() {
+    metrics_.write();
     notifier_.send("READY=1");
     status();
   }
   void update() {
+    metrics_.write_when_due();
     if (!notifier_.active()) return;
     notifier_.ping_watchdog();
     if (std::chrono::steady_clock::now() - told_ >= std::chrono::seconds(1)) status();
   }
   void stopping() { notifier_.send("STOPPING=1"); }
+  void stopped() { metrics_.write(); }
 
   int sections = 0;  // converted (or skipped under the checkpoint) in this run
 
@@ -82,6 +88,7 @@ class Progress {
 
   Context& ctx_;
   Notifier notifier_;
+  MetricsFile metrics_;
   std::chrono::steady_clock::time_point told_;
 };
 
@@ -103,7 +110,11 @@ bool convert_section(Context& ctx, SectionConverter& converter, const SectionKin
     return true;
   }
   ctx.output.end_section();
-  if (ctx.output.rotation) rotate_for_section(ctx);
+  ctx.metrics.last_event = ctx.event.glGMT;
+  if (ctx.output.rotation) {
+    rotate_for_section(ctx);
+    ++ctx.metrics.rotations;
+  }
   count_up(ctx.giLineno);
   return true;
 }
@@ -150,6 +161,7 @@ int adcdf_process_file(Context& ctx) {
   progress.stopping();
   commit_output(ctx);
   keep_position(ctx, PositionDue::kStop);
+  progress.stopped();
   if (ctx.trace.on()) ctx.trace.write(statistics_text(ctx.counters));
   ctx.input.set_before_wait(nullptr);
   ctx.input.set_at_new_file(nullptr);

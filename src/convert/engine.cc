@@ -47,6 +47,7 @@ class Converter {
   int& counter_;
   ConverterWork& w_;
   FieldRules rules_;
+  int skipped_ = 0;  // lines of this section reported as skipped
 };
 
 int Converter::run() {
@@ -86,8 +87,10 @@ int Converter::run() {
       }
     }
   } catch (...) {
-    // Abandoned at a stop or cut short by the audit file's rotation: not a section converted.
+    // Abandoned at a stop or cut short by the audit file's rotation: not a section converted,
+    // and its skipped lines never reach the error file.
     if (counted) count_up(counter, -1);
+    ctx_.metrics.errors.skipped_line -= skipped_;
     throw;
   }
 
@@ -227,6 +230,8 @@ void Converter::skipped(std::string_view line) {
   errors.append("\nLine = ");
   errors.append(line);
   errors.push_back('\n');
+  ++skipped_;
+  ++ctx_.metrics.errors.skipped_line;
 }
 
 void Converter::write(const Layout& layout, recrep* recipient) {

@@ -11,6 +11,7 @@
 
 #include "convert/catalogue.h"
 #include "export/exporter.h"
+#include "export/metrics.h"
 #include "export/target.h"
 
 namespace {
@@ -21,7 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kUsage[] =
     "Usage: ekadcdf-export [--csv DIR | --jsonl FILE|- | --sqlite FILE | --postgres CONNINFO]\n"
-    "                      [--rejects FILE] [--follow] BASE\n"
+    "                      [--rejects FILE] [--follow] [--metrics FILE] BASE\n"
     "       ekadcdf-export --columns | --help | --version\n";
 
 constexpr char kHelpText[] =
@@ -37,6 +38,9 @@ constexpr char kHelpText[] =
     "  --rejects FILE      append the lines that cannot be split into their columns to FILE,\n"
     "                      each as <generation>:<line number>:<the line>\n"
     "  --follow            keep loading what the daemon writes, every second, until stopped\n"
+    "  --metrics FILE      write rows loaded per table, rejects and the time of the last\n"
+    "                      commit for Prometheus (node exporter textfile) at start and after\n"
+    "                      every run\n"
     "  --columns           print the columns of every record type and exit\n"
     "  --help, --version   print this text or the version and exit\n"
     "\n"
@@ -107,6 +111,7 @@ class Progress {
 
 int main(int argc, char** argv) {
   enum { kCsv = 1, kJsonl, kSqlite, kPostgres, kRejects, kFollow, kColumns, kHelp, kVersion };
+  enum { kMetrics = kVersion + 1 };
   static const option kOptions[] = {
       {"csv", required_argument, nullptr, kCsv},
       {"jsonl", required_argument, nullptr, kJsonl},
@@ -117,10 +122,11 @@ int main(int argc, char** argv) {
       {"columns", no_argument, nullptr, kColumns},
       {"help", no_argument, nullptr, kHelp},
       {"version", no_argument, nullptr, kVersion},
+      {"metrics", required_argument, nullptr, kMetrics},
       {nullptr, 0, nullptr, 0},
   };
   int kind = 0;
-  std::string where, rejects;
+  std::string where, rejects, metrics;
   bool follow = false;
   opterr = 0;
   for (int option; (option = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
@@ -135,6 +141,9 @@ int main(int argc, char** argv) {
         break;
       case kRejects:
         rejects = optarg;
+        break;
+      case kMetrics:
+        metrics = optarg;
         break;
       case kFollow:
         follow = true;
@@ -171,14 +180,16 @@ int main(int argc, char** argv) {
   try {
     using namespace adcdf::exporter;
     Exporter exporter(base, rejects, follow, g_stop);
-    std::unique_ptr<Target> target = kind == kCsv      ? csv_target(where)
-                                     : kind == kJsonl  ? jsonl_target(where)
-                                     : kind == kSqlite ? sqlite_target(where)
-                                                       : postgres_target(where);
+    CountingTarget target(kind == kCsv      ? csv_target(where)
+                          : kind == kJsonl  ? jsonl_target(where)
+                          : kind == kSqlite ? sqlite_target(where)
+                                            : postgres_target(where));
+    write_export_metrics(metrics, base, target, 0);
     try {
       for (;;) {
-        Totals run = exporter.run(*target, [&](const Totals& t) { progress.update(t); });
+        Totals run = exporter.run(target, [&](const Totals& t) { progress.update(t); });
         progress.finish(run);
+        write_export_metrics(metrics, base, target, progress.done().rejected);
         if (!follow) break;
         for (int tick = 0; tick < 10 && !g_stop; ++tick) {
           std::this_thread::sleep_for(std::chrono::milliseconds(100));

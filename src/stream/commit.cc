@@ -1,5 +1,7 @@
 #include "stream/commit.h"
 
+#include <algorithm>
+
 #include "stream/restart.h"
 #include "support/clock.h"
 
@@ -13,6 +15,7 @@ void commit_output(Context& ctx) {
   if (!pending.complete_errors().empty()) ctx.errlog.append(pending.complete_errors());
   if (!pending.complete_records().empty()) {
     ctx.generations.current().append(pending.complete_records());
+    ctx.metrics.records += std::ranges::count(pending.complete_records(), '\n');
   }
   pending.forget_complete();
   pending.since.reset();

@@ -14,6 +14,7 @@
 #include "stream/generations.h"
 #include "stream/pending_output.h"
 #include "stream/position.h"
+#include "support/metrics.h"
 #include "support/trace.h"
 
 namespace adcdf {
@@ -25,7 +26,8 @@ struct Options {
   bool debug = false;
   bool gbUpshift = true;
   bool noerr = false;
-  bool once = false;  // stop at the end of the audit file
+  bool once = false;    // stop at the end of the audit file
+  std::string metrics;  // the metrics file (--metrics), or empty
 };
 
 // How far the processing loop has got: just after the last line it handled (a section with its
@@ -76,6 +78,7 @@ struct Context {
   LocalTime last;
   long glGMTcheckpoint = 0;
   Counters counters{};
+  Metrics metrics;
   std::string gszInitNum = "0";
   std::string gszInitString;
 
