@@ -27,11 +27,12 @@ std::string metrics_text(Context& ctx) {
   t.sample(m.errors.skipped_line, "cause", "skipped_line");
   t.sample(m.errors.dropped_section, "cause", "dropped_section");
   t.sample(m.errors.audit_data_lost, "cause", "audit_data_lost");
+  t.sample(m.errors.audit_unreadable, "cause", "audit_unreadable");
   t.metric("ekadcdf_generations_rotated_total", "counter", "Rotations of the output generations.");
   t.sample(m.rotations);
   t.metric("ekadcdf_audit_unread_bytes", "gauge",
            "Bytes of the audit file not read yet: its size minus the offset reached.");
-  t.sample(std::max(0LL, ctx.input.source().size() - ctx.input.offset()));
+  t.sample(ctx.input.unread_bytes());
   t.metric("ekadcdf_last_section_timestamp_seconds", "gauge",
            "Event time of the last converted section, seconds since 1970 (0: none yet).");
   t.sample(m.last_event);

@@ -43,7 +43,9 @@ void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
   std::string entry;
   if (trouble.unreadable) {
     entry = "Audit file " + name + " cannot be read: " + *trouble.unreadable + "\n";
+    ++ctx.metrics.errors.audit_unreadable;
   } else {
+    ++ctx.metrics.errors.audit_data_lost;
     entry = "Audit data lost after line ";
     append_number(entry, trouble.after_line >= 0 ? trouble.after_line : ctx.giLineno - 1);
     entry += " of " + name;

@@ -23,6 +23,7 @@
 // SectionCut, and the next file is taken up at the next read_line().
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -98,6 +99,8 @@ class AuditInput {
     return fingerprint_of(reader_.head().substr(0, static_cast<size_t>(covered)));
   }
   FileId file_id() const { return source_->id(); }
+  // How much of the file being read has not been handed out yet.
+  long long unread_bytes() { return std::max(0LL, source_->size() - offset()); }
 
   // At start, for a position taken in a file whose first bytes had `head` and of which `offset`
   // bytes were read: finds that file (the one at the name, or a rotated one) and reads on from

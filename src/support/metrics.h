@@ -9,10 +9,11 @@
 namespace adcdf {
 
 struct ErrorEntries {
-  int64_t unknown_section = 0;  // a line that starts no known section
-  int64_t skipped_line = 0;     // a line of a section that its converter does not know
-  int64_t dropped_section = 0;  // a section cut short by a rotation of the audit file
-  int64_t audit_data_lost = 0;  // audit data gone before it was read
+  int64_t unknown_section = 0;   // a line that starts no known section
+  int64_t skipped_line = 0;      // a line of a section that its converter does not know
+  int64_t dropped_section = 0;   // a section cut short by a rotation of the audit file
+  int64_t audit_data_lost = 0;   // audit data gone before it was read
+  int64_t audit_unreadable = 0;  // something at the audit file's name that cannot be read
 };
 
 struct Metrics {
