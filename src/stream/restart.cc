@@ -64,7 +64,7 @@ bool valid(Context& ctx, const Position& at) {
 
 void open_error_file(Context& ctx, const std::optional<Position>& resume) {
   if (ctx.options.noerr) {
-    ctx.errlog = Appender(File::create("/dev/null"));
+    ctx.errlog = Appender(File::null_device());
     ctx.trace.printf("Opened error file: /dev/null\n");
     return;
   }
@@ -175,6 +175,7 @@ void keep_position(Context& ctx, PositionDue due) {
       break;
     case PositionDue::kStop:
       at = position_now(ctx);
+      positions.settle();
       ctx.errlog.sync();
       ctx.generations.current().sync();
       positions.write(*at);
