@@ -111,6 +111,8 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
     at.current_id = fresh.id();
     at.current_size = static_cast<long long>(plan.header.size());
   }
+  // There by name before a journal names it.
+  sync_directory_of(names_.fresh());
 
   Steps steps;
   if (plan.remove) steps.emplace_back(*plan.remove, names_.doomed());
@@ -128,7 +130,7 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
     file.write_all(journal);
     file.sync();
   }
-  // The journal and the new generation are there by name before the first rename.
+  // There by name before the first rename.
   sync_directory_of(names_.journal());
   finish(steps, at, positions);
   open_current();

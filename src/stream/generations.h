@@ -10,10 +10,10 @@
 // file:
 //   1. the start position is durable (see position.h) and the old current generation is synced,
 //      so the position that follows covers it;
-//   2. the new generation is written, header record only, under a temporary name and synced;
+//   2. the new generation is written, header record only, under a temporary name and synced,
+//      and its name made durable by a sync of the directory;
 //   3. a journal lists the renames and the position that names the new generation (at the
-//      rotating section's name line, with that section's date), and is synced; a sync of the
-//      directory makes both names durable;
+//      rotating section's name line, with that section's date), and is synced, name too;
 //   4. the renames run, each one skipped when it is found done (no step moves onto a name that
 //      still holds a generation, so a done step and a pending one can be told apart), and each
 //      made durable by a directory sync before the next;

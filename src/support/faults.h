@@ -13,8 +13,8 @@ enum class FileOp { kOpen, kWrite, kTruncate, kSync, kRename, kRemove, kSyncDire
 
 struct FileEvent {
   FileOp op;
-  const std::string& name;         // the file; for kSyncDirectory the directory
-  int fd = -1;                     // the open file (kOpen once done, kWrite, kTruncate, kSync)
+  const std::string& name;          // the file; for kSyncDirectory the directory
+  int fd = -1;                      // the open file (kOpen once done, kWrite, kTruncate, kSync)
   const std::string* to = nullptr;  // the new name of a kRename
 };
 

@@ -1,15 +1,19 @@
-// Failures of the file operations the daemon cannot handle: each must stop it with an error,
-// leave no torn record, and let a restart finish the work as one run would have done it.
+// Failures of the file operations and power cuts: after either, a restart must leave the files as
+// one uninterrupted run leaves them.
 #include "support/faults.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <sstream>
+#include <mutex>
+#include <optional>
+#include <set>
 
 #include "app/process_loop.h"
 #include "support/error.h"
+#include "support/files.h"
 #include "test_support.h"
 
 namespace adcdf {
@@ -18,23 +22,123 @@ namespace {
 using testing::Harness;
 using testing::TempDir;
 
-// Fails the `nth` (counted from 1) operation `op` on a file whose name ends with `suffix`.
-class FailNth : public FaultInjector {
+// What survives the cut.
+enum class Loss {
+  kNothing,         // the process ended: everything written stays
+  kUnsyncedData,    // ext4 ordered: the names as made, each file as last synced (else empty)
+  kUncoveredNames,  // only fsync counts: the names too as at the last sync of the directory
+  kEarlierNames,    // the same, but the newest name change since that sync survived
+};
+
+// The fault seam in power-loss mode, after LevelDB's fault-injection environment: the `nth`
+// operation matching `op` (any when none) on a name ending with `suffix` fails, after writing
+// `partial` bytes, and with `power_cut` every later one too. It remembers what each file held at
+// its last sync, the names the directory held at its last sync and the name changes since, so
+// that crash() can leave the directory as the cut would.
+class PowerCut : public FaultInjector {
  public:
-  FailNth(FileOp op, std::string suffix, int nth, size_t partial = SIZE_MAX)
-      : op_(op), suffix_(std::move(suffix)), nth_(nth), partial_(partial) {}
-  int fail(FileOp op, const std::string& name, size_t* partial) override {
-    if (op != op_ || !name.ends_with(suffix_) || ++seen_ != nth_) return 0;
-    if (partial != nullptr && partial_ != SIZE_MAX) *partial = partial_;
-    return ENOSPC;
+  PowerCut(const TempDir& dir, std::optional<FileOp> op, std::string suffix, int nth,
+           size_t partial, bool power_cut)
+      : dir_(dir),
+        op_(op),
+        suffix_(std::move(suffix)),
+        nth_(nth),
+        partial_(partial),
+        power_cut_(power_cut),
+        durable_(names()) {
+    for (const auto& [name, ino] : durable_) synced_[ino] = dir.read(name);
+  }
+  bool hit() const { return hit_; }
+
+  int fail(const FileEvent& e, size_t* partial) override {
+    std::lock_guard lock(mutex_);
+    if (off_) return EIO;
+    if ((!op_ || e.op == *op_) && e.name.ends_with(suffix_) && ++seen_ == nth_) {
+      hit_ = true;
+      off_ = power_cut_;
+      if (partial != nullptr && partial_ != SIZE_MAX) *partial = partial_;
+      return EIO;
+    }
+    struct stat st {};
+    if (e.op == FileOp::kSync && ::fstat(e.fd, &st) == 0 && S_ISREG(st.st_mode)) {
+      // Through /proc: the descriptor may be open for writing only.
+      synced_[st.st_ino] = testing::read_file("/proc/self/fd/" + std::to_string(e.fd));
+    } else if (e.op == FileOp::kSyncDirectory && e.name == dir_.path().string()) {
+      durable_ = names();
+      changes_.clear();
+    } else if (e.op == FileOp::kOpen || e.op == FileOp::kRemove) {
+      before_ = ::lstat(e.name.c_str(), &st) == 0 ? st.st_ino : 0;
+    }
+    return 0;
+  }
+  void done(const FileEvent& e) override {
+    std::lock_guard lock(mutex_);
+    const std::string dir = dir_.path().string();
+    if (directory_of(e.name) != dir) return;
+    const std::string name = e.name.substr(dir.size() + 1);
+    if (e.op == FileOp::kOpen && before_ == 0) changes_.push_back({"", name, inode(e.name)});
+    if (e.op == FileOp::kRename)
+      changes_.push_back({name, e.to->substr(dir.size() + 1), inode(*e.to)});
+    if (e.op == FileOp::kRemove) changes_.push_back({name, "", before_});
+  }
+
+  void crash(Loss loss) {
+    if (loss == Loss::kNothing) return;
+    std::map<std::string, ino_t> kept = names();
+    if (loss != Loss::kUnsyncedData) {
+      kept = durable_;
+      size_t from = loss == Loss::kEarlierNames && !changes_.empty() ? changes_.size() - 1 : 0;
+      for (size_t i = from; i < changes_.size(); ++i) {
+        const Change& c = changes_[i];
+        if (!c.from.empty() && kept[c.from] == c.ino) kept.erase(c.from);
+        if (!c.to.empty()) kept[c.to] = c.ino;
+      }
+    }
+    // Each file waits under a name outside the directory, to come back with its inode.
+    TempDir attic;
+    for (const auto& [name, ino] : names()) {
+      ::link(dir_.file(name).c_str(), attic.file(std::to_string(ino)).c_str());
+      ::unlink(dir_.file(name).c_str());
+    }
+    std::set<ino_t> relinked;
+    for (const auto& [name, ino] : kept) {
+      if (relinked.insert(ino).second) {
+        ::link(attic.file(std::to_string(ino)).c_str(), dir_.file(name).c_str());
+      }
+      dir_.write(name, synced_.count(ino) ? synced_[ino] : "");
+    }
   }
 
  private:
-  FileOp op_;
+  struct Change {
+    std::string from, to;  // "" for a creation or a removal
+    ino_t ino;
+  };
+  static ino_t inode(const std::string& name) {
+    struct stat st {};
+    return ::lstat(name.c_str(), &st) == 0 ? st.st_ino : 0;
+  }
+  std::map<std::string, ino_t> names() const {
+    std::map<std::string, ino_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+      found[entry.path().filename().string()] = inode(entry.path().string());
+    }
+    return found;
+  }
+
+  const TempDir& dir_;
+  std::optional<FileOp> op_;
   std::string suffix_;
   int nth_;
   size_t partial_;
+  bool power_cut_;
+  std::mutex mutex_;
   int seen_ = 0;
+  bool hit_ = false, off_ = false;
+  ino_t before_ = 0;
+  std::map<std::string, ino_t> durable_;
+  std::vector<Change> changes_;
+  std::map<ino_t, std::string> synced_;
 };
 
 class ScopedInjector {
@@ -65,21 +169,17 @@ void run_once(const TempDir& dir, const std::string& audit) {
   adcdf_process_file(h.ctx);
 }
 
-// The records of all generations, oldest first, without header records.
-std::vector<std::string> records(const TempDir& dir) {
-  std::vector<std::string> lines;
-  for (int generation = 99; generation >= 0; --generation) {
-    char name[16];
-    std::snprintf(name, sizeof name, "cdf.%03d", generation);
-    if (!dir.exists(name)) continue;
-    std::string text = dir.read(name);
-    EXPECT_TRUE(text.empty() || text.back() == '\n') << name << " ends in a torn line";
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      if (!line.starts_with("999,")) lines.push_back(line);
+// Every file in the directory but the position file, header records cut to their type (they
+// carry the day they were written).
+std::map<std::string, std::string> outputs(const TempDir& dir) {
+  auto found = dir.files("");
+  for (auto& [name, text] : found) {
+    for (size_t at = 0; (at = text.find("999,", at)) != std::string::npos;) {
+      if (at == 0 || text[at - 1] == '\n') text.erase(at + 3, text.find('\n', at) - at - 3);
+      at += 3;
     }
   }
-  return lines;
+  return found;
 }
 
 class FileFaults : public ::testing::Test {
@@ -87,7 +187,25 @@ class FileFaults : public ::testing::Test {
   void SetUp() override {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
+    // What reaches the disk is the injector's business here: on tmpfs a sync costs nothing.
+    if (std::filesystem::is_directory("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 1);
     run_once(reference_, three_days());
+  }
+  // Runs with `cut` installed, leaves the files as `loss` says and restarts; false when the cut
+  // never came.
+  bool cut_and_restart(const TempDir& dir, PowerCut& cut, Loss loss) {
+    {
+      ScopedInjector scoped(&cut);
+      try {
+        run_once(dir, three_days());
+      } catch (const AdcdfError&) {
+      }
+    }
+    if (!cut.hit()) return false;
+    cut.crash(loss);
+    run_once(dir, three_days());
+    EXPECT_EQ(outputs(dir), outputs(reference_));
+    return true;
   }
   TempDir reference_;
 };
@@ -112,16 +230,25 @@ TEST_F(FileFaults, FailedWritesStopAndRestartLosesNothing) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     TempDir dir;
-    std::map<std::string, std::string> before;
-    {
-      FailNth injector(c.op, c.suffix, c.nth, c.partial);
-      ScopedInjector scoped(&injector);
-      EXPECT_THROW(run_once(dir, three_days()), AdcdfError);
+    PowerCut failure(dir, c.op, c.suffix, c.nth, c.partial, false);
+    EXPECT_TRUE(cut_and_restart(dir, failure, Loss::kNothing));
+  }
+}
+
+// The power goes off after each step of the first run (its start, its commits, its rotations):
+// all later operations fail and the files keep what the cut would have left.
+TEST_F(FileFaults, PowerCutAfterAnyStepLeavesWhatARestartRepairs) {
+  const std::pair<Loss, const char*> losses[] = {{Loss::kNothing, "nothing lost"},
+                                                 {Loss::kUnsyncedData, "unsynced data lost"},
+                                                 {Loss::kUncoveredNames, "uncovered names lost"},
+                                                 {Loss::kEarlierNames, "earlier names lost"}};
+  for (const auto& [loss, what] : losses) {
+    for (int step = 1;; ++step) {
+      SCOPED_TRACE(std::string(what) + " after step " + std::to_string(step - 1));
+      TempDir dir;
+      PowerCut cut(dir, std::nullopt, "", step, SIZE_MAX, true);
+      if (!cut_and_restart(dir, cut, loss) || HasFailure()) break;
     }
-    records(dir);  // no generation holds a torn line
-    run_once(dir, three_days());
-    EXPECT_EQ(records(dir), records(reference_));
-    EXPECT_EQ(dir.read("cdf.ERR"), reference_.read("cdf.ERR"));
   }
 }
 
