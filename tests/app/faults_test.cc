@@ -147,11 +147,11 @@ class ScopedInjector {
   ~ScopedInjector() { set_fault_injector(nullptr); }
 };
 
-// Three days of sections, so that runs rotate twice.
-std::string three_days() {
+// `count` days of sections, so that a run over three rotates twice.
+std::string days(int count) {
   std::string audit;
   long t = 1790985600;  // 2026-10-03 00:00 UTC
-  for (int day = 0; day < 3; ++day) {
+  for (int day = 0; day < count; ++day) {
     for (int i = 0; i < 4; ++i) {
       audit += "routing\naudit " + std::to_string(t + day * 86400 + i * 60) +
                "\noriginator a/b\nrecipient-to c/d\nack-req 1\nqueue LOCAL\nsubject s" +
@@ -167,6 +167,13 @@ void run_once(const TempDir& dir, const std::string& audit) {
   options.gszBaseFilename = dir.file("cdf");
   Harness h(audit, options);
   adcdf_process_file(h.ctx);
+}
+
+// Half of the first day converted, and then the position file lost (as after an upgrade): the
+// next run starts over existing generations without a position.
+void half_a_day_without_position(const TempDir& dir) {
+  run_once(dir, days(1).substr(0, days(1).size() / 2));
+  std::filesystem::remove(dir.file("cdf.POS"));
 }
 
 // Every file in the directory but the position file, header records cut to their type (they
@@ -189,21 +196,22 @@ class FileFaults : public ::testing::Test {
     ::tzset();
     // What reaches the disk is the injector's business here: on tmpfs a sync costs nothing.
     if (std::filesystem::is_directory("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 1);
-    run_once(reference_, three_days());
+    half_a_day_without_position(reference_);
+    run_once(reference_, days(3));
   }
-  // Runs with `cut` installed, leaves the files as `loss` says and restarts; false when the cut
-  // never came.
-  bool cut_and_restart(const TempDir& dir, PowerCut& cut, Loss loss) {
+  // Runs over `audit` with `cut` installed, leaves the files as `loss` says and restarts over all
+  // three days; false when the cut never came.
+  bool cut_and_restart(const TempDir& dir, PowerCut& cut, Loss loss, int audit_days = 3) {
     {
       ScopedInjector scoped(&cut);
       try {
-        run_once(dir, three_days());
+        run_once(dir, days(audit_days));
       } catch (const AdcdfError&) {
       }
     }
     if (!cut.hit()) return false;
     cut.crash(loss);
-    run_once(dir, three_days());
+    run_once(dir, days(3));
     EXPECT_EQ(outputs(dir), outputs(reference_));
     return true;
   }
@@ -230,24 +238,30 @@ TEST_F(FileFaults, FailedWritesStopAndRestartLosesNothing) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     TempDir dir;
+    half_a_day_without_position(dir);
     PowerCut failure(dir, c.op, c.suffix, c.nth, c.partial, false);
     EXPECT_TRUE(cut_and_restart(dir, failure, Loss::kNothing));
   }
 }
 
-// The power goes off after each step of the first run (its start, its commits, its rotations):
-// all later operations fail and the files keep what the cut would have left.
+// The power goes off after each step of a run that starts over generations without a position
+// and then stops the same day (its commits and its stop), or goes on over three days (its
+// rotations): all later operations fail and the files keep what the cut would leave.
 TEST_F(FileFaults, PowerCutAfterAnyStepLeavesWhatARestartRepairs) {
   const std::pair<Loss, const char*> losses[] = {{Loss::kNothing, "nothing lost"},
                                                  {Loss::kUnsyncedData, "unsynced data lost"},
                                                  {Loss::kUncoveredNames, "uncovered names lost"},
                                                  {Loss::kEarlierNames, "earlier names lost"}};
-  for (const auto& [loss, what] : losses) {
-    for (int step = 1;; ++step) {
-      SCOPED_TRACE(std::string(what) + " after step " + std::to_string(step - 1));
-      TempDir dir;
-      PowerCut cut(dir, std::nullopt, "", step, SIZE_MAX, true);
-      if (!cut_and_restart(dir, cut, loss) || HasFailure()) break;
+  for (int audit_days : {1, 3}) {
+    for (const auto& [loss, what] : losses) {
+      for (int step = 1;; ++step) {
+        SCOPED_TRACE(std::string(what) + " after step " + std::to_string(step - 1) + " of " +
+                     std::to_string(audit_days) + " days");
+        TempDir dir;
+        half_a_day_without_position(dir);
+        PowerCut cut(dir, std::nullopt, "", step, SIZE_MAX, true);
+        if (!cut_and_restart(dir, cut, loss, audit_days) || HasFailure()) break;
+      }
     }
   }
 }
