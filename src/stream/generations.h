@@ -18,8 +18,8 @@
 //      still holds a generation, so a done step and a pending one can be told apart), and each
 //      made durable by a directory sync before the next;
 //   5. the position is written to the position file and synced; the journal is removed and the
-//      removal made durable, and only then the oldest generation (moved aside by the first step),
-//      durably too, before anything else happens.
+//      removal made durable, and only then the oldest generation (moved aside by the first step);
+//      the next rotation's directory syncs come before its first rename.
 // A crash or power cut before the journal is durable leaves the generations untouched and the
 // previous position valid; the journal may then be missing, empty, zero-filled or torn, and is
 // discarded as incomplete (decided before any name in it is read): the restart converts the

@@ -161,10 +161,12 @@ std::string days(int count) {
   return audit;
 }
 
-// Converts the whole audit text in `dir` as one run of the daemon would.
+// Converts the whole audit text in `dir` as one run of the daemon would, keeping two
+// generations: each rotation removes the oldest.
 void run_once(const TempDir& dir, const std::string& audit) {
   Options options;
   options.gszBaseFilename = dir.file("cdf");
+  options.giMaxgen = 2;
   Harness h(audit, options);
   adcdf_process_file(h.ctx);
 }
