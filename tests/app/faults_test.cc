@@ -147,7 +147,7 @@ class ScopedInjector {
   ~ScopedInjector() { set_fault_injector(nullptr); }
 };
 
-// `count` days of sections, so that a run over three rotates twice.
+// `count` days of sections.
 std::string days(int count) {
   std::string audit;
   long t = 1790985600;  // 2026-10-03 00:00 UTC
@@ -161,21 +161,29 @@ std::string days(int count) {
   return audit;
 }
 
-// Converts the whole audit text in `dir` as one run of the daemon would, keeping two
-// generations: each rotation removes the oldest.
+// Converts the whole audit text in `dir` as one run of the daemon would, keeping three
+// generations.
 void run_once(const TempDir& dir, const std::string& audit) {
   Options options;
   options.gszBaseFilename = dir.file("cdf");
-  options.giMaxgen = 2;
+  options.giMaxgen = 3;
   Harness h(audit, options);
   adcdf_process_file(h.ctx);
 }
 
-// Half of the first day converted, and then the position file lost (as after an upgrade): the
-// next run starts over existing generations without a position.
+// Half of the first day converted, then the position file lost (as after an upgrade) and the
+// empty generation of the first start removed: the next run starts over a generation of records
+// without a position, and its first rotation moves that generation first.
 void half_a_day_without_position(const TempDir& dir) {
   run_once(dir, days(1).substr(0, days(1).size() / 2));
   std::filesystem::remove(dir.file("cdf.POS"));
+  std::filesystem::remove(dir.file("cdf.001"));
+}
+
+// What the audit file holds after that half day was rotated away: `count` days but that half, so
+// that no run after the cut can convert that half again, and losing its records shows.
+std::string rest_of(int count) {
+  return days(count).substr(days(1).size() / 2);
 }
 
 // Every file in the directory but the position file, header records cut to their type (they
@@ -198,26 +206,30 @@ class FileFaults : public ::testing::Test {
     ::tzset();
     // What reaches the disk is the injector's business here: on tmpfs a sync costs nothing.
     if (std::filesystem::is_directory("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 1);
-    half_a_day_without_position(reference_);
-    run_once(reference_, days(3));
+    for (int count : {2, 4}) {
+      TempDir reference;
+      half_a_day_without_position(reference);
+      run_once(reference, rest_of(count));
+      expected_[count] = outputs(reference);
+    }
   }
-  // Runs over `audit` with `cut` installed, leaves the files as `loss` says and restarts over all
-  // three days; false when the cut never came.
-  bool cut_and_restart(const TempDir& dir, PowerCut& cut, Loss loss, int audit_days = 3) {
+  // Runs over `audit_days` with `cut` installed, leaves the files as `loss` says and runs again;
+  // false when the cut never came.
+  bool cut_and_restart(const TempDir& dir, PowerCut& cut, Loss loss, int audit_days = 4) {
     {
       ScopedInjector scoped(&cut);
       try {
-        run_once(dir, days(audit_days));
+        run_once(dir, rest_of(audit_days));
       } catch (const AdcdfError&) {
       }
     }
     if (!cut.hit()) return false;
     cut.crash(loss);
-    run_once(dir, days(3));
-    EXPECT_EQ(outputs(dir), outputs(reference_));
+    run_once(dir, rest_of(audit_days));
+    EXPECT_EQ(outputs(dir), expected_[audit_days]);
     return true;
   }
-  TempDir reference_;
+  std::map<int, std::map<std::string, std::string>> expected_;
 };
 
 TEST_F(FileFaults, FailedWritesStopAndRestartLosesNothing) {
@@ -247,14 +259,15 @@ TEST_F(FileFaults, FailedWritesStopAndRestartLosesNothing) {
 }
 
 // The power goes off after each step of a run that starts over generations without a position
-// and then stops the same day (its commits and its stop), or goes on over three days (its
-// rotations): all later operations fail and the files keep what the cut would leave.
+// (its start, commits and stop) and goes on over two days (its first rotation moves a generation
+// of records) or four (its third removes the oldest generation): all later operations fail and
+// the files keep what the cut would leave.
 TEST_F(FileFaults, PowerCutAfterAnyStepLeavesWhatARestartRepairs) {
   const std::pair<Loss, const char*> losses[] = {{Loss::kNothing, "nothing lost"},
                                                  {Loss::kUnsyncedData, "unsynced data lost"},
                                                  {Loss::kUncoveredNames, "uncovered names lost"},
                                                  {Loss::kEarlierNames, "earlier names lost"}};
-  for (int audit_days : {1, 3}) {
+  for (int audit_days : {2, 4}) {
     for (const auto& [loss, what] : losses) {
       for (int step = 1;; ++step) {
         SCOPED_TRACE(std::string(what) + " after step " + std::to_string(step - 1) + " of " +
