@@ -20,7 +20,11 @@
 // wait after something was handled (both by the worker thread of position.h, while the daemon
 // goes on); and at a normal stop. A position is written only after the output files it covers
 // are on the disk, so after a power loss it may lag, which makes the restart convert more again,
-// but never covers data that is not there.
+// but never covers data that is not there. The start's position is durable (file and name)
+// before any record it does not cover is synced (see position.h): a power cut that kept records
+// but no position would have the next start fall back to the checkpoint and convert the newest
+// second again. Cutting the files back and emptying the error file are synced with the records
+// that follow: a power cut before that leaves them longer than recorded, which the restart cuts.
 #pragma once
 
 #include "stream/context.h"
