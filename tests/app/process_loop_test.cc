@@ -158,12 +158,6 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     std::string current, errors;
   } cases[] = {
       {"resumes", [](const TempDir&) {}, "", false, false, once, junk + bogus},
-      {"cuts back what follows the position",
-       [](const TempDir& d) {
-         d.write("b.000", d.read("b.000") + record(kT2 + 30) + "105,126");
-         d.write("b.ERR", d.read("b.ERR") + "stray\n");
-       },
-       "", false, false, once, junk + bogus},
       {"without an error file, then with one", [](const TempDir&) {}, "", true, false, again,
        junk + bogus},
       {"with an error file, then without", [](const TempDir&) {}, "", false, true, once, junk},
