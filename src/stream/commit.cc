@@ -42,6 +42,7 @@ void rotate_for_section(Context& ctx) {
   // What the sections before this one produced was committed when its header asked for the
   // rotation, so the position is at its name line; with its date, so that a restart there
   // converts it into the new generation without rotating again.
+  ctx.positions.settle();
   ctx.errlog.sync();
   Position at = position_now(ctx);
   at.last = ctx.last;

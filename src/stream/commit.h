@@ -11,7 +11,8 @@
 //
 // A crash between the writes of a commit, or before the position that covers them, leaves the
 // files longer than the recorded position: the restart cuts them back and converts those sections
-// again, so nothing is lost and nothing doubled.
+// again, so nothing is lost and nothing doubled. A power cut keeps what the worker of position.h
+// synced: the restart resumes at the newest durable position, which never covers more.
 #pragma once
 
 #include <chrono>

@@ -15,6 +15,32 @@ namespace {
 
 constexpr std::string_view kJournalEnd = "end";
 
+// A journal: the position that names the new generation, then each rename's two names, every
+// part ended by a NUL, then the end marker. Whether it is complete is decided from its form alone,
+// before any name in it is looked at: it must end with the marker, its position must pass its
+// check, and every name must be there and non-empty. Anything else (torn, zero-filled by a power
+// cut, cut short) is the trace of a rotation that had not begun its renames.
+std::optional<std::pair<Position, Generations::Steps>> decode_journal(std::string_view text) {
+  if (!text.ends_with(kJournalEnd)) return std::nullopt;
+  text.remove_suffix(kJournalEnd.size());
+  const size_t position_end = text.find('\0');
+  if (position_end == std::string_view::npos) return std::nullopt;
+  auto at = decode_position(text.substr(0, position_end));
+  if (!at) return std::nullopt;
+  text.remove_prefix(position_end + 1);
+  std::vector<std::string> names;
+  while (!text.empty()) {
+    const size_t end = text.find('\0');
+    if (end == 0 || end == std::string_view::npos) return std::nullopt;
+    names.emplace_back(text.substr(0, end));
+    text.remove_prefix(end + 1);
+  }
+  if (names.empty() || names.size() % 2 != 0) return std::nullopt;
+  Generations::Steps steps;
+  for (size_t i = 0; i < names.size(); i += 2) steps.emplace_back(names[i], names[i + 1]);
+  return std::pair{at->first, std::move(steps)};
+}
+
 }  // namespace
 
 Generations::Generations(std::string base, int maxgen) : names_(std::move(base)), maxgen_(maxgen) {}
@@ -43,12 +69,36 @@ RotationPlan Generations::plan(Tracer& trace) const {
 
 // Each step is a rename that is done once its target exists or its source is gone: no step
 // moves onto a name that still holds a generation, so this tells a done step from a pending
-// one, and running the steps again after a crash finishes the rotation.
-void Generations::run_steps(const Steps& steps) {
+// one, and running the steps again after a crash finishes the rotation. Each rename is made
+// durable before the next: were a later one kept by a power cut and an earlier one lost, the
+// earlier would look pending and move the wrong file.
+void Generations::finish(const Steps& steps, const Position& at, PositionFile& positions) {
   for (const auto& [from, to] : steps) {
     if (file_exists(to) || !file_exists(from)) continue;
     rename_file(from, to);
+    sync_directory_of(to);
   }
+  // Also covers renames an interrupted run made and the position file's name.
+  sync_directory_of(names_.journal());
+  positions.write(at, true);
+  remove_side_files();
+}
+
+// The journal goes first, durably: while it is there the oldest generation's removal must not be
+// (the first step would then look pending again).
+void Generations::remove_side_files() {
+  if (file_exists(names_.journal())) {
+    remove_file(names_.journal());
+    sync_directory_of(names_.journal());
+  }
+  bool removed = false;
+  for (const std::string* name : {&names_.doomed(), &names_.fresh()}) {
+    if (file_exists(*name)) {
+      remove_file(*name);
+      removed = true;
+    }
+  }
+  if (removed) sync_directory_of(names_.journal());
 }
 
 void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& positions) {
@@ -61,6 +111,8 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
     at.current_id = fresh.id();
     at.current_size = static_cast<long long>(plan.header.size());
   }
+  // There by name before a journal names it.
+  sync_directory_of(names_.fresh());
 
   Steps steps;
   if (plan.remove) steps.emplace_back(*plan.remove, names_.doomed());
@@ -78,37 +130,18 @@ void Generations::rotate(const RotationPlan& plan, Position at, PositionFile& po
     file.write_all(journal);
     file.sync();
   }
-
-  run_steps(steps);
+  // There by name before the first rename.
   sync_directory_of(names_.journal());
-  positions.write(at, true);
-  remove_file(names_.journal());
-  if (file_exists(names_.doomed())) remove_file(names_.doomed());
+  finish(steps, at, positions);
   open_current();
 }
 
 void Generations::recover(PositionFile& positions) {
   if (file_exists(names_.journal())) {
-    std::string journal = File::read_only(names_.journal()).contents();
-    const bool complete = journal.ends_with(kJournalEnd);
-    if (complete) journal.resize(journal.size() - kJournalEnd.size());
-    size_t position_end = journal.find('\0');
-    std::optional<std::pair<Position, uint64_t>> at;
-    Steps steps;
-    if (position_end != std::string::npos) {
-      at = decode_position(journal.substr(0, position_end));
-      for (size_t pos = position_end + 1; pos < journal.size();) {
-        size_t from_end = journal.find('\0', pos);
-        size_t to_end = journal.find('\0', from_end + 1);
-        if (from_end == std::string::npos || to_end == std::string::npos) break;
-        steps.emplace_back(journal.substr(pos, from_end - pos),
-                           journal.substr(from_end + 1, to_end - from_end - 1));
-        pos = to_end + 1;
-      }
-    }
-    // Only renames among this base name's own files are ever carried out: a journal that names
-    // anything else was not written by the daemon and stops it, with nothing moved.
-    for (const auto& [from, to] : steps) {
+    auto journal = decode_journal(File::read_only(names_.journal()).contents());
+    // Only renames among this base name's own files are ever carried out: a complete journal
+    // that names anything else was not written by the daemon and stops it, with nothing moved.
+    for (const auto& [from, to] : journal ? journal->second : Steps{}) {
       for (const std::string* name : {&from, &to}) {
         if (!names_.is_generation_or_side(*name)) {
           throw AdcdfError(kGroupFile, kReasonJournal,
@@ -116,15 +149,9 @@ void Generations::recover(PositionFile& positions) {
         }
       }
     }
-    if (at && complete) {
-      run_steps(steps);
-      sync_directory_of(names_.journal());
-      positions.write(at->first, true);
-    }
-    remove_file(names_.journal());
+    if (journal) return finish(journal->second, journal->first, positions);
   }
-  if (file_exists(names_.fresh())) remove_file(names_.fresh());
-  if (file_exists(names_.doomed())) remove_file(names_.doomed());
+  remove_side_files();
 }
 
 std::string header_record(std::time_t now, std::string_view host) {

@@ -31,8 +31,9 @@ class OutputNames {
   bool is_generation_or_side(const std::string& name) const;
 
   // Before any file is created: every name a run with `maxgen` generations (and an error file
-  // unless `noerr`) may create must fit the file system's limits, and none of them may be a
-  // symbolic link now. Throws AdcdfError naming the first that fails.
+  // unless `noerr`) may create must fit the file system's limits, and hold nothing but a regular
+  // file now (no link, FIFO, socket or device), with no other link where the daemon writes.
+  // Throws AdcdfError naming the first that fails.
   void check(int maxgen, bool noerr) const;
 
  private:

@@ -139,6 +139,13 @@ void PositionFile::put(const Position& position, bool durable) {
   if (durable) file_.sync();
 }
 
+void PositionFile::settle() {
+  std::call_once(settled_, [this] {
+    file_.sync();
+    sync_directory_of(file_.name());
+  });
+}
+
 void PositionFile::hand_over(const std::optional<Position>& position, const Appender& current,
                              const Appender& errors) {
   handed_at_ = std::chrono::steady_clock::now();
@@ -156,6 +163,7 @@ void PositionFile::hand_over(const std::optional<Position>& position, const Appe
     } catch (const std::system_error&) {
       // No thread to be had (a sandbox may forbid it): do the work here and now.
       pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+      settle();
       sync_descriptor(current.fd(), current.name());
       sync_descriptor(errors.fd(), errors.name());
       if (position) write(*position);
@@ -185,6 +193,7 @@ void PositionFile::work() {
     lock.unlock();
     std::exception_ptr failed;
     try {
+      settle();
       job.current.sync();
       job.errors.sync();
     } catch (...) {

@@ -14,7 +14,17 @@
 // same base name finds the lock taken and refuses to start. The kernel drops the lock when the
 // process ends, however it ends.
 //
-// A position is written only once the output it covers is on the disk. While the daemon catches
+// A position is written only once the output it covers is on the disk, and the position of a
+// start is made durable (settle: this file's data, and by a sync of the directory the names a
+// start may have created here, <base>.ERR and <base>.000 too) before any record it does not cover
+// is synced: by the worker before its first sync, by a rotation or a stop before theirs. Records
+// may be appended before that; only their sync waits. A crash of the process loses nothing
+// written here. A power cut keeps the slots as last synced (a position written by the worker or
+// at a stop may be lost: the restart resumes at an older one and cuts the output back to it);
+// under ext4's ordered mode this file may come back empty when it was created just before and
+// never synced, and where only fsync counts its name may be lost too: without a durable
+// position the records synced since could be converted again, which is why no record is synced
+// before the start position is durable. While the daemon catches
 // up, a worker thread keeps the output synced (several times a second, so that a rotation, which
 // must sync the generation it moves, finds little left to wait for) and writes a position at most
 // once a second, while the conversion goes on. It holds no signal (they all reach the main thread,
@@ -93,6 +103,9 @@ class PositionFile {
   // Writes `position` into the older slot now; with `durable`, waits until it is on the disk.
   // What the worker holds of earlier positions is dropped: this one is newer.
   void write(const Position& position, bool durable = false);
+  // Makes the position written at start and the names created beside it durable, the first
+  // time it is called in a run (from either thread); see above.
+  void settle();
   // Has the worker thread sync the two output files and then, when `position` is given, write
   // it, while the daemon converts on. The worker syncs duplicates of their descriptors, so the
   // daemon may close and rename the files meanwhile. What was handed over and not yet begun is
@@ -123,6 +136,7 @@ class PositionFile {
   uint64_t epoch_ = 0;      // counts the positions written by the daemon itself
   bool closing_ = false;
   std::exception_ptr failure_;
+  std::once_flag settled_;
 };
 
 }  // namespace adcdf

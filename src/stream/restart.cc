@@ -49,7 +49,7 @@ AuditInput::Resumed valid(Context& ctx, const Position& at, bool& outputs_match)
 
 void open_error_file(Context& ctx, const std::optional<Position>& resume) {
   if (ctx.options.noerr) {
-    ctx.errlog = Appender(File::create("/dev/null"));
+    ctx.errlog = Appender(File::null_device());
     ctx.trace.printf("Opened error file: /dev/null\n");
     return;
   }
@@ -168,6 +168,7 @@ void keep_position(Context& ctx, PositionDue due) {
       // Everything converted so far is on the disk before the daemon waits or stops, so a kill
       // while it waits converts nothing again.
       at = position_now(ctx);
+      positions.settle();
       if (due == PositionDue::kSettled && at == positions.written()) return;
       ctx.errlog.sync();
       ctx.generations.current().sync();

@@ -18,9 +18,14 @@
 // Positions are written: at start, before anything is appended; with every rotation (by the
 // rotation itself, see generations.h); after commits at most about once a second (by the worker
 // thread of position.h, while the daemon catches up); and, with the output synced first, before
-// every wait at the end of the audit file when anything changed and at a normal stop. A position is
-// written only after the output files it covers are on the disk, so after a power loss it may lag,
-// which makes the restart convert more again, but never covers data that is not there.
+// every wait at the end of the audit file when anything changed and at a normal stop. A position
+// is written only after the output files it covers are on the disk, so after a power loss it may
+// lag, which makes the restart convert more again, but never covers data that is not there. The
+// start's position is durable (file and name) before any record it does not cover is synced (see
+// position.h): a power cut that kept records but no position would have the next start fall back
+// to the checkpoint and convert the newest second again. Cutting the files back and emptying the
+// error file are synced with the records that follow: a power cut before that leaves them longer
+// than recorded, which the restart cuts.
 #pragma once
 
 #include "stream/context.h"

@@ -97,7 +97,12 @@ void append_newer(std::vector<Candidate>& files, const Candidate& after, std::st
   for (Candidate& c : files) {
     if (c.id == after.id || older(c.modified, after.modified)) continue;
     if (!c.source) {
-      plan.push_back({NextRead::kLost, nullptr, 0, c.gzip ? -1 : c.stored});
+      // A compressed file still being written beside its original (logrotate's compress at
+      // work) holds nothing the original does not.
+      const std::string original = c.path.substr(0, c.path.size() - kGzip.size());
+      const bool compressing = c.gzip && std::any_of(files.begin(), files.end(),
+                                                     [&](auto& o) { return o.path == original; });
+      if (!compressing) plan.push_back({NextRead::kLost, nullptr, 0, c.gzip ? -1 : c.stored});
       continue;
     }
     if (std::any_of(taken.begin(), taken.end(),

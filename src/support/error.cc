@@ -41,6 +41,12 @@ std::string msg_GetAnyMsg(const AdcdfError& error) {
       case kReasonJournal:
         head = "foreign rotation journal";
         break;
+      case kReasonSpecial:
+        head = "special file refused";
+        break;
+      case kReasonHardLink:
+        head = "linked file refused";
+        break;
       default:
         break;
     }

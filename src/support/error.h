@@ -31,6 +31,8 @@ enum ErrorReason : int {
   kReasonLocked = 9,
   kReasonLink = 10,
   kReasonJournal = 11,
+  kReasonSpecial = 12,   // a FIFO, socket, device or directory at one of the daemon's names
+  kReasonHardLink = 13,  // a file with other links at a name the daemon writes
 };
 
 class AdcdfError : public std::runtime_error {

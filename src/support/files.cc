@@ -14,10 +14,33 @@
 namespace adcdf {
 namespace {
 
-// The errno an installed fault injector wants `op` on `name` to fail with, or 0.
-int injected(FileOp op, const std::string& name, size_t* partial = nullptr) {
+// The errno an installed fault injector wants `event` to fail with, or 0.
+int injected(const FileEvent& event, size_t* partial = nullptr) {
   FaultInjector* injector = fault_injector();
-  return injector == nullptr ? 0 : injector->fail(op, name, partial);
+  return injector == nullptr ? 0 : injector->fail(event, partial);
+}
+
+void report_done(const FileEvent& event) {
+  if (FaultInjector* injector = fault_injector()) injector->done(event);
+}
+
+struct stat status_of(int fd, const std::string& name) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name, errno);
+  return st;
+}
+
+void refuse_status(const struct stat& st, const std::string& name, bool written) {
+  if (S_ISLNK(st.st_mode)) {
+    throw AdcdfError(kGroupFile, kReasonLink, name + " is a symbolic link");
+  }
+  if (!S_ISREG(st.st_mode)) {
+    throw AdcdfError(kGroupFile, kReasonSpecial, name + " is not a regular file");
+  }
+  if (written && st.st_nlink > 1) {
+    throw AdcdfError(kGroupFile, kReasonHardLink,
+                     name + " has " + std::to_string(st.st_nlink) + " hard links");
+  }
 }
 
 }  // namespace
@@ -32,29 +55,37 @@ File& File::operator=(File&& other) noexcept {
   return *this;
 }
 
+// Opens the daemon's own files: without following a link and without blocking, and refused
+// unless a regular file (with no other link when written), before anything is read or written.
 File File::open_or_throw(const std::string& name, int flags) {
-  if (int err = injected(FileOp::kOpen, name))
+  if (int err = injected({FileOp::kOpen, name}))
     raise_file_error(kReasonOpen, "cannot open", name, err);
-  int fd = ::open(name.c_str(), flags | O_CLOEXEC, 0640);
-  if (fd < 0 && errno == ELOOP && (flags & O_NOFOLLOW)) refuse_link(name);
+  int fd = ::open(name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0640);
+  if (fd < 0 && errno == ELOOP) refuse_link(name);
   if (fd < 0) raise_file_error(kReasonOpen, "cannot open", name, errno);
-  return File(fd, name);
+  File file(fd, name);
+  refuse_status(status_of(fd, name), name, (flags & O_ACCMODE) != O_RDONLY);
+  report_done({FileOp::kOpen, name, fd});
+  return file;
 }
 
 File File::append(const std::string& name) {
-  return open_or_throw(name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW);
+  return open_or_throw(name, O_WRONLY | O_CREAT | O_APPEND);
 }
 
 File File::create(const std::string& name) {
-  return open_or_throw(name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW);
+  // Emptied only once known to be a file of its own.
+  File file = open_or_throw(name, O_WRONLY | O_CREAT | O_APPEND);
+  file.truncate(0);
+  return file;
 }
 
 File File::read_write(const std::string& name) {
-  return open_or_throw(name, O_RDWR | O_NOFOLLOW);
+  return open_or_throw(name, O_RDWR);
 }
 
 File File::read_write_create(const std::string& name) {
-  return open_or_throw(name, O_RDWR | O_CREAT | O_NOFOLLOW);
+  return open_or_throw(name, O_RDWR | O_CREAT);
 }
 
 File File::duplicate(int fd, const std::string& name) {
@@ -64,7 +95,17 @@ File File::duplicate(int fd, const std::string& name) {
 }
 
 File File::read_only(const std::string& name, bool follow_links) {
-  return open_or_throw(name, O_RDONLY | (follow_links ? 0 : O_NOFOLLOW));
+  if (!follow_links) return open_or_throw(name, O_RDONLY);
+  int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) raise_file_error(kReasonOpen, "cannot open", name, errno);
+  return File(fd, name);
+}
+
+File File::null_device() {
+  const std::string name = "/dev/null";
+  int fd = ::open(name.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) raise_file_error(kReasonOpen, "cannot open", name, errno);
+  return File(fd, name);
 }
 
 std::optional<File> File::regular_for_reading(const std::string& name, bool follow_links,
@@ -86,7 +127,7 @@ std::optional<File> File::regular_for_reading(const std::string& name, bool foll
 
 void File::write_all(std::string_view data) {
   size_t partial = data.size();
-  if (int err = injected(FileOp::kWrite, name_, &partial)) {
+  if (int err = injected({FileOp::kWrite, name_, fd_}, &partial)) {
     if (partial < data.size()) write_raw(data.substr(0, partial));
     raise_file_error(kReasonWrite, "cannot write", name_, err);
   }
@@ -107,7 +148,7 @@ void File::write_raw(std::string_view data) {
 
 void File::write_at(std::string_view data, long long offset) {
   size_t partial = data.size();
-  if (int err = injected(FileOp::kWrite, name_, &partial)) {
+  if (int err = injected({FileOp::kWrite, name_, fd_}, &partial)) {
     raise_file_error(kReasonWrite, "cannot write", name_, err);
   }
   while (!data.empty()) {
@@ -136,16 +177,6 @@ std::string File::contents() const {
   return text;
 }
 
-namespace {
-
-struct stat status_of(int fd, const std::string& name) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0) raise_file_error(kReasonRead, "cannot examine", name, errno);
-  return st;
-}
-
-}  // namespace
-
 long long File::size() const {
   return status_of(fd_, name_).st_size;
 }
@@ -164,6 +195,9 @@ void File::sync() {
 }
 
 void sync_descriptor(int fd, const std::string& name) {
+  if (int err = injected({FileOp::kSync, name, fd})) {
+    raise_file_error(kReasonWrite, "cannot sync", name, err);
+  }
   // EINVAL: a special file such as /dev/null, which has nothing to put on a disk.
   if (::fdatasync(fd) != 0 && errno != EINVAL) {
     raise_file_error(kReasonWrite, "cannot sync", name, errno);
@@ -171,7 +205,7 @@ void sync_descriptor(int fd, const std::string& name) {
 }
 
 void File::truncate(long long length) {
-  if (int err = injected(FileOp::kTruncate, name_)) {
+  if (int err = injected({FileOp::kTruncate, name_, fd_})) {
     raise_file_error(kReasonTruncate, "cannot cut", name_, err);
   }
   if (::ftruncate(fd_, length) != 0) raise_file_error(kReasonTruncate, "cannot cut", name_, errno);
@@ -222,6 +256,11 @@ void refuse_link(const std::string& name) {
   }
 }
 
+void refuse_planted(const std::string& name, bool written) {
+  struct stat st {};
+  if (::lstat(name.c_str(), &st) == 0) refuse_status(st, name, written);
+}
+
 std::optional<FileId> file_id(const std::string& name) {
   struct stat st {};
   if (::stat(name.c_str(), &st) != 0) return std::nullopt;
@@ -235,6 +274,9 @@ std::string directory_of(const std::string& name) {
 
 void sync_directory_of(const std::string& name) {
   const std::string dir = directory_of(name);
+  if (int err = injected({FileOp::kSyncDirectory, dir})) {
+    raise_file_error(kReasonWrite, "cannot sync", dir, err);
+  }
   int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) raise_file_error(kReasonOpen, "cannot open", dir, errno);
   int failed = ::fsync(fd) != 0 ? errno : 0;
@@ -245,19 +287,22 @@ void sync_directory_of(const std::string& name) {
 void rename_file(const std::string& from, const std::string& to) {
   refuse_link(from);
   refuse_link(to);
-  if (int err = injected(FileOp::kRename, from)) {
+  const FileEvent event{FileOp::kRename, from, -1, &to};
+  if (int err = injected(event)) {
     raise_file_error(kReasonRename, "cannot rename to " + to + ":", from, err);
   }
   if (std::rename(from.c_str(), to.c_str()) != 0)
     raise_file_error(kReasonRename, "cannot rename to " + to + ":", from, errno);
+  report_done(event);
 }
 
 void remove_file(const std::string& name) {
   refuse_link(name);
-  if (int err = injected(FileOp::kRemove, name)) {
+  if (int err = injected({FileOp::kRemove, name})) {
     raise_file_error(kReasonRemove, "cannot remove", name, err);
   }
   if (::unlink(name.c_str()) != 0) raise_file_error(kReasonRemove, "cannot remove", name, errno);
+  report_done({FileOp::kRemove, name});
 }
 
 }  // namespace adcdf

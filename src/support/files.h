@@ -8,8 +8,19 @@
 //
 // The daemon often runs as root in a directory other accounts may write to, so no symbolic link
 // is ever followed at a name it opens, creates, renames or removes: such a link is refused with
-// an error naming it, and left as it is. Files are created with mode 0640 (before the umask):
-// the records hold addresses.
+// an error naming it, and left as it is. A name is opened without blocking (a FIFO planted there
+// cannot hold the daemon up) and what it opened must be a regular file, and one with no other
+// link when it is opened for writing (a hard link planted there would have it write into a file
+// elsewhere), before a byte is read, written or cut: else it is refused the same way, untouched.
+// Files are created with mode 0640 (before the umask): the records hold addresses.
+//
+// Durability: a crash of the process loses nothing written, but a power cut keeps only what was
+// made durable: a file's data by sync() (fdatasync), and the creation, rename or removal of a
+// name by sync_directory_of() on its directory. Under ext4's default (ordered) mode names
+// survive in the order they were made, while data not synced may be lost (a file created just
+// before may come back empty); where only fsync promises anything, each name not covered by a
+// directory sync may come back as it was before, independently of the others. The callers order
+// their syncs so that every such state is one a restart repairs (see generations.h, position.h).
 #pragma once
 
 #include <cstdint>
@@ -46,12 +57,15 @@ class File {
   static File read_write_create(const std::string& name);
   // Another descriptor of the open file `fd`, named `name`.
   static File duplicate(int fd, const std::string& name);
-  // Opens for reading; `follow_links` for a file the daemon only reads (the audit file).
+  // Opens for reading; `follow_links` for a file the daemon only reads (the audit file), which is
+  // opened as it is, whatever it is.
   static File read_only(const std::string& name, bool follow_links = false);
   // Opens a regular file for reading without ever blocking, whatever is at the name (a FIFO, a
   // device): nothing, with the reason in `why`, when it cannot be opened or is no regular file.
   static std::optional<File> regular_for_reading(const std::string& name, bool follow_links,
                                                  std::string& why);
+  // /dev/null, for writing what nobody keeps.
+  static File null_device();
 
   int fd() const { return fd_; }
   const std::string& name() const { return name_; }
@@ -117,11 +131,14 @@ void sync_descriptor(int fd, const std::string& name);
 bool file_exists(const std::string& name);
 // Throws AdcdfError when `name` is a symbolic link.
 void refuse_link(const std::string& name);
+// Throws AdcdfError when `name` holds anything but a regular file (a link, a FIFO, a socket, a
+// device), or, when the daemon would write to it (`written`), a file with other links.
+void refuse_planted(const std::string& name, bool written);
 // The file at `name`, or nothing when there is none.
 std::optional<FileId> file_id(const std::string& name);
 // The directory `name` is in: "." for a bare name, "/" for one directly under the root.
 std::string directory_of(const std::string& name);
-// Makes the renames and removals done in the directory of `name` durable.
+// Makes the creations, renames and removals done in the directory of `name` durable (fsync).
 void sync_directory_of(const std::string& name);
 // Both refuse symbolic links at the names they are given.
 void rename_file(const std::string& from, const std::string& to);

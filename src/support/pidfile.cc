@@ -14,9 +14,9 @@ namespace adcdf {
 namespace {
 
 // The process id a regular file at `path` holds; 0 for anything else (a link, a directory, a
-// file that holds no number).
+// FIFO, which is not waited for, a file that holds no number).
 long pid_in(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return 0;
   struct stat st {};
   char text[32] = {};

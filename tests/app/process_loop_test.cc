@@ -150,22 +150,6 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
   // The records after the header record.
   const std::string once = record(kT1) + record(kT2) + record(kT2 + 60);
   const std::string again = record(kT1) + record(kT2) + record(kT2) + record(kT2 + 60);
-  // Tears one of the two slots of the position file: the one with the newer position, or both.
-  auto tear = [](const TempDir& d, bool both) {
-    std::string pos = d.read("b.POS");
-    auto sequence = [&](size_t slot) {
-      auto at = pos.find("sequence ", PositionFile::kPidLine + slot * PositionFile::kSlot);
-      return at < PositionFile::kPidLine + (slot + 1) * PositionFile::kSlot
-                 ? std::stol(pos.substr(at + 9))
-                 : 0;
-    };
-    for (size_t slot : {0, 1}) {
-      if (both || sequence(slot) > sequence(1 - slot)) {
-        pos[PositionFile::kPidLine + slot * PositionFile::kSlot + 40] ^= 1;
-      }
-    }
-    d.write("b.POS", pos);
-  };
   const struct {
     const char* name;
     std::function<void(const TempDir&)> meddle;
@@ -174,19 +158,9 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     std::string current, errors;
   } cases[] = {
       {"resumes", [](const TempDir&) {}, "", false, false, once, junk + bogus},
-      {"cuts back what follows the position",
-       [](const TempDir& d) {
-         d.write("b.000", d.read("b.000") + record(kT2 + 30) + "105,126");
-         d.write("b.ERR", d.read("b.ERR") + "stray\n");
-       },
-       "", false, false, once, junk + bogus},
-      {"newest slot torn: the older one", [&](const TempDir& d) { tear(d, false); }, "", false,
-       false, once, junk + bogus},
       {"without an error file, then with one", [](const TempDir&) {}, "", true, false, again,
        junk + bogus},
       {"with an error file, then without", [](const TempDir&) {}, "", false, true, once, junk},
-      {"both slots torn", [&](const TempDir& d) { tear(d, true); }, "", false, false, again,
-       junk + bogus},
       {"current generation shorter",
        [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", false, false,
        record(kT1) + record(kT1) + record(kT2) + record(kT2 + 60), junk + bogus},
@@ -222,8 +196,6 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     options.debug = false;
     EXPECT_EQ(after_header(run_dir.read("b.000")), c.current);
     EXPECT_EQ(run_dir.read("b.ERR"), c.errors);
-    // The older slot of a torn pair holds the position of the first wait or, when the stop
-    // came before that was written, the one of the start: the line resumed at varies.
     EXPECT_EQ(h.trace.text().find("Resuming at line ") != std::string::npos, c.current == once);
     if (&c == &cases[0]) {
       EXPECT_NE(h.trace.text().find("Resuming at line 12 of the audit file\n"), std::string::npos);

@@ -1,8 +1,8 @@
 // The daemon as a long-running service in a hostile environment: closed standard descriptors, a
-// trace reader that went away, stop signals, symbolic links planted at its file names, a planted
-// rotation journal, a base name too long to rotate, the modes of what it creates; and what it
-// tells the service manager.
+// trace reader that went away, stop signals, links and FIFOs planted at its file names, a base
+// name too long to rotate, the modes of what it creates; and what it tells the service manager.
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include "daemon_harness.h"
@@ -50,25 +50,50 @@ TEST(DaemonService, SigintAndSighupStopAsSigtermDoes) {
   }
 }
 
-// A link at any name the daemon writes, renames or removes is refused with an error naming it,
-// and nothing is written through it; at the process-list entry it is only passed over.
-TEST(DaemonService, SymbolicLinksAtItsNamesAreRefused) {
+// A symbolic link at any name the daemon writes, renames or removes, a FIFO at any of its names
+// or a hard link where it writes is refused at once with an error naming it, and nothing is
+// written through it (no FIFO is waited for); at the process-list entry it is only passed over.
+TEST(DaemonService, LinksAndFifosPlantedAtItsNamesAreRefused) {
+  enum Planted { kSymlink, kFifo, kHardLink };
   const struct {
     const char* name;
+    Planted planted;
     bool fatal;
     bool while_running;  // planted after start, before a rotation moves that name
   } cases[] = {
-      {"cdf.000", true, false},         {"cdf.001", true, false},
-      {"cdf.002", true, false},         {"cdf.ERR", true, false},
-      {"cdf.POS", true, false},         {".cdf-rotation.new", true, false},
-      {"../ekadcdf.pid", false, false}, {"cdf.001", true, true},
+      {"cdf.000", kSymlink, true, false},
+      {"cdf.001", kSymlink, true, false},
+      {"cdf.002", kSymlink, true, false},
+      {"cdf.ERR", kSymlink, true, false},
+      {"cdf.POS", kSymlink, true, false},
+      {".cdf-rotation.new", kSymlink, true, false},
+      {"../ekadcdf.pid", kSymlink, false, false},
+      {"cdf.001", kSymlink, true, true},
+      {"cdf.000", kFifo, true, false},
+      {"cdf.001", kFifo, true, false},
+      {"cdf.ERR", kFifo, true, false},
+      {"cdf.POS", kFifo, true, false},
+      {".cdf-rotation.journal", kFifo, true, false},
+      {"../ekadcdf.pid", kFifo, false, false},
+      {"cdf.000", kHardLink, true, false},
+      {"cdf.ERR", kHardLink, true, false},
+      {"cdf.POS", kHardLink, true, false},
   };
+  const char* const kRefusals[] = {"1 10 symbolic link refused: %s is a symbolic link",
+                                   "1 12 special file refused: %s is not a regular file",
+                                   "1 13 linked file refused: %s has 2 hard links"};
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.name) + (c.while_running ? " while running" : ""));
+    SCOPED_TRACE(std::string(c.name) + " " + std::to_string(c.planted) +
+                 (c.while_running ? " while running" : ""));
     Sandbox box;
     box.write("audit", kSection);
-    write_file(box.root() / "victim", "precious\n");
-    auto plant = [&] { fs::create_symlink(box.root() / "victim", box.file(c.name)); };
+    const fs::path victim = box.root() / "victim";
+    write_file(victim, "precious\n");
+    auto plant = [&] {
+      if (c.planted == kSymlink) fs::create_symlink(victim, box.file(c.name));
+      if (c.planted == kFifo) ::mkfifo(box.file(c.name).c_str(), 0600);
+      if (c.planted == kHardLink) fs::create_hard_link(victim, box.file(c.name));
+    };
     // With a current generation in place start-up opens no older one: only the check of every
     // name at start sees a link there.
     if (c.fatal && !c.while_running && std::string(c.name) != "cdf.000") {
@@ -84,34 +109,23 @@ TEST(DaemonService, SymbolicLinksAtItsNamesAreRefused) {
     }
     if (c.fatal) {
       EXPECT_EQ(daemon.wait_exit(), 1);
-      EXPECT_EQ(daemon.out(), "adcdf error: 1 10 symbolic link refused: " + std::string(c.name) +
-                                  " is a symbolic link\n");
+      char refusal[256];
+      std::snprintf(refusal, sizeof refusal, kRefusals[c.planted], c.name);
+      EXPECT_EQ(daemon.out(), "adcdf error: " + std::string(refusal) + "\n");
     } else {
       ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord));
       EXPECT_EQ(daemon.stop(), 0);
     }
-    EXPECT_TRUE(fs::is_symlink(box.file(c.name)));
-    EXPECT_EQ(read_file(box.root() / "victim"), "precious\n");
+    const auto status = fs::symlink_status(box.file(c.name));
+    EXPECT_EQ(status.type(), c.planted == kSymlink ? fs::file_type::symlink
+                             : c.planted == kFifo  ? fs::file_type::fifo
+                                                   : fs::file_type::regular);
+    EXPECT_EQ(read_file(victim), "precious\n");
   }
 }
 
-TEST(DaemonService, ForeignJournalAndOverlongBaseNameStopItBeforeAnyChange) {
-  {
-    Sandbox box;
-    box.write("audit", kSection);
-    write_file(box.root() / "victim", "precious\n");
-    const std::string journal = std::string("-\0cdf.000\0", 10) + (box.root() / "victim").string() +
-                                std::string("\0", 1) + "end";
-    box.write(".cdf-rotation.journal", journal);
-    Daemon daemon(box, {"-a", "audit", "-b", "cdf"});
-    EXPECT_EQ(daemon.wait_exit(), 1);
-    EXPECT_EQ(daemon.out(),
-              "adcdf error: 1 11 foreign rotation journal: .cdf-rotation.journal names " +
-                  (box.root() / "victim").string() + ", not a file of this base name\n");
-    EXPECT_EQ(read_file(box.root() / "victim"), "precious\n");
-    EXPECT_EQ(box.read(".cdf-rotation.journal"), journal);
-  }
-  // Its rotation journal's name would be too long: refused before the lock is taken.
+// Its rotation journal's name would be too long: refused before the lock is taken.
+TEST(DaemonService, OverlongBaseNameStopsItBeforeAnyChange) {
   Sandbox box;
   box.write("audit", kSection);
   const std::string base(240, 'b');

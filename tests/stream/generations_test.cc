@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "stream/header_record.h"
+#include "support/error.h"
 #include "test_support.h"
 
 namespace adcdf {
@@ -94,6 +95,108 @@ TEST(Generations, RotationRemovesOldestAndShiftsTheRest) {
     at.current_id = file_id(base + ".000").value();
     at.current_size = 4;
     EXPECT_EQ(positions.newest(), at);
+  }
+}
+
+// A restart recovers the rotation a journal records when it is complete, discards it when it is
+// not (a power cut tore it, zero-filled it or cut it short: its renames had not begun), whatever
+// names it holds, and refuses a complete journal naming files of another base name.
+TEST(Generations, RecoveryFinishesACompleteJournalAndDiscardsAnIncompleteOne) {
+  enum Outcome { kFinished, kDiscarded, kRefused };
+  TempDir dir;
+  const std::string base = dir.file("b"), fresh = dir.file(".b-rotation.new");
+  Position at;
+  at.offset = 77;
+  auto journal = [&](const std::string& position, const std::string& to, const char* end) {
+    return position + '\0' + base + ".000" + '\0' + to + '\0' + fresh + '\0' + base + ".000" +
+           '\0' + end;
+  };
+  const std::string slot = encode_position(at, 0), good = journal(slot, base + ".001", "end");
+  std::string bad_check = slot;
+  bad_check[30] ^= 1;
+  std::string zero_page = good;
+  std::fill_n(zero_page.begin(), slot.size() + 20, '\0');
+  const struct {
+    const char* name;
+    std::string text;
+    Outcome outcome;
+  } cases[] = {
+      {"complete", good, kFinished},
+      {"torn", good.substr(0, good.size() - 12), kDiscarded},
+      {"zero-filled", std::string(good.size(), '\0'), kDiscarded},
+      {"zero-filled but its end", zero_page, kDiscarded},
+      {"end marker missing", journal(slot, base + ".001", ""), kDiscarded},
+      {"position failing its check", journal(bad_check, base + ".001", "end"), kDiscarded},
+      {"a name empty", journal(slot, "", "end"), kDiscarded},
+      {"foreign name, incomplete", journal(slot, "/etc/passwd", ""), kDiscarded},
+      {"foreign name", journal(slot, "/etc/passwd", "end"), kRefused},
+  };
+  const std::map<std::string, std::string> kAfter[] = {
+      {{"000", "new\n"}, {"001", "old\n"}},
+      {{"000", "old\n"}},
+      {{"000", "old\n"}, {"-rotation.new", "new\n"}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    dir.write("b.000", "old\n");
+    dir.write(".b-rotation.new", "new\n");
+    dir.write(".b-rotation.journal", c.text);
+    PositionFile positions;
+    positions.lock(dir.file("b.POS"));
+    std::string error;
+    try {
+      Generations(base, 7).recover(positions);
+    } catch (const AdcdfError& e) {
+      error = std::to_string(e.reason()) + " " + e.what();
+    }
+    auto after = files(dir);
+    after.erase("-rotation.journal");
+    EXPECT_EQ(after, kAfter[c.outcome]);
+    EXPECT_EQ(dir.exists(".b-rotation.journal"), c.outcome == kRefused);
+    EXPECT_EQ(error, c.outcome != kRefused
+                         ? ""
+                         : "11 " + dir.file(".b-rotation.journal") +
+                               " names /etc/passwd, not a file of this base name");
+    EXPECT_EQ(positions.newest().has_value(), c.outcome == kFinished);
+    std::filesystem::remove(dir.file("b.POS"));
+    for (const auto& [name, text] : dir.files("")) std::filesystem::remove(dir.file(name));
+  }
+}
+
+// The newest position is the readable slot with the higher sequence number: a slot torn by a
+// power cut (cut short, a byte changed, zero-filled) leaves the other.
+TEST(PositionFile, NewestReadableSlotWins) {
+  enum Tear { kWhole, kCut, kChanged, kZeroed };
+  const struct {
+    const char* name;
+    uint64_t sequence[2];
+    Tear tear[2];
+    std::optional<long long> offset;  // of the position read: slot n holds offset n + 1
+  } cases[] = {
+      {"higher sequence in the first slot", {3, 2}, {kWhole, kWhole}, 1},
+      {"higher sequence in the second slot", {1, 2}, {kWhole, kWhole}, 2},
+      {"newer cut short: the older", {1, 2}, {kWhole, kCut}, 1},
+      {"newer failing its check: the older", {3, 2}, {kChanged, kWhole}, 2},
+      {"both torn: none", {1, 2}, {kZeroed, kChanged}, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    std::string text(PositionFile::kPidLine, ' ');
+    for (int i = 0; i < 2; ++i) {
+      Position p;
+      p.offset = i + 1;
+      std::string slot = encode_position(p, c.sequence[i]);
+      if (c.tear[i] == kCut) slot.resize(slot.size() / 2);
+      if (c.tear[i] == kChanged) slot[40] ^= 1;
+      if (c.tear[i] == kZeroed) slot.assign(slot.size(), '\0');
+      slot.resize(PositionFile::kSlot, ' ');
+      text += slot;
+    }
+    dir.write("b.POS", text);
+    PositionFile positions;
+    positions.lock(dir.file("b.POS"));
+    EXPECT_EQ(positions.newest() ? std::optional(positions.newest()->offset) : std::nullopt,
+              c.offset);
   }
 }
 
