@@ -39,6 +39,7 @@ class Converter {
   void take_tray(const Keyword& keyword, std::string_view line);
   void skipped(std::string_view line);
   void write(const Layout& layout, recrep* recipient);
+  void bound_output() { bound_section_output(ctx_, read_whole_); }
   std::string& value(int field) { return w_.values[static_cast<size_t>(field)]; }
   size_t limit(int field) const { return def_.fields[static_cast<size_t>(field)].limit; }
 
@@ -47,6 +48,7 @@ class Converter {
   int& counter_;
   ConverterWork& w_;
   FieldRules rules_;
+  bool read_whole_ = false;  // the blank line has been read
 };
 
 int Converter::run() {
@@ -91,9 +93,11 @@ int Converter::run() {
     throw;
   }
 
+  read_whole_ = true;
+  if (ctx_.output.spilled()) write_section_part(ctx_);
   if (def_.section_record != nullptr) write(*def_.section_record, nullptr);
   if (def_.recipient_record != nullptr) {
-    for (int i = 0; i < w_.recipients.size(); ++i) write(*def_.recipient_record, &w_.recipients[i]);
+    w_.recipients.for_each([this](recrep& r) { write(*def_.recipient_record, &r); });
   }
   scope.done();
   return 0;
@@ -111,7 +115,7 @@ void Converter::reset_values() {
 
 void Converter::begin_recipients() {
   try {
-    w_.recipients.begin_section();
+    w_.recipients.begin_section(ctx_.spill_directory);
   } catch (const std::bad_alloc&) {
     ctx_.trace.printf("Attempt to allocate pRecipArray failed.\n");
     char message[64];
@@ -227,6 +231,7 @@ void Converter::skipped(std::string_view line) {
   errors.append("\nLine = ");
   errors.append(line);
   errors.push_back('\n');
+  bound_output();
 }
 
 void Converter::write(const Layout& layout, recrep* recipient) {
@@ -281,6 +286,7 @@ void Converter::write(const Layout& layout, recrep* recipient) {
   char* const end = line.end();
   assert(static_cast<size_t>(end - start) <= room);
   out.commit_to(end);
+  bound_output();
 }
 
 }  // namespace

@@ -317,7 +317,7 @@ constexpr bool well_formed(const ConverterDef& def) {
 // nothing in it is read before a section has set it.
 struct ConverterWork {
   std::vector<std::string> values;
-  RecipientArray recipients;
+  RecipientStore recipients;
   std::string event;       // the section's event columns, formatted once for all its records
   int count = 0;           // recipient lines seen
   bool got_first = false;  // a kFirstAddress value has been taken

@@ -33,6 +33,21 @@ void commit_when_due(Context& ctx);
 // when the oldest has waited long enough.
 void commit_when_late(Context& ctx);
 
+// Keeps what the section in hand produces within the pending output's section_limit: once it
+// holds more, the complete sections before it are committed, and its output so far leaves
+// memory. While the section is being read (a stop or a rotation of the audit file may still
+// take it back), into the spill files; once it has been read to its blank line
+// (`read_whole`), into the output files, by write_section_part().
+void bound_section_output(Context& ctx, bool read_whole);
+
+// The section in hand has been read to its blank line (nothing can take it back any more) and
+// its output is large: commits the complete sections before it, carries out the rotation it
+// asked for, and writes its error entries and then its records so far (from the spill files,
+// then from memory). No position is recorded until the section is whole in the files: a crash
+// before that leaves part of it after the recorded position, which the restart cuts off, so
+// after any stop, crash or power cut a section is in the output whole or not at all.
+void write_section_part(Context& ctx);
+
 // Carries out the rotation the completed section in hand asked for. Its records then begin the
 // new generation with the next commit.
 void rotate_for_section(Context& ctx);

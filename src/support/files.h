@@ -47,6 +47,11 @@ class File {
   static File duplicate(int fd, const std::string& name);
   // Opens for reading; `follow_links` for a file the daemon only reads (the audit file).
   static File read_only(const std::string& name, bool follow_links = false);
+  // A new file without a name in `directory` (O_TMPFILE), for reading and writing: it never
+  // appears in the directory, and the kernel frees it once it is closed, however the process
+  // ends; after a power cut the file system's recovery frees it too. Nothing planted can be at
+  // a name it does not have, and it can never be given one (O_EXCL).
+  static File anonymous(const std::string& directory);
 
   int fd() const { return fd_; }
   const std::string& name() const { return name_; }
