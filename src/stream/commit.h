@@ -2,16 +2,22 @@
 //
 // A commit appends the pending error-file entries to <base>.ERR (one write, when there are any),
 // then the pending records to <base>.000 (one write), and then has a position recorded when one is
-// due (see restart.h). It holds whole sections only. While the audit file holds more than has been
-// converted, sections accumulate and are committed together: when the pending output reaches
-// kCommitBytes, when the oldest pending section has waited kCommitDelay (also while a long
-// section is being converted), before the daemon waits for more input, before a rotation and at a
-// stop. Following a file at the pace it is written, every section is committed as soon as it is
-// complete, since the daemon then waits for more.
+// due (see restart.h). It holds whole sections only (but see below). While the audit file holds
+// more than has been converted, sections accumulate and are committed together: when the pending
+// output reaches kCommitBytes, when the oldest pending section has waited kCommitDelay (also while
+// a long section is being converted), before the daemon waits for more input, before a rotation and
+// at a stop. Following a file at the pace it is written, every section is committed as soon as it
+// is complete, since the daemon then waits for more.
 //
 // A crash between the writes of a commit, or before the position that covers them, leaves the
 // files longer than the recorded position: the restart cuts them back and converts those sections
 // again, so nothing is lost and nothing doubled.
+//
+// A section whose output outgrows memory is the one exception to whole sections per commit: it
+// reaches the files in several writes (see write_section_part()), but only once it has been
+// read to its blank line, and no position is recorded until all of it is written. A crash or a
+// power cut in between leaves part of it after the recorded position, which the restart cuts
+// off; so after any stop, crash or power cut a section is in the output whole or not at all.
 #pragma once
 
 #include <chrono>

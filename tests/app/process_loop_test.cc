@@ -280,6 +280,7 @@ TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
     EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
     EXPECT_EQ(h.counted("Subsystem-start"), 0);
     EXPECT_EQ(h.input.offset() < static_cast<long long>(c.audit.size()), c.checks >= 0);
+    EXPECT_FALSE(h.ctx.output.spilled());  // nothing of it left to be written with the next
   }
 }
 
