@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the daemon on a large audit file and prints the figures.
 
-Three measurements, in one run:
+Four measurements, in one run:
   1. The I/O floor: how long `cat FILE > /dev/null` takes on the (cached) audit file.
   2. Throughput: the daemon converts the whole audit file from a fresh directory (three times
      by default; the best run is reported, being the least disturbed by other work). The end is
@@ -14,6 +14,11 @@ Three measurements, in one run:
      section in the audit file, the time from starting the process until the section's record
      has reached <base>.000, polled every 0.2 ms. The same with a one-line <base>.000 gives the
      baseline cost of starting a process at all.
+  4. Bounded memory: one giant section of each kind that collects entries (a routing section of
+     a million recipients, a fax section of a million, a section of a million stray lines),
+     converted as in 2: peak memory, and memory once the daemon waits again; and a section that
+     never ends (1 GiB of stray lines without its blank line): SIGTERM once a quarter of it has
+     been read, and how long the daemon takes to stop.
 
 Called by scripts/benchmark.sh, which also generates and caches the audit file.
 """
@@ -104,6 +109,23 @@ def io_floor(audit):
     return best
 
 
+def watch(proc, audit, reached, what, seconds, period):
+    """Polls the daemon every `period` seconds until reached(its descriptor of `audit`) holds;
+    returns that descriptor. Ends the script when the daemon ends first or `seconds` pass."""
+    fd = None
+    deadline = time.monotonic() + seconds
+    while True:
+        time.sleep(period)
+        if proc.poll() is not None:
+            sys.exit(f"the daemon ended early with status {proc.returncode}")
+        if time.monotonic() > deadline:
+            proc.kill()
+            sys.exit(f"the daemon did not {what} within {seconds} s")
+        fd = fd or find_fd(proc.pid, audit)
+        if fd is not None and reached(fd):
+            return fd
+
+
 def throughput(binary, audit, work, sections):
     directory = os.path.join(work, "convert")
     shutil.rmtree(directory, ignore_errors=True)
@@ -113,20 +135,10 @@ def throughput(binary, audit, work, sections):
     begin_ns = time.time_ns()
     proc = subprocess.Popen([binary, "-a", audit, "-b", base, "-g", "100"],
                             env=daemon_env(directory), stdout=subprocess.DEVNULL)
-    fd = None
-    settled = 0
-    last_cpu = None
-    deadline = time.monotonic() + 900
-    while True:
-        time.sleep(0.02)
-        if proc.poll() is not None:
-            sys.exit(f"the daemon ended early with status {proc.returncode}")
-        if time.monotonic() > deadline:
-            proc.kill()
-            sys.exit("the daemon did not reach the end of the audit file within 15 minutes")
-        if fd is None:
-            fd = find_fd(proc.pid, audit)
-            continue
+    settled, last_cpu = 0, None
+
+    def at_end_and_settled(fd):
+        nonlocal settled, last_cpu
         stat = read_proc(proc.pid, "stat")
         fields = stat[stat.rfind(")") + 2:].split()
         cpu = int(fields[11]) + int(fields[12])  # utime + stime, in clock ticks
@@ -134,9 +146,11 @@ def throughput(binary, audit, work, sections):
         sleeping = fields[0] == "S" and "nanosleep" in read_proc(proc.pid, "wchan")
         settled = settled + 1 if at_end and sleeping and cpu == last_cpu else 0
         last_cpu = cpu
-        if settled >= 3:
-            break
+        return settled >= 3
+
+    watch(proc, audit, at_end_and_settled, "reach the end of the audit file", 900, 0.02)
     hwm_kib = proc_status_kib(proc.pid, "VmHWM")
+    rss_kib = proc_status_kib(proc.pid, "VmRSS")
     # The generations and the error file; the position file is written once more when the
     # daemon settles, after the last record.
     outputs = [os.path.join(directory, n) for n in os.listdir(directory)
@@ -149,13 +163,72 @@ def throughput(binary, audit, work, sections):
     errors = os.path.getsize(base + ".ERR")
     wall = (end_ns - begin_ns) / 1e9
     result = {
-        "wall": wall, "cpu": cpu_seconds, "hwm_kib": hwm_kib,
+        "wall": wall, "cpu": cpu_seconds, "hwm_kib": hwm_kib, "rss_kib": rss_kib,
         "status": status, "records": records, "output_bytes": output_bytes,
         "generations": len([p for p in generations if os.path.getsize(p) > 0]),
         "errors": errors, "size": size, "sections": sections,
     }
     shutil.rmtree(directory, ignore_errors=True)
     return result
+
+
+# One giant section of each kind the daemon must hold in bounded memory, and the line each of
+# its N entries takes: (name, section name line, the entry with {i} for its number, the
+# section's other lines). Each file ends with one ordinary section after the giant one.
+GIANTS = (
+    ("routing, N recipients", "routing",
+     "recipient-to ANDREA NOVAK {i:07d}/SALES DEPARTMENT\nack-req 1\nqueue ekx400-outbound\n",
+     "type 1\noriginator newsletter/marketing\nua-message-id UA-GIANT-1\nsubject News\n"),
+    ("fax, N recipients", "fax", "recipient-to fax {i:07d} ANDREA NOVAK/SALES DEPARTMENT\n",
+     "priority 1\noriginator newsletter/marketing\nsent-pages 2\n"),
+    ("N stray lines", "subsystem-start", "stray line {i:07d} of a section nobody knows\n",
+     "subsystem 3\nuser sysadm\n"),
+)
+GIANT_TIME = 1775000000  # 2026-03-31
+
+
+def giant_file(work, index, count):
+    """The audit file of GIANTS[index] with `count` entries (kept between runs)."""
+    _, name, entry, others = GIANTS[index]
+    path = os.path.join(work, f"giant-{index}-{count}")
+    if not os.path.exists(path):
+        with open(path + ".tmp", "w", encoding="ascii", buffering=8 * MIB) as f:
+            f.write(f"{name}\nhdr {GIANT_TIME}\n{others}")
+            for i in range(count):
+                f.write(entry.format(i=i))
+            f.write(f"\nsubsystem-stop\nhdr {GIANT_TIME + 1}\nsubsystem 4\n\n")
+        os.rename(path + ".tmp", path)
+    return path
+
+
+def endless(binary, work, size):
+    """A section that never ends: `size` bytes of stray lines after its header, and no blank
+    line. SIGTERM once the daemon has read a quarter of it: how long it takes to stop, how far it
+    had read, and its peak memory."""
+    path = os.path.join(work, f"endless-{size}")
+    if not os.path.exists(path):
+        line = b"stray line of a section that never ends, 64 bytes long.......\n"
+        block = line * (MIB // len(line))
+        with open(path + ".tmp", "wb") as f:
+            f.write(f"subsystem-start\nhdr {GIANT_TIME}\n".encode())
+            for _ in range(size // len(block)):
+                f.write(block)
+        os.rename(path + ".tmp", path)
+    total = os.path.getsize(path)
+    directory = os.path.join(work, "endless-run")
+    shutil.rmtree(directory, ignore_errors=True)
+    os.makedirs(directory)
+    proc = subprocess.Popen([binary, "-a", path, "-b", os.path.join(directory, "cdf")],
+                            env=daemon_env(directory), stdout=subprocess.DEVNULL)
+    fd = watch(proc, path, lambda fd: fd_position(proc.pid, fd) >= total // 4,
+               "read a quarter of the endless section", 600, 0.01)
+    at = fd_position(proc.pid, fd)
+    hwm_kib = proc_status_kib(proc.pid, "VmHWM")
+    begin = time.perf_counter()
+    status, _ = stop(proc)
+    seconds = time.perf_counter() - begin
+    shutil.rmtree(directory, ignore_errors=True)
+    return {"seconds": seconds, "status": status, "at": at, "size": total, "hwm_kib": hwm_kib}
 
 
 # Records of one day as the daemon writes them; the block is repeated to fill <base>.000.
@@ -297,6 +370,10 @@ def main():
     parser.add_argument("--startup-runs", type=int, default=7)
     parser.add_argument("--skip-throughput", action="store_true")
     parser.add_argument("--skip-startup", action="store_true")
+    parser.add_argument("--giant", type=int, default=1000000,
+                        help="entries of each giant section (0 skips them)")
+    parser.add_argument("--endless-size", type=int, default=1 << 30,
+                        help="bytes of the section that never ends (0 skips it)")
     args = parser.parse_args()
     binary = os.path.realpath(args.binary)
     os.makedirs(args.work, exist_ok=True)
@@ -347,6 +424,32 @@ def main():
                 (f"{label}: peak resident memory", f"{hwm / 1024:.1f} MiB",
                  "VmHWM at the end, highest run"),
             ]
+    if args.giant:
+        n = f"{args.giant:,}"
+        for index, (label, *_) in enumerate(GIANTS):
+            label = label.replace("N", n)
+            print(f"converting a section: {label} ...", flush=True)
+            r = throughput(binary, giant_file(args.work, index, args.giant), args.work, 2)
+            print(f"  exit status {r['status']}, {r['records']} records, error file "
+                  f"{r['errors']} bytes; wall {r['wall']:.2f} s")
+            if r["status"] != 0:
+                sys.exit("the conversion did not end cleanly")
+            rows += [
+                (f"{label}: peak memory", f"{r['hwm_kib'] / 1024:.1f} MiB",
+                 f"VmHWM; {r['size'] / MIB:.0f} MiB of audit in {r['wall']:.2f} s, "
+                 f"{r['records']:,} records, {r['errors'] / MIB:.0f} MiB of error entries"),
+                (f"{label}: memory after it", f"{r['rss_kib'] / 1024:.1f} MiB",
+                 "VmRSS once the daemon waits for more"),
+            ]
+    if args.endless_size:
+        print("a section that never ends, SIGTERM inside it ...", flush=True)
+        e = endless(binary, args.work, args.endless_size)
+        rows += [
+            ("endless section: stop", f"{e['seconds'] * 1e3:.0f} ms",
+             f"SIGTERM to exit (status {e['status']}) after {e['at'] / MIB:.0f} MiB of "
+             f"{e['size'] / MIB:.0f} MiB read"),
+            ("endless section: peak memory", f"{e['hwm_kib'] / 1024:.1f} MiB", "VmHWM"),
+        ]
     if not args.skip_startup:
         print(f"start-up with a {args.startup_size / MIB:.0f} MiB <base>.000 ...", flush=True)
         s = startup(binary, args.work, args.startup_size, args.startup_runs)
@@ -371,7 +474,8 @@ def main():
     print(f"load average {load_before:.2f} before, {os.getloadavg()[0]:.2f} after (other work "
           "on the cores slows both wall and CPU time; compare best runs on a quiet machine)")
     print("targets: >= 300 MiB/s of audit input per CPU second (floor 200) on each file, "
-          ">= 250 MiB/s wall-clock catch-up, peak memory < 16 MiB, start-up < 20 ms")
+          ">= 250 MiB/s wall-clock catch-up, peak memory < 16 MiB, start-up < 20 ms; "
+          "giant and endless sections: peak memory < 64 MiB, a stop within 2 s")
 
 
 if __name__ == "__main__":

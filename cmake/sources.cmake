@@ -2,7 +2,8 @@
 # Google Benchmark program. Paths are relative to the repository's src/ folder.
 set(EKADCDF_CORE_SOURCES
     support/buffer.cc support/error.cc support/faults.cc support/files.cc support/notify.cc
-    support/pidfile.cc support/signals.cc support/textfile.cc support/tokenizer.cc support/trace.cc
+    support/pidfile.cc support/signals.cc support/spill_file.cc support/textfile.cc
+    support/tokenizer.cc support/trace.cc
     stream/audit_input.cc stream/audit_sources.cc stream/checkpoint.cc stream/commit.cc
     stream/generations.cc
     stream/line_reader.cc stream/output_names.cc stream/position.cc stream/restart.cc

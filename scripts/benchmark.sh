@@ -2,7 +2,9 @@
 # Benchmark of the daemon: catch-up throughput (wall and CPU) on two generated audit files, a
 # busy server's mix of a million sections and 200,000 small sections of every kind, each beside
 # `cat` on the same file as the I/O floor; peak memory; start-up time with a 1 GiB <base>.000 in
-# place. Prints a summary table. Takes a few minutes; build with -DCMAKE_BUILD_TYPE=Release first.
+# place; peak memory on giant sections (a million recipients of a routing or a fax section, a
+# million stray lines) and on a section that never ends, and how fast a stop ends it. Prints a
+# summary table. Takes a few minutes; build with -DCMAKE_BUILD_TYPE=Release first.
 #
 # Usage: scripts/benchmark.sh [path/to/ekadcdf]
 # Environment:
@@ -13,6 +15,8 @@
 #   BENCH_SEED      seed of the generator (default 1)
 #   BENCH_STARTUP_MIB  size of <base>.000 for the start-up test in MiB (default 1024)
 #   BENCH_RUNS      conversions of each file; the best is reported (default 3)
+#   BENCH_GIANT     entries of each giant section (default 1000000; 0 skips them)
+#   BENCH_ENDLESS_MIB  size of the section that never ends in MiB (default 1024; 0 skips it)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 binary=$(realpath "${1:-$here/build/ekadcdf}")
@@ -51,4 +55,5 @@ small=$(audit_file small "$small_sections")
 
 python3 "$here/bench/run_benchmark.py" --binary "$binary" --work "$work" \
   --audit "busy:$sections:$busy" --audit "small:$small_sections:$small" \
-  --startup-size $((startup_mib * 1024 * 1024)) --runs "${BENCH_RUNS:-3}"
+  --startup-size $((startup_mib * 1024 * 1024)) --runs "${BENCH_RUNS:-3}" \
+  --giant "${BENCH_GIANT:-1000000}" --endless-size $((${BENCH_ENDLESS_MIB:-1024} * 1024 * 1024))

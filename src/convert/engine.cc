@@ -39,6 +39,7 @@ class Converter {
   void take_tray(const Keyword& keyword, std::string_view line);
   void skipped(std::string_view line);
   void write(const Layout& layout, recrep* recipient);
+  void bound_output() { bound_section_output(ctx_, read_whole_); }
   std::string& value(int field) { return w_.values[static_cast<size_t>(field)]; }
   size_t limit(int field) const { return def_.fields[static_cast<size_t>(field)].limit; }
 
@@ -47,7 +48,8 @@ class Converter {
   int& counter_;
   ConverterWork& w_;
   FieldRules rules_;
-  int skipped_ = 0;  // lines of this section reported as skipped
+  int skipped_ = 0;          // lines of this section reported as skipped
+  bool read_whole_ = false;  // the blank line has been read
 };
 
 int Converter::run() {
@@ -94,9 +96,11 @@ int Converter::run() {
     throw;
   }
 
+  read_whole_ = true;
+  if (ctx_.output.spilled()) write_section_part(ctx_);
   if (def_.section_record != nullptr) write(*def_.section_record, nullptr);
   if (def_.recipient_record != nullptr) {
-    for (int i = 0; i < w_.recipients.size(); ++i) write(*def_.recipient_record, &w_.recipients[i]);
+    w_.recipients.for_each([this](recrep& r) { write(*def_.recipient_record, &r); });
   }
   scope.done();
   return 0;
@@ -114,7 +118,7 @@ void Converter::reset_values() {
 
 void Converter::begin_recipients() {
   try {
-    w_.recipients.begin_section();
+    w_.recipients.begin_section(ctx_.spill_directory);
   } catch (const std::bad_alloc&) {
     ctx_.trace.printf("Attempt to allocate pRecipArray failed.\n");
     char message[64];
@@ -232,6 +236,7 @@ void Converter::skipped(std::string_view line) {
   errors.push_back('\n');
   ++skipped_;
   ++ctx_.metrics.errors.skipped_line;
+  bound_output();
 }
 
 void Converter::write(const Layout& layout, recrep* recipient) {
@@ -286,6 +291,7 @@ void Converter::write(const Layout& layout, recrep* recipient) {
   char* const end = line.end();
   assert(static_cast<size_t>(end - start) <= room);
   out.commit_to(end);
+  bound_output();
 }
 
 }  // namespace

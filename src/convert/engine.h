@@ -10,7 +10,8 @@
 // line. A line is matched by prefix against the keywords in order, the first match winning;
 // unmatched lines go to the error file as skipped lines. At the blank line the records are
 // formatted into the section's output. Nothing reaches a file until the processing loop commits
-// the section, and a section abandoned at a stop is not counted.
+// the section (or, for a section too large to keep in memory, until it has been read to its
+// blank line; see commit.h), and a section abandoned at a stop is not counted.
 #pragma once
 
 #include <algorithm>
@@ -317,7 +318,7 @@ constexpr bool well_formed(const ConverterDef& def) {
 // nothing in it is read before a section has set it.
 struct ConverterWork {
   std::vector<std::string> values;
-  RecipientArray recipients;
+  RecipientStore recipients;
   std::string event;       // the section's event columns, formatted once for all its records
   int count = 0;           // recipient lines seen
   bool got_first = false;  // a kFirstAddress value has been taken

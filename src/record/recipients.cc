@@ -1,6 +1,8 @@
 #include "record/recipients.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 
 #include "stream/context.h"
 
@@ -23,23 +25,79 @@ bool is_gateway_queue(std::string_view queue) {
   return false;
 }
 
-}  // namespace
+// A packed recipient: each text as its length (two bytes) and its characters, then one byte of
+// flags and the reason's four bytes.
+constexpr size_t kFixedBytes = 4 * sizeof(uint16_t) + 1 + sizeof(int);
 
-void RecipientArray::begin_section() {
-  count_ = 0;
-  if (slots_.size() < 20) slots_.resize(20);
+char* put_text(char* at, std::string_view text) {
+  const auto length = static_cast<uint16_t>(text.size());
+  std::memcpy(at, &length, sizeof length);
+  std::memcpy(at + sizeof length, text.data(), length);
+  return at + sizeof length + length;
 }
 
-recrep& RecipientArray::next_slot() {
-  if (count_ == slots_.size()) slots_.resize(slots_.size() + 10);
-  recrep& slot = slots_[count_];
-  slot.category.clear();
-  slot.ack_req.clear();
-  slot.queue.clear();
-  slot.recip.clear();
-  slot.local = slot.brindleRoute = false;
-  slot.ndnReason = 0;
-  return slot;
+const char* get_text(const char* at, const char* end, std::string& text) {
+  uint16_t length;
+  if (end - at < static_cast<ptrdiff_t>(sizeof length)) return nullptr;
+  std::memcpy(&length, at, sizeof length);
+  at += sizeof length;
+  if (end - at < length) return nullptr;
+  text.assign(at, length);
+  return at + length;
+}
+
+}  // namespace
+
+void RecipientStore::begin_section(const std::string& spill_directory) {
+  count_ = 0;
+  unpacked_ = false;
+  packed_.clear();
+  packed_.room(4096);
+  spill_.clear();
+  spill_.set_directory(spill_directory);
+}
+
+recrep& RecipientStore::next_slot() {
+  if (unpacked_) pack(slot_);
+  unpacked_ = false;
+  slot_.category.clear();
+  slot_.ack_req.clear();
+  slot_.queue.clear();
+  slot_.recip.clear();
+  slot_.local = slot_.brindleRoute = false;
+  slot_.ndnReason = 0;
+  return slot_;
+}
+
+void RecipientStore::pack(const recrep& r) {
+  // The texts are cut to their limits when they are taken, far below what two bytes count.
+  const size_t bytes =
+      kFixedBytes + r.category.size() + r.ack_req.size() + r.queue.size() + r.recip.size();
+  if (packed_.size() + bytes > memory_limit && !packed_.empty()) {
+    spill_.append(packed_.view());
+    packed_.clear();
+  }
+  char* at = packed_.room(bytes);
+  for (const std::string* text : {&r.category, &r.ack_req, &r.queue, &r.recip}) {
+    at = put_text(at, *text);
+  }
+  *at++ = static_cast<char>((r.local ? 1 : 0) | (r.brindleRoute ? 2 : 0));
+  std::memcpy(at, &r.ndnReason, sizeof r.ndnReason);
+  packed_.commit_to(at + sizeof r.ndnReason);
+}
+
+const char* RecipientStore::unpack_one(const char* at, const char* end) {
+  for (std::string* text : {&slot_.category, &slot_.ack_req, &slot_.queue, &slot_.recip}) {
+    if (at == nullptr) return nullptr;
+    at = get_text(at, end, *text);
+  }
+  if (at == nullptr || end - at < static_cast<ptrdiff_t>(1 + sizeof slot_.ndnReason)) {
+    return nullptr;
+  }
+  slot_.local = (*at & 1) != 0;
+  slot_.brindleRoute = (*at & 2) != 0;
+  std::memcpy(&slot_.ndnReason, at + 1, sizeof slot_.ndnReason);
+  return at + 1 + sizeof slot_.ndnReason;
 }
 
 int adcdf_get_recip_line(const FieldRules& rules, std::string_view pszSource, recrep& recipient,

@@ -38,6 +38,32 @@ void commit_when_late(Context& ctx) {
   if (ctx.output.since && coarse_now() - *ctx.output.since >= kCommitDelay) commit_output(ctx);
 }
 
+void bound_section_output(Context& ctx, bool read_whole) {
+  PendingOutput& pending = ctx.output;
+  if (pending.section_size() < pending.section_limit) return;
+  if (read_whole) {
+    write_section_part(ctx);
+    return;
+  }
+  commit_output(ctx);
+  pending.spill_section();
+}
+
+void write_section_part(Context& ctx) {
+  PendingOutput& pending = ctx.output;
+  commit_output(ctx);
+  // The rotation's position still lies before the section: it is taken before any of the
+  // section reaches the files, so that a restart there converts the whole section again.
+  if (pending.rotation) rotate_for_section(ctx);
+  auto to_errors = [&ctx](std::string_view piece) { ctx.errlog.append(piece); };
+  auto to_records = [&ctx](std::string_view piece) { ctx.generations.current().append(piece); };
+  pending.errors_spill.read_back(PendingOutput::kSectionLimit, to_errors);
+  if (!pending.errors.empty()) to_errors(pending.errors.view());
+  pending.records_spill.read_back(PendingOutput::kSectionLimit, to_records);
+  if (!pending.records.empty()) to_records(pending.records.view());
+  pending.forget_section();
+}
+
 void rotate_for_section(Context& ctx) {
   // What the sections before this one produced was committed when its header asked for the
   // rotation, so the position is at its name line; with its date, so that a restart there

@@ -55,14 +55,21 @@ void commit_when_late(Context& ctx);
 
 struct Context {
   Context(Options opts, Tracer& tracer, AuditInput& audit)
-      : options(std::move(opts)), trace(tracer), input(audit) {}
+      : options(std::move(opts)), trace(tracer), input(audit) {
+    output.records_spill.set_directory(spill_directory);
+    output.errors_spill.set_directory(spill_directory);
+  }
 
   // Reads the next line of the section in hand into gszLine and counts it (waits at the end of
-  // the file; throws SectionAbandoned on a stop).
+  // the file; throws SectionAbandoned on a stop, noticed at the latest 1024 lines on).
   std::string_view next_section_line() {
     // A long section does not hold back the sections completed before it.
     count_up(giLineno);
-    if ((giLineno & 1023) == 0) commit_when_late(*this);
+    if ((giLineno & 1023) == 0) {
+      commit_when_late(*this);
+      // Nor does it hold back a stop when it does not end: it is abandoned as at a wait.
+      if (!input.keep_going()) throw SectionAbandoned{};
+    }
     gszLine = input.read_section_line();
     return gszLine;
   }
@@ -71,6 +78,8 @@ struct Context {
   Tracer& trace;
   AuditInput& input;
   Generations generations{options.gszBaseFilename, options.giMaxgen};
+  // Where what a large section produces is kept while it does not fit in memory.
+  const std::string spill_directory = directory_of(options.gszBaseFilename);
 
   std::string_view gszLine;
   int giLineno = 0;

@@ -3,7 +3,7 @@
 // room(n) makes space for at least n more bytes without initialising them and returns where they
 // start; the writer fills some of them and hands the end back to commit_to(). A record is so
 // formatted straight into the pending output, with one capacity check per record instead of one
-// per character. Once grown, the buffer is reused without allocating.
+// per character. Once grown, the buffer is reused without allocating (unless shrunk).
 #pragma once
 
 #include <cstddef>
@@ -36,6 +36,12 @@ class Buffer {
   // Drops the first `n` bytes.
   void erase_front(size_t n);
   void clear() { size_ = 0; }
+  // Empties the buffer, giving its memory back when it has grown beyond `keep` bytes (after a
+  // large section, so that the next ones do not hold on to what it needed).
+  void clear_and_shrink(size_t keep) {
+    size_ = 0;
+    if (capacity_ > keep) data_.reset(), capacity_ = 0;
+  }
 
   friend bool operator==(const Buffer& buffer, std::string_view text) {
     return buffer.view() == text;

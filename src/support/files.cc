@@ -88,6 +88,10 @@ File File::read_write_create(const std::string& name) {
   return open_or_throw(name, O_RDWR | O_CREAT);
 }
 
+File File::anonymous(const std::string& directory) {
+  return open_or_throw(directory, O_TMPFILE | O_RDWR | O_EXCL);
+}
+
 File File::duplicate(int fd, const std::string& name) {
   int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
   if (copy < 0) raise_file_error(kReasonOpen, "cannot duplicate the descriptor of", name, errno);

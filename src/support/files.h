@@ -66,6 +66,11 @@ class File {
                                                  std::string& why);
   // /dev/null, for writing what nobody keeps.
   static File null_device();
+  // A new file without a name in `directory` (O_TMPFILE), for reading and writing: it never
+  // appears in the directory, and the kernel frees it once it is closed, however the process
+  // ends; after a power cut the file system's recovery frees it too. Nothing planted can be at
+  // a name it does not have, and it can never be given one (O_EXCL).
+  static File anonymous(const std::string& directory);
 
   int fd() const { return fd_; }
   const std::string& name() const { return name_; }

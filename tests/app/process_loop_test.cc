@@ -71,24 +71,34 @@ class ProcessLoop : public ::testing::Test {
 // Sections are converted and the generations rotate at a new day; the error file gets each
 // section's skipped lines and each line between sections that names no section (one entry per
 // line: an unknown section's header and keyword lines are unknown names too); NOTES sections are
-// counted and passed over.
+// counted and passed over. The same when no section's output may stay in memory (a limit of 0):
+// skipped lines go through the spill files, records straight into the generation, after the
+// rotation their section asked for.
 TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
-  Harness h(section(kT1) + section(kT2, "subsystem 3\nuser sysadm\njunk line\n") +
-                "bogus\nhdr 1\n\nnotes-in\nx 1\n\nRouting\n" + section(kNextDay),
-            options);
-  adcdf_process_file(h.ctx);
-  auto files = outputs();
-  ASSERT_EQ(files.size(), 4u);  // 000, 001, 002 and ERR
-  EXPECT_EQ(files["002"], "");  // the empty generation created at start
-  EXPECT_EQ(after_header(files["001"]), record(kT1) + record(kT2));
-  EXPECT_EQ(after_header(files["000"]), record(kNextDay));
-  EXPECT_EQ(files["ERR"],
-            "Skipped line: 10\nLine = junk line\n\n"
-            "Unknown audit file section: line 12\nbogus\n\n"
-            "Unknown audit file section: line 13\nhdr 1\n\n"
-            "Unknown audit file section: line 18\nRouting\n\n");
-  EXPECT_EQ(h.counted("Subsystem-start"), 3);
-  EXPECT_EQ(h.counted("NOTES-in"), 1);
+  for (size_t limit : {PendingOutput::kSectionLimit, size_t{0}}) {
+    SCOPED_TRACE(limit);
+    std::filesystem::remove_all(dir.path());
+    std::filesystem::create_directories(dir.path());
+    Harness h(section(kT1) + section(kT2, "subsystem 3\nuser sysadm\njunk line\n") +
+                  "bogus\nhdr 1\n\nnotes-in\nx 1\n\nRouting\n" +
+                  section(kNextDay, "subsystem 3\nuser sysadm\nstray\n"),
+              options);
+    h.ctx.output.section_limit = limit;
+    adcdf_process_file(h.ctx);
+    auto files = outputs();
+    ASSERT_EQ(files.size(), 4u);  // 000, 001, 002 and ERR
+    EXPECT_EQ(files["002"], "");  // the empty generation created at start
+    EXPECT_EQ(after_header(files["001"]), record(kT1) + record(kT2));
+    EXPECT_EQ(after_header(files["000"]), record(kNextDay));
+    EXPECT_EQ(files["ERR"],
+              "Skipped line: 10\nLine = junk line\n\n"
+              "Unknown audit file section: line 12\nbogus\n\n"
+              "Unknown audit file section: line 13\nhdr 1\n\n"
+              "Unknown audit file section: line 18\nRouting\n\n"
+              "Skipped line: 23\nLine = stray\n\n");
+    EXPECT_EQ(h.counted("Subsystem-start"), 3);
+    EXPECT_EQ(h.counted("NOTES-in"), 1);
+  }
 }
 
 struct RestoreCase {
@@ -220,15 +230,32 @@ TEST_F(ProcessLoop, StopWhileCatchingUpRecordsTheFirstLineNotHandled) {
   EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2) + record(kT2 + 60));
 }
 
+// A section abandoned at a stop leaves no trace: at a wait for its next line, with its skipped
+// line in memory or in the spill file (a limit of 0), and inside a section that goes on and on,
+// whose end the stop does not wait for.
 TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
   const std::string current = kHeader + record(kT1);
-  dir.write("b.000", current);
-  // A later day, so the section's header plans a rotation; a skipped line before the stop.
-  Harness h("subsystem-start\nhdr " + std::to_string(kNextDay) + "\njunk\n", options,
-            {"subsystem 3\n"});
-  adcdf_process_file(h.ctx);
-  EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
-  EXPECT_EQ(h.counted("Subsystem-start"), 0);
+  // A later day, so the section's header plans a rotation; skipped lines before the stop.
+  const std::string start = "subsystem-start\nhdr " + std::to_string(kNextDay) + "\njunk\n";
+  std::string long_section = start;
+  for (int i = 0; i < 3000; ++i) long_section += "junk\n";
+  const struct {
+    std::string audit;
+    size_t limit;
+    int checks;  // before the stop; -1: at the wait after the audit file's end
+  } cases[] = {{start, PendingOutput::kSectionLimit, -1}, {start, 0, -1}, {long_section, 0, 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.audit.size() + c.limit);
+    dir.write("b.000", current);
+    Harness h(c.audit, options, {"subsystem 3\n"});
+    h.ctx.output.section_limit = c.limit;
+    if (c.checks >= 0) h.waiter.stop_after_checks(c.checks);
+    adcdf_process_file(h.ctx);
+    EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
+    EXPECT_EQ(h.counted("Subsystem-start"), 0);
+    EXPECT_EQ(h.input.offset() < static_cast<long long>(c.audit.size()), c.checks >= 0);
+    EXPECT_FALSE(h.ctx.output.spilled());  // nothing of it left to be written with the next
+  }
 }
 
 TEST_F(ProcessLoop, NoErrWritesNoErrorFile) {

@@ -7,11 +7,48 @@ namespace {
 
 const std::string kTail = "0,0,0,\"\",0,0,0,\"\",\"\"\n";
 
-// Killed while it writes the records of a section with 300,000 recipients (one write of some
-// 30 MB): the restart cuts the part written off and converts the section again, so the section
-// is in the file once and whole.
+// Stopped or killed while idle right after the first section of a new day (the output and the
+// position are on the disk before each wait): the restart converts nothing again and starts no
+// generation again, and goes on as one run would.
+TEST(DaemonRestart, AfterTheFirstSecondOfADayNothingIsConvertedOrRotatedAgain) {
+  auto section = [](long time) {
+    return "subsystem-stop\nh " + std::to_string(time) + "\nsubsystem 4\n\n";
+  };
+  const std::string day_one = section(1699952400) + section(1699956000);
+  const std::string first_of_day_two = section(1700006400);
+  const std::string rest = section(1700006460);
+  Sandbox reference;
+  reference.write("audit", day_one + first_of_day_two + rest);
+  Daemon whole(reference, {"-a", "audit", "-b", "cdf", "-d"});
+  ASSERT_TRUE(whole.wait_err("waiting...\n"));
+  EXPECT_EQ(whole.stop(), 0);
+
+  for (int signo : {SIGTERM, SIGKILL}) {
+    SCOPED_TRACE(signo);
+    Sandbox box;
+    box.write("audit", day_one + first_of_day_two);
+    Daemon first(box, {"-a", "audit", "-b", "cdf", "-d"});
+    ASSERT_TRUE(first.wait_err("waiting...\n"));
+    const auto files = box.files();
+    first.signal(signo);
+    first.wait_exit();
+    Daemon second(box, {"-a", "audit", "-b", "cdf", "-d"});
+    ASSERT_TRUE(second.wait_err("waiting...\n"));
+    EXPECT_NE(second.err().find("Resuming at line 13 of the audit file\n"), std::string::npos);
+    EXPECT_EQ(box.files(), files);
+    box.append("audit", rest);
+    ASSERT_TRUE(second.wait_err("waiting...\n", 2));
+    EXPECT_EQ(second.stop(), 0);
+    EXPECT_EQ(box.files(), reference.files());
+  }
+}
+
+// Killed while it writes the records of a section with 300,000 recipients (some 30 MB, more
+// than it keeps in memory: written in pieces after its rotation and its skipped line): the
+// restart cuts the part written off and converts the section again, so the section is in the
+// files once and whole, its recipients in reading order.
 TEST(DaemonRestart, KilledInsideALargeWriteLeavesTheSectionWholeOnce) {
-  std::string audit = "routing\nh 1699952400\noriginator o/x\n";
+  std::string audit = "routing\nh 1699952400\noriginator o/x\nstray\n";
   for (int i = 0; i < 300000; ++i) {
     audit += "recipient-to r" + std::to_string(i) + "\nack-req 1\nqueue LOCAL\n";
   }
@@ -23,6 +60,12 @@ TEST(DaemonRestart, KilledInsideALargeWriteLeavesTheSectionWholeOnce) {
       [&] { return reference.read("cdf.000").ends_with(",4,0,0,0,\" \",\"\"," + kTail); }, 60));
   EXPECT_EQ(whole.stop(), 0);
   const auto expected = reference.files();
+  size_t at = 0;
+  for (int i = 0; i < 300000 && at != std::string::npos; ++i) {
+    at = expected.at("cdf.000").find("\"R" + std::to_string(i) + " \",1,0\n", at);
+  }
+  EXPECT_NE(at, std::string::npos);
+  EXPECT_EQ(expected.at("cdf.ERR"), "Skipped line: 4\nLine = stray\n\n");
 
   Sandbox box;
   box.write("audit", audit);
