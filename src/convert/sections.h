@@ -31,6 +31,7 @@ class SectionConverter {
  public:
   // Converts the section of `kind`, whose name line is in gszLine, and counts it.
   int convert(Context& ctx, const SectionKind& kind);
+  ConverterWork& work() { return work_; }
 
  private:
   ConverterWork work_;

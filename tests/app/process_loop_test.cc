@@ -71,14 +71,16 @@ class ProcessLoop : public ::testing::Test {
 // Sections are converted and the generations rotate at a new day; the error file gets each
 // section's skipped lines and each line between sections that names no section (one entry per
 // line: an unknown section's header and keyword lines are unknown names too); NOTES sections are
-// counted and passed over. The same when no section's output may stay in memory (a limit of 0):
-// skipped lines go through the spill files, records straight into the generation, after the
-// rotation their section asked for.
+// counted and passed over. The same with no section's output kept in memory (a limit of 0: the
+// spill files, records written after the rotation their section asked for); -e: no error file.
 TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
-  for (size_t limit : {PendingOutput::kSectionLimit, size_t{0}}) {
-    SCOPED_TRACE(limit);
+  const std::pair<size_t, bool> cases[] = {
+      {PendingOutput::kSectionLimit, false}, {0, false}, {PendingOutput::kSectionLimit, true}};
+  for (const auto& [limit, noerr] : cases) {
+    SCOPED_TRACE(limit + noerr);
     std::filesystem::remove_all(dir.path());
     std::filesystem::create_directories(dir.path());
+    options.noerr = noerr;
     Harness h(section(kT1) + section(kT2, "subsystem 3\nuser sysadm\njunk line\n") +
                   "bogus\nhdr 1\n\nnotes-in\nx 1\n\nRouting\n" +
                   section(kNextDay, "subsystem 3\nuser sysadm\nstray\n"),
@@ -86,16 +88,16 @@ TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
     h.ctx.output.section_limit = limit;
     adcdf_process_file(h.ctx);
     auto files = outputs();
-    ASSERT_EQ(files.size(), 4u);  // 000, 001, 002 and ERR
-    EXPECT_EQ(files["002"], "");  // the empty generation created at start
+    ASSERT_EQ(files.size(), noerr ? 3u : 4u);  // 000, 001, 002 and ERR
+    EXPECT_EQ(files["002"], "");               // the empty generation created at start
     EXPECT_EQ(after_header(files["001"]), record(kT1) + record(kT2));
     EXPECT_EQ(after_header(files["000"]), record(kNextDay));
-    EXPECT_EQ(files["ERR"],
-              "Skipped line: 10\nLine = junk line\n\n"
-              "Unknown audit file section: line 12\nbogus\n\n"
-              "Unknown audit file section: line 13\nhdr 1\n\n"
-              "Unknown audit file section: line 18\nRouting\n\n"
-              "Skipped line: 23\nLine = stray\n\n");
+    EXPECT_EQ(files["ERR"], noerr ? ""
+                                  : "Skipped line: 10\nLine = junk line\n\n"
+                                    "Unknown audit file section: line 12\nbogus\n\n"
+                                    "Unknown audit file section: line 13\nhdr 1\n\n"
+                                    "Unknown audit file section: line 18\nRouting\n\n"
+                                    "Skipped line: 23\nLine = stray\n\n");
     EXPECT_EQ(h.counted("Subsystem-start"), 3);
     EXPECT_EQ(h.counted("NOTES-in"), 1);
   }
@@ -230,41 +232,29 @@ TEST_F(ProcessLoop, StopWhileCatchingUpRecordsTheFirstLineNotHandled) {
   EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2) + record(kT2 + 60));
 }
 
-// A section abandoned at a stop leaves no trace: at a wait for its next line, with its skipped
-// line in memory or in the spill file (a limit of 0), and inside a section that goes on and on,
-// whose end the stop does not wait for.
+// A section abandoned at a stop leaves no trace: at a wait for its next line (its skipped line in
+// memory or spilled: a limit of 0), or inside one that goes on and on, whose end it does not await.
 TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
   const std::string current = kHeader + record(kT1);
   // A later day, so the section's header plans a rotation; skipped lines before the stop.
   const std::string start = "subsystem-start\nhdr " + std::to_string(kNextDay) + "\njunk\n";
-  std::string long_section = start;
-  for (int i = 0; i < 3000; ++i) long_section += "junk\n";
-  const struct {
-    std::string audit;
-    size_t limit;
-    int checks;  // before the stop; -1: at the wait after the audit file's end
-  } cases[] = {{start, PendingOutput::kSectionLimit, -1}, {start, 0, -1}, {long_section, 0, 1}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.audit.size() + c.limit);
+  // The limit, the checks before the stop (-1: at the wait at the audit file's end), the audit.
+  const std::tuple<size_t, int, std::string> cases[] = {
+      {PendingOutput::kSectionLimit, -1, start},
+      {0, -1, start},
+      {0, 1, start + std::string(3000 * 1199, 'j')}};
+  for (const auto& [limit, checks, audit] : cases) {
+    SCOPED_TRACE(audit.size() + limit);
     dir.write("b.000", current);
-    Harness h(c.audit, options, {"subsystem 3\n"});
-    h.ctx.output.section_limit = c.limit;
-    if (c.checks >= 0) h.waiter.stop_after_checks(c.checks);
+    Harness h(audit, options, {"subsystem 3\n"});
+    h.ctx.output.section_limit = limit;
+    if (checks >= 0) h.waiter.stop_after_checks(checks);
     adcdf_process_file(h.ctx);
     EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
     EXPECT_EQ(h.counted("Subsystem-start"), 0);
-    EXPECT_EQ(h.input.offset() < static_cast<long long>(c.audit.size()), c.checks >= 0);
+    EXPECT_EQ(h.input.offset() < static_cast<long long>(audit.size()), checks >= 0);
     EXPECT_FALSE(h.ctx.output.spilled());  // nothing of it left to be written with the next
   }
-}
-
-TEST_F(ProcessLoop, NoErrWritesNoErrorFile) {
-  options.noerr = true;
-  Harness h("bogus\n" + section(kT1, "subsystem 3\nuser sysadm\njunk\n"), options);
-  adcdf_process_file(h.ctx);
-  auto files = outputs();
-  EXPECT_EQ(files.count("ERR"), 0u);
-  EXPECT_EQ(after_header(files["000"]), record(kT1));
 }
 
 }  // namespace

@@ -212,9 +212,10 @@ TEST(Converters, TwinKeywordDifferences) {
 }
 
 // Recipients are written in reading order, each with its own category, acknowledgement request,
-// queue and flags, and with the section's final values. One converter takes the sections in
-// turn, their sizes largest first, so a section that reuses a bigger one's recipient slots shows
-// any leftovers; a delivery reason does not carry over into a reused slot.
+// queue and flags, and with the section's final values, also when the store keeps none of them
+// in memory (a limit of 0: all but the last go through its spill file). One converter takes the
+// sections in turn, their sizes largest first, so a section that reuses a bigger one's recipient
+// slots shows any leftovers; a delivery reason does not carry over into a reused slot.
 TEST(Converters, RecipientsInReadingOrderInReusedSlots) {
   const char* kinds[] = {"to", "cc", "bcc", "from", "reply"};
   const std::pair<const char*, const char*> queues[] = {{"LOCAL", "1,0"},
@@ -246,13 +247,16 @@ TEST(Converters, RecipientsInReadingOrderInReusedSlots) {
       rec(108, "0,0,0,0,\" \",\" \",0,0,0,0,0,0,0,\"\",\" \"") + rec(504, "\" \",\" \",0,\"A \"");
   ::setenv("TZ", "UTC", 1);
   ::tzset();
-  Harness h(audit);
-  h.ctx.last = kNoRotation;
-  for (const char* name :
-       {"routing\n", "routing\n", "routing\n", "routing\n", "delivery\n", "delivery\n"}) {
-    EXPECT_EQ(h.convert(name), 0);
+  for (size_t limit : {RecipientStore::kMemoryLimit, size_t{0}}) {
+    Harness h(audit);
+    h.ctx.last = kNoRotation;
+    h.converter.work().recipients.memory_limit = limit;
+    for (const char* name :
+         {"routing\n", "routing\n", "routing\n", "routing\n", "delivery\n", "delivery\n"}) {
+      EXPECT_EQ(h.convert(name), 0);
+    }
+    EXPECT_EQ(h.ctx.output.records.view(), expected) << limit;
   }
-  EXPECT_EQ(h.ctx.output.records.view(), expected);
 }
 
 // Where each converter counts its section: before the header is read (a section that lies
@@ -285,8 +289,8 @@ TEST(Converters, SectionsBeforeTheCheckpointCountOnlyWhereCountedBeforeTheHeader
   }
 }
 
-// A section still being written waits for its lines; one cut off by a stop is not counted.
-TEST(Converters, SectionAtTheEndOfTheFileWaitsOrIsAbandoned) {
+// A section still being written waits for its lines (one cut off by a stop: ProcessLoop).
+TEST(Converters, SectionAtTheEndOfTheFileWaitsForItsLines) {
   ::setenv("TZ", "UTC", 1);
   ::tzset();
   Harness waits("hdr 1364913005\nsubsystem 3\n", {}, {"user sys", "adm\n", "\n"});
@@ -294,11 +298,6 @@ TEST(Converters, SectionAtTheEndOfTheFileWaitsOrIsAbandoned) {
   EXPECT_EQ(waits.convert("subsystem-start\n"), 0);
   EXPECT_EQ(waits.ctx.output.records.view(),
             rec(105, "3,0,0,0,\"sysadm\",\"\",0,0,0,\"\",0,0,0,\"\",\"\""));
-
-  Harness cut("hdr 1364913005\nsubsystem 3\n");
-  cut.ctx.last = kNoRotation;
-  EXPECT_THROW(cut.convert("subsystem-stop\n"), SectionAbandoned);
-  EXPECT_EQ(cut.counted("Subsystem-stop"), 0);
 }
 
 }  // namespace

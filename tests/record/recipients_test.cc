@@ -1,5 +1,5 @@
 // Recipient lines (category and cleaned address), the acknowledgement and queue lines a routing
-// recipient takes with it, the recipient array's reuse of its slots, and user lines.
+// recipient takes with it, and user lines.
 #include "record/recipients.h"
 
 #include <gtest/gtest.h>
@@ -69,37 +69,6 @@ TEST(Recipients, AcknowledgementAndQueueLinesAndTheirFlags) {
     EXPECT_EQ(r.local, c.local);
     EXPECT_EQ(r.brindleRoute, c.gateway);
     EXPECT_EQ(h.ctx.giLineno, 12);
-  }
-}
-
-// Kept in memory up to its limit and in the spill file beyond it (a limit of 0: each recipient
-// but the last goes there), the recipients come back in reading order, each as stored.
-TEST(Recipients, StoreKeepsOrderAndStartsEachSectionWithEmptySlots) {
-  for (size_t limit : {RecipientStore::kMemoryLimit, size_t{0}, size_t{300}}) {
-    SCOPED_TRACE(limit);
-    RecipientStore store;
-    store.memory_limit = limit;
-    store.begin_section(".");
-    for (int i = 0; i < 35; ++i) {
-      store.next_slot() = recrep{"9", "1", "LOCAL", "OLD", true, true, i + 1};
-      store.store();
-    }
-    store.begin_section(".");
-    EXPECT_TRUE(store.empty());
-    for (int i = 0; i < 450; ++i) {
-      store.next_slot().category = std::to_string(i);
-      store.store();
-    }
-    store.back().ndnReason = 7;
-    ASSERT_EQ(store.size(), 450);
-    int i = 0;
-    store.for_each([&](const recrep& r) {
-      ASSERT_EQ(r.category + r.recip + r.queue + r.ack_req, std::to_string(i)) << i;
-      ASSERT_EQ(r.local || r.brindleRoute, false) << i;
-      ASSERT_EQ(r.ndnReason, i == 449 ? 7 : 0) << i;
-      ++i;
-    });
-    EXPECT_EQ(i, 450);
   }
 }
 
