@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -342,6 +343,31 @@ class Counter final : public Target {
   Origins counted;
 };
 
+// Reads what is new in a generation, from where its known entry ends; returns its entry when
+// it had new lines.
+std::optional<Loaded> read_new_lines(const GenerationFile& file, const std::vector<Loaded>& known,
+                                     std::vector<bool>& used, Target& target, Reader& reader) {
+  Loaded entry;
+  if (size_t found = match(file, known, used); found < known.size()) {
+    used[found] = true;
+    entry = known[found];
+  }
+  // Cut back by the daemon, restarted after a crash, to its last recorded position: it writes
+  // the same records again, and they are loaded once it has got past this point.
+  if (file.size <= entry.bytes) return std::nullopt;
+  if (entry.id == 0) {
+    if (file.head.find('\n') == std::string::npos) return std::nullopt;  // no line yet
+    entry.id = target.new_id();
+  }
+  const int64_t before = entry.bytes;
+  reader.read(file, entry, file.size);
+  if (entry.bytes == before) return std::nullopt;  // no complete line yet
+  if (entry.first_loaded == 0) entry.first_loaded = std::time(nullptr);
+  entry.key_bytes = std::min<int64_t>(entry.bytes, static_cast<int64_t>(file.head.size()));
+  entry.key = key_of(std::string_view(file.head).substr(0, static_cast<size_t>(entry.key_bytes)));
+  return entry;
+}
+
 // Opens the rejects file, which must be a regular file of one name.
 Appender open_rejects(const std::string& name) {
   if (name.empty()) return {};
@@ -386,28 +412,11 @@ Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& p
     std::vector<bool> used(known.size());
     LoadedChange change;
     for (const GenerationFile& file : files) {
-      Loaded entry;
-      if (size_t found = match(file, known, used); found < known.size()) {
-        used[found] = true;
-        entry = known[found];
+      if (std::optional<Loaded> entry = read_new_lines(file, known, used, target, reader)) {
+        entry->source = source_;
+        change.entries.push_back(std::move(*entry));
+        ++totals.generations;
       }
-      // Cut back by the daemon, restarted after a crash, to its last recorded position: it
-      // writes the same records again, and they are loaded once it has got past this point.
-      if (file.size <= entry.bytes) continue;
-      if (entry.id == 0) {
-        if (file.head.find('\n') == std::string::npos) continue;  // no complete line yet
-        entry.id = target.new_id();
-      }
-      const int64_t before = entry.bytes;
-      reader.read(file, entry, file.size);
-      if (entry.bytes == before) continue;  // no complete line yet
-      ++totals.generations;
-      entry.source = source_;
-      if (entry.first_loaded == 0) entry.first_loaded = std::time(nullptr);
-      entry.key_bytes = std::min<int64_t>(entry.bytes, static_cast<int64_t>(file.head.size()));
-      entry.key =
-          key_of(std::string_view(file.head).substr(0, static_cast<size_t>(entry.key_bytes)));
-      change.entries.push_back(std::move(entry));
     }
     if (totals.bytes == 0) {
       target.abandon();
