@@ -64,6 +64,24 @@ void put_number(std::string& out, int64_t value) {
   put<int64_t>(out, value);
 }
 
+// Whether `value` fits an integer column of `size` bytes.
+bool fits(int64_t value, int size) {
+  return size == 8 || (size == 4 && value == static_cast<int32_t>(value)) ||
+         (size == 2 && value == static_cast<int16_t>(value));
+}
+
+// An integer as a column of `size` bytes (smallint, integer or bigint) holds it.
+void put_sized(std::string& out, int64_t value, int size) {
+  put<int32_t>(out, size);
+  if (size == 2) {
+    put<int16_t>(out, static_cast<int16_t>(value));
+  } else if (size == 4) {
+    put<int32_t>(out, static_cast<int32_t>(value));
+  } else {
+    put<int64_t>(out, value);
+  }
+}
+
 // A "YYYY-MM-DD" date as days since 2000-01-01, or NULL.
 void put_date(std::string& out, const std::string* date) {
   if (date == nullptr) {
@@ -204,6 +222,7 @@ class PostgresTarget final : public Target {
            {key});
     }
     create_missing();
+    if (!sizes_read_) read_sizes();
     Result state = exec("cannot read " + std::string(kStateTable),
                         "SELECT id, source, key_bytes, key, bytes, lines, host, "
                         "to_char(generation_date, 'YYYY-MM-DD'), first_loaded FROM " +
@@ -247,8 +266,8 @@ class PostgresTarget final : public Target {
       int64_t number;
       if (column.type == ValueType::kText) {
         put_text(out, row.plain ? value : utf8_text(value, scratch_));
-      } else if (parse_integer(value, number)) {
-        put_number(out, number);
+      } else if (parse_integer(value, number) && fits(number, table.sizes[i])) {
+        put_sized(out, number, table.sizes[i]);
       } else {
         put<int32_t>(out, -1);
         verbatim_.append(verbatim_.empty() ? "\1{" : ",");
@@ -313,7 +332,8 @@ class PostgresTarget final : public Target {
     put<int16_t>(rows, -1);
     copy("COPY " + state + " (" + std::string(kStateColumns) + ") FROM STDIN (FORMAT binary)",
          rows);
-    if (created_) check(PQexec(conn_, create_indexes().c_str()), "cannot index the tables");
+    if (created_)
+      check(PQexec(conn_, create_indexes(Dialect::kPostgres).c_str()), "cannot index the tables");
     exec("cannot commit", "COMMIT");
     created_ = false;
     in_transaction_ = false;
@@ -330,9 +350,30 @@ class PostgresTarget final : public Target {
 
  private:
   struct Table {
-    std::string copy;  // the COPY command
-    std::string rows;  // rows not yet sent
+    std::string copy;        // the COPY command
+    std::string rows;        // rows not yet sent
+    std::vector<int> sizes;  // per column of the record, the bytes of its integer type
   };
+
+  // The integer columns' sizes as the tables have them: those of an older exporter are bigint.
+  void read_sizes() {
+    Result r = exec("cannot read the tables' columns",
+                    "SELECT attrelid::regclass::text, attname, attlen FROM pg_attribute WHERE "
+                    "attrelid IN (SELECT oid FROM pg_class WHERE relname LIKE 'cdf\\_%' AND "
+                    "relnamespace = current_schema()::regnamespace) AND attnum > 0");
+    std::map<std::pair<std::string, std::string>, int> sizes;
+    for (int i = 0; i < PQntuples(r.get()); ++i) {
+      sizes[{r.text(i, 0), r.text(i, 1)}] = static_cast<int>(r.number(i, 2));
+    }
+    for_each_table([&](const RecordType& type) {
+      Table& table = tables_[static_cast<size_t>(type.type)];
+      table.sizes.clear();
+      for (const RecordColumn& column : type.columns) {
+        table.sizes.push_back(sizes[{table_name(type.type), column.name}]);
+      }
+    });
+    sizes_read_ = true;
+  }
 
   // Asks the server to stop the statement in hand.
   void cancel() {
@@ -344,6 +385,7 @@ class PostgresTarget final : public Target {
 
   void connect() {
     PQfinish(conn_);
+    sizes_read_ = false;
     const char* const keys[] = {"dbname", "fallback_application_name", "client_encoding", nullptr};
     const char* const values[] = {conninfo_.c_str(), "ekadcdf-export", "UTF8", nullptr};
     conn_ = PQconnectdbParams(keys, values, 1);
@@ -440,8 +482,9 @@ class PostgresTarget final : public Target {
   std::string conninfo_;
   PGconn* conn_ = nullptr;
   bool in_transaction_ = false;
-  size_t buffered_ = 0;   // bytes of rows not yet sent, over all tables
-  bool created_ = false;  // this run created the tables
+  size_t buffered_ = 0;      // bytes of rows not yet sent, over all tables
+  bool sizes_read_ = false;  // since the connection was made
+  bool created_ = false;     // this run created the tables
   std::array<Table, kRecordTypeLimit> tables_;
   std::string scratch_;
   std::string verbatim_;

@@ -19,6 +19,12 @@ const Types& types(Dialect dialect) {
   return dialect == Dialect::kSqlite ? kSqlite : kPostgres;
 }
 
+// The narrowest PostgreSQL integer type for the column's width: a value the daemon prints with
+// %d (11 characters at most) is an integer; one that does not fit goes to `verbatim`.
+const char* postgres_integer(const RecordColumn& column) {
+  return column.width <= 4 ? "smallint" : column.width <= 11 ? "integer" : "bigint";
+}
+
 }  // namespace
 
 std::string table_name(int type) {
@@ -40,7 +46,11 @@ std::string create_tables(Dialect dialect) {
   for_each_table([&](const RecordType& type) {
     sql += "CREATE TABLE IF NOT EXISTS " + table_name(type.type) + " (";
     for (const RecordColumn& column : type.columns) {
-      sql += column.name + " " + (column.type == ValueType::kInteger ? t.integer : t.text) + ", ";
+      sql += column.name + " " +
+             (column.type == ValueType::kText ? t.text
+              : dialect == Dialect::kSqlite   ? t.integer
+                                              : postgres_integer(column)) +
+             ", ";
     }
     sql += "event_time " + std::string(t.time) + ", host " + t.text + ", generation_date " +
            t.date + ", generation_id " + n + ", line_number " + n + t.table_end + ";\n";
@@ -70,11 +80,15 @@ std::string upgrade_table(Dialect dialect, const std::string& table) {
   return sql;
 }
 
-std::string create_indexes() {
+std::string create_indexes(Dialect dialect) {
+  // PostgreSQL: a block range index, since rows arrive in about the order of their event time:
+  // built in one pass without sorting, and a few pages whatever the table's size.
+  const char* method = dialect == Dialect::kPostgres ? " USING brin" : "";
   std::string sql;
   for_each_table([&](const RecordType& type) {
     const std::string table = table_name(type.type);
-    sql += "CREATE INDEX IF NOT EXISTS " + table + "_event_time ON " + table + " (event_time);\n";
+    sql += "CREATE INDEX IF NOT EXISTS " + table + "_event_time ON " + table + method +
+           " (event_time);\n";
   });
   return sql;
 }

@@ -34,7 +34,7 @@ std::string upgrade_state(Dialect dialect);
 std::string upgrade_table(Dialect dialect, const std::string& table);
 // Indexes every table on its event time, where the index is missing. Built at the end of a
 // load that created the tables: at once from the rows, not row by row.
-std::string create_indexes();
+std::string create_indexes(Dialect dialect);
 
 // Per generation number, the rows of every table with their distinct line numbers and their sum.
 std::string origins_query();

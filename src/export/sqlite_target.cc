@@ -140,7 +140,7 @@ class SqliteTarget final : public Target {
       sqlite3_reset(s);
     }
     // Last: an index made after a table's first load is built at once, not row by row.
-    exec(create_indexes());
+    exec(create_indexes(Dialect::kSqlite));
     exec("COMMIT");
     in_transaction_ = false;
   }
