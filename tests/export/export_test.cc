@@ -162,14 +162,13 @@ struct Target {
   }
 };
 
-// Drops line `drop` of the file and writes its last line twice.
-void damage_file(const std::string& file, size_t drop) {
+// Drops the line before the last and writes the last twice: rows of one generation, whose
+// count stays the same.
+void damage_file(const std::string& file) {
   std::string text = read_file(file);
-  size_t begin = 0;
-  for (size_t i = 0; i < drop; ++i) begin = text.find('\n', begin) + 1;
-  text.erase(begin, text.find('\n', begin) + 1 - begin);
   const size_t last = text.rfind('\n', text.size() - 2) + 1;
-  daemon_test::write_file(file, text + text.substr(last));
+  const size_t before = text.rfind('\n', last - 2) + 1;
+  daemon_test::write_file(file, text.substr(0, before) + text.substr(last) + text.substr(last));
 }
 
 void sqlite_exec(const std::string& file, const std::string& sql) {
@@ -182,13 +181,16 @@ void sqlite_exec(const std::string& file, const std::string& sql) {
 }
 
 std::vector<Target> targets(const Sandbox& box) {
+  // The last row of the last generation in cdf_108 goes, another of it comes twice.
+  const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
   const std::string damage =
-      "DELETE FROM cdf_101 WHERE line_number = (SELECT min(line_number) "
-      "FROM cdf_101); INSERT INTO cdf_108 SELECT * FROM cdf_108 LIMIT 1";
+      "DELETE FROM cdf_108 WHERE generation_id = " + last +
+      " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
+      "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
   std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv"),
-                              [](const std::string& dir) { damage_file(dir + "/cdf_108.csv", 1); }},
+                              [](const std::string& dir) { damage_file(dir + "/cdf_108.csv"); }},
                              {"jsonl", Kind::kJsonl, box.file("out.jsonl"),
-                              [](const std::string& file) { damage_file(file, 0); }},
+                              [](const std::string& file) { damage_file(file); }},
                              {"sqlite", Kind::kSqlite, box.file("out.db"),
                               [=](const std::string& file) { sqlite_exec(file, damage); }}};
   if (PostgresServer* pg = PostgresServer::get()) {
@@ -386,7 +388,7 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     }
     {
       Daemon exporter(box, args, env);
-      ASSERT_TRUE(eventually(midway, 60, 0.0002));
+      EXPECT_TRUE(eventually(midway, 60, 0.0002));
       exporter.signal(SIGKILL);
       EXPECT_EQ(exporter.wait_exit(), 128 + SIGKILL) << "the run ended before it was killed";
     }
@@ -494,29 +496,33 @@ TEST_F(Export, FollowWaitsOutADatabaseRestartAndOutage) {
   EXPECT_EQ(exporter.stop(), 0) << exporter.err();
 }
 
-// The same base under two paths (a directory and a link to it), exported into one database by
-// two exporters at once, is loaded once: they wait for each other on the generations' content,
-// not on a path. Both are held before their commit until both have started.
-TEST_F(Export, TwoPathsToOneBaseLoadItOnce) {
+// The same generations under three paths (a directory, a link to it, a copy as on another host),
+// exported into one database by three exporters at once, are loaded once: they wait for each
+// other on the generations' content, not on a path. All are held before their commit until all
+// have started.
+TEST_F(Export, OneBaseUnderThreePathsIsLoadedOnce) {
   PostgresServer* pg = PostgresServer::get();
   ASSERT_NE(pg, nullptr);
   Sandbox box;
   const std::string db = pg->fresh();
   run(Kind::kPostgres, db, place(0, box.file("base")));
   place(1, box.file("base"));
+  place(1, box.file("copy"));
   fs::create_directory_symlink(box.file("base"), box.file("alias"));
   std::unique_ptr<PGconn, void (*)(PGconn*)> locker(PQconnectdb(db.c_str()), PQfinish);
   PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
   Env env;
   env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon a(box, {"--postgres", db, box.file("base/cdf")}, env);
-  Daemon b(box, {"--postgres", db, box.file("alias/cdf")}, env);
+  std::vector<std::unique_ptr<Daemon>> exporters;
+  for (const char* path : {"base/cdf", "alias/cdf", "copy/cdf"}) {
+    exporters.push_back(std::make_unique<Daemon>(
+        box, std::vector<std::string>{"--postgres", db, box.file(path)}, env));
+  }
   EXPECT_TRUE(eventually([&] {
-    return pg_query(db, "SELECT count(*) FROM pg_locks WHERE NOT granted") == Rows{{"2"}};
+    return pg_query(db, "SELECT count(*) FROM pg_locks WHERE NOT granted") == Rows{{"3"}};
   }));
   locker.reset();
-  EXPECT_EQ(a.wait_exit(), 0) << a.err();
-  EXPECT_EQ(b.wait_exit(), 0) << b.err();
+  for (auto& exporter : exporters) EXPECT_EQ(exporter->wait_exit(), 0) << exporter->err();
   EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
 }
 
