@@ -384,15 +384,21 @@ class PostgresTarget final : public Target {
   }
 
   void connect() {
-    PQfinish(conn_);
     sizes_read_ = false;
     const char* const keys[] = {"dbname", "fallback_application_name", "client_encoding", nullptr};
     const char* const values[] = {conninfo_.c_str(), "ekadcdf-export", "UTF8", nullptr};
-    conn_ = PQconnectdbParams(keys, values, 1);
+    // A server that answers but refuses this connection (a password, a missing database) does
+    // so for good; one that does not answer, or is not ready, may later. One that was not ready
+    // and is by the time it is asked gets a second try.
+    PGPing ping = PQPING_NO_RESPONSE;
+    for (int attempt = 0; attempt < 2 && ping != PQPING_REJECT; ++attempt) {
+      PQfinish(conn_);
+      conn_ = PQconnectdbParams(keys, values, 1);
+      if (PQstatus(conn_) == CONNECTION_OK) break;
+      ping = PQpingParams(keys, values, 1);
+      if (ping != PQPING_OK) break;
+    }
     if (PQstatus(conn_) != CONNECTION_OK) {
-      // A server that answers but refused this connection (a password, a missing database)
-      // does so for good; one that does not answer, or is not ready, may later.
-      const PGPing ping = PQpingParams(keys, values, 1);
       fail("cannot connect", ping == PQPING_OK ? Failure::kPermanent : Failure::kTransient);
     }
     PQsetNoticeProcessor(

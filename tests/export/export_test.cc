@@ -180,6 +180,20 @@ void sqlite_exec(const std::string& file, const std::string& sql) {
   sqlite3_close(db);
 }
 
+// The number a SQLite query gives; -1 when it cannot be asked (a table is missing).
+int64_t rows_of(const std::string& file, const std::string& sql) {
+  sqlite3* db;
+  sqlite3_stmt* s = nullptr;
+  sqlite3_open(file.c_str(), &db);
+  const int64_t n = sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK &&
+                            sqlite3_step(s) == SQLITE_ROW
+                        ? sqlite3_column_int64(s, 0)
+                        : -1;
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+  return n;
+}
+
 std::vector<Target> targets(const Sandbox& box) {
   // The last row of the last generation in cdf_108 goes, another of it comes twice.
   const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
@@ -265,6 +279,17 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
       }
       EXPECT_EQ(listed, lines(phase, true));
     }
+    // The databases derive the event time from column 8; a resumed generation keeps its date.
+    const std::string wrong =
+        "SELECT count(*) FROM cdf_108 WHERE generation_date IS NULL OR event_time IS DISTINCT "
+        "FROM " +
+        std::string(t.kind == Kind::kSqlite ? "datetime(epoch_seconds, 'unixepoch')"
+                                            : "to_timestamp(epoch_seconds)");
+    if (t.kind == Kind::kSqlite) {
+      EXPECT_EQ(rows_of(t.where, wrong), 0);
+    } else if (t.kind == Kind::kPostgres) {
+      EXPECT_EQ(pg_query(t.where, wrong), Rows{{"0"}});
+    }
     // --verify: every generation agrees; then a row deleted and another doubled.
     Env env;
     env.binary = EKADCDF_EXPORT_BINARY;
@@ -278,43 +303,6 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
       EXPECT_NE(verify.out().find(damaged ? "DIFFERENT" : ", 0 differ"), std::string::npos)
           << verify.out();
     }
-  }
-}
-
-TEST_F(Export, DatabasesDeriveTheEventTimeFromColumnEight) {
-  Sandbox box;
-  const std::string base = place(1, box.file("base"));
-  run(Kind::kSqlite, box.file("out.db"), base);
-  sqlite3* db;
-  sqlite3_open(box.file("out.db").c_str(), &db);
-  sqlite3_stmt* s;
-  sqlite3_prepare_v2(db,
-                     "SELECT count(*), sum(event_time = datetime(epoch_seconds, 'unixepoch')) "
-                     "FROM cdf_108",
-                     -1, &s, nullptr);
-  ASSERT_EQ(sqlite3_step(s), SQLITE_ROW);
-  EXPECT_GT(sqlite3_column_int(s, 0), 0);
-  EXPECT_EQ(sqlite3_column_int(s, 0), sqlite3_column_int(s, 1));
-  sqlite3_finalize(s);
-  sqlite3_close(db);
-  if (PostgresServer* pg = PostgresServer::get()) {
-    // The second run resumes generations with the date the first one kept for them.
-    const std::string db2 = pg->fresh();
-    run(Kind::kPostgres, db2, place(0, box.file("pg")));
-    run(Kind::kPostgres, db2, place(1, box.file("pg")));
-    std::vector<std::string> header;
-    std::istringstream in(generations_[1].at("cdf.001"));
-    for (std::string value; header.size() < 4 && std::getline(in, value, ',');) {
-      header.push_back(value);
-    }
-    char date[32];
-    std::snprintf(date, sizeof date, "%04d-%02d-%02d", std::stoi(header[1]) + 1900,
-                  std::stoi(header[2]), std::stoi(header[3]));
-    EXPECT_EQ(pg_query(db2, std::string("SELECT count(*) FROM cdf_108 WHERE event_time IS "
-                                        "DISTINCT FROM to_timestamp(epoch_seconds) OR "
-                                        "generation_date IS DISTINCT FROM '") +
-                                date + "'"),
-              Rows{{"0"}});
   }
 }
 
@@ -408,26 +396,11 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
 
 // How many rows the tables of a SQLite file hold; -1 while it cannot tell.
 int64_t rows(const std::string& file) {
-  sqlite3* db;
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    return -1;
-  }
-  int64_t total = 0;
-  for (const adcdf::RecordType& type : adcdf::record_catalogue()) {
-    if (type.type == adcdf::kHeaderType) continue;
-    sqlite3_stmt* s = nullptr;
-    const std::string count = "SELECT count(*) FROM " + adcdf::exporter::table_name(type.type);
-    if (sqlite3_prepare_v2(db, count.c_str(), -1, &s, nullptr) != SQLITE_OK ||
-        sqlite3_step(s) != SQLITE_ROW) {
-      total = -1;
-    } else if (total >= 0) {
-      total += sqlite3_column_int64(s, 0);
-    }
-    sqlite3_finalize(s);
-  }
-  sqlite3_close(db);
-  return total;
+  std::string sum = "SELECT 0";
+  adcdf::exporter::for_each_table([&](const adcdf::RecordType& type) {
+    sum += " + (SELECT count(*) FROM " + adcdf::exporter::table_name(type.type) + ")";
+  });
+  return rows_of(file, sum);
 }
 
 // Under --follow, a base with no generation yet is said once and waited for; each run that loads
