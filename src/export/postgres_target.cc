@@ -237,7 +237,9 @@ class PostgresTarget final : public Target {
     return loaded;
   }
 
+  // The connection is the sender's while it loads a batch: wait for it first.
   int64_t new_id() override {
+    sender_.wait();
     return exec("cannot number a generation",
                 "SELECT nextval('" + std::string(kGenerationSequence) + "')")
         .number(0, 0);
