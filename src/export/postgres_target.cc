@@ -29,7 +29,7 @@ namespace adcdf::exporter {
 namespace {
 
 constexpr size_t kCopyAt = 4 << 20;     // bytes of rows sent to a table at once
-constexpr size_t kBuffered = 16 << 20;  // bytes of rows held for all tables, at most
+constexpr size_t kBuffered = 8 << 20;   // bytes of rows held for all tables, at most
 constexpr std::string_view kSchemaLock = "ekadcdf-export schema";
 // COPY's binary format: signature, flags, length of the header extension.
 constexpr char kBinaryHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";
