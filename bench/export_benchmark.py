@@ -1,17 +1,23 @@
 #!/usr/bin/env python3
-"""Measures ekadcdf-export on a base of about 100 MB and prints MB/s per target beside `cat`.
+"""Measures ekadcdf-export on a base of about 100 MB beside the databases' own bulk loaders.
 
-The base is made once and kept in the work directory: bench/generate_audit.py writes an audit
+The bases are made once and kept in the work directory: bench/generate_audit.py writes an audit
 file, the daemon converts it (in debug mode, stopped with SIGTERM once it waits at the end of
-the file). Then, best of --runs each:
+the file). Then, best of --runs each, with the peak resident memory of the exporter:
   * cat: reading the generations, the floor;
-  * sqlite, csv, jsonl: an export into a new database, directory or file;
-  * postgresql: an export into a new database of a server this script starts in a temporary
-    directory with the package's default settings (as `nobody` when run as root), reached
-    through a Unix socket.
-Build with -DCMAKE_BUILD_TYPE=Release first; the figures of other builds are low.
+  * sqlite, csv, jsonl: a first export into a new database, directory or file;
+  * postgresql: a first export into a new database of a server this script starts in a
+    temporary directory with the package's default settings (as `nobody` when run as root),
+    reached through a Unix socket;
+  * COPY: the server's own `COPY ... FROM` of the same rows (the CSV files of the csv export)
+    into text-only tables without index or constraint, what a data engineer would compare with;
+  * sqlite3 .import of the same CSV files into a new database;
+  * increments: the time of a run that adds about 55 KB to a CSV export of a small base (about
+    5 MB) and of the large one, which should not grow with what was exported before.
+Ratios above 1 mean the exporter is faster. Build with optimisation (the default flags or
+-DCMAKE_BUILD_TYPE=Release) first.
 
-    bench/export_benchmark.py --build build-rel
+    bench/export_benchmark.py --build build
 """
 
 import argparse
@@ -65,15 +71,50 @@ def make_base(daemon, work, megabytes):
     return base
 
 
-def best(runs, prepare, command):
-    """The shortest wall time of `command` over `runs` runs, each after prepare()."""
-    times = []
+def peak_of(pid, peak):
+    """The larger of `peak` and the resident high-water mark of process `pid`, in MiB."""
+    try:
+        with open(f"/proc/{pid}/status") as f:
+            for line in f:
+                if line.startswith("VmHWM:"):
+                    return max(peak, int(line.split()[1]) / 1024)
+    except OSError:
+        pass
+    return peak
+
+
+def timed(command, stdin=None):
+    """Wall time in seconds and peak resident memory in MiB of `command` (its high-water mark,
+    read every 20 ms while it runs)."""
+    start = time.perf_counter()
+    proc = subprocess.Popen(command, stdin=subprocess.PIPE if stdin else subprocess.DEVNULL,
+                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    if stdin:
+        proc.stdin.write(stdin.encode())
+        proc.stdin.close()
+    peak = 0.0
+    while True:
+        peak = peak_of(proc.pid, peak)
+        if os.waitid(os.P_PID, proc.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):
+            break
+        time.sleep(0.02)
+    proc.wait()
+    seconds = time.perf_counter() - start
+    if proc.returncode != 0:
+        sys.exit(f"{command[0]} failed ({proc.returncode}): {proc.stderr.read().decode()}")
+    return seconds, peak
+
+
+def best(runs, prepare, command, stdin=None):
+    """The shortest wall time of `command` over `runs` runs, each after prepare(), and the
+    largest peak memory."""
+    times, peaks = [], []
     for _ in range(runs):
         prepare()
-        start = time.perf_counter()
-        subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        times.append(time.perf_counter() - start)
-    return min(times)
+        seconds, peak = timed(command, stdin)
+        times.append(seconds)
+        peaks.append(peak)
+    return min(times), max(peaks)
 
 
 class Postgres:
@@ -100,14 +141,52 @@ class Postgres:
     def conninfo(self, database):
         return f"host={self.dir} user=postgres dbname={database}"
 
+    def sql(self, database, sql):
+        subprocess.run(["psql", "-q", "-v", "ON_ERROR_STOP=1", self.conninfo(database), "-c", sql],
+                       check=True, stdout=subprocess.DEVNULL)
+
     def recreate(self, database):
         for sql in (f"DROP DATABASE IF EXISTS {database}", f"CREATE DATABASE {database}"):
-            subprocess.run(["psql", "-q", self.conninfo("postgres"), "-c", sql], check=True,
-                           stderr=subprocess.DEVNULL)
+            self.sql("postgres", sql)
 
     def stop(self):
         self.run("pg_ctl", "-D", f"{self.dir}/data", "-m", "fast", "stop")
         shutil.rmtree(self.dir, ignore_errors=True)
+
+
+def text_tables(csv_dir):
+    """CREATE TABLE statements of text-only tables shaped as the CSV files, and their files."""
+    tables = []
+    for path in sorted(glob.glob(os.path.join(csv_dir, "cdf_*.csv"))):
+        with open(path, encoding="utf-8") as f:
+            columns = f.readline().strip().split(",")
+        name = os.path.basename(path)[:-4] + "_text"
+        tables.append((name, path, f"CREATE TABLE {name} ("
+                       + ", ".join(f"{c} text" for c in columns) + ")"))
+    return tables
+
+
+def increment(exporter, base_dir, work, label):
+    """Seconds of a CSV run that adds about 55 KB to an export of the base in `base_dir`."""
+    copy = os.path.join(work, f"inc-{label}")
+    shutil.rmtree(copy, ignore_errors=True)
+    shutil.copytree(base_dir, copy)
+    base = os.path.join(copy, "cdf")
+    out = os.path.join(copy, "csv")
+    timed([exporter, "--csv", out, base])
+    current = base + ".000"
+    with open(current, "rb") as f:
+        lines = f.read().splitlines(keepends=True)[1:]  # records only, no header
+    added, size = [], 0
+    while size < 55000:
+        line = lines[len(added) % len(lines)]
+        added.append(line)
+        size += len(line)
+    with open(current, "ab") as f:
+        f.write(b"".join(added))
+    seconds, _ = timed([exporter, "--csv", out, base])
+    shutil.rmtree(copy, ignore_errors=True)
+    return seconds
 
 
 def main():
@@ -117,41 +196,74 @@ def main():
     parser.add_argument("--work", default=os.path.join(tempfile.gettempdir(),
                                                        "ekadcdf-export-bench"))
     parser.add_argument("--mb", type=int, default=100, help="size of the base, about")
-    parser.add_argument("--runs", type=int, default=3)
+    parser.add_argument("--runs", type=int, default=1)
     args = parser.parse_args()
     daemon = os.path.join(args.build, "ekadcdf")
     exporter = os.path.join(args.build, "ekadcdf-export")
     cache = os.path.join(args.build, "CMakeCache.txt")
-    if os.path.exists(cache) and "CMAKE_BUILD_TYPE:STRING=Release\n" not in open(cache).read():
-        print(f"warning: {args.build} is not a Release build; figures will be low",
-              file=sys.stderr)
+    if os.path.exists(cache) and "CMAKE_BUILD_TYPE:STRING=Debug\n" in open(cache).read():
+        print(f"warning: {args.build} is a Debug build; figures will be low", file=sys.stderr)
     os.makedirs(args.work, exist_ok=True)
+    os.chmod(args.work, 0o755)
     base = make_base(daemon, args.work, args.mb)
+    small = make_base(daemon, args.work, 5)
     files = sorted(glob.glob(base + ".0*"))
     size = sum(os.path.getsize(f) for f in files) / 1e6
     out = os.path.join(args.work, "out")
+    csv_dir = os.path.join(args.work, "rows")
 
     def fresh():  # the output and what the exporter keeps beside it
         shutil.rmtree(out, ignore_errors=True)
         for leftover in glob.glob(out + "*") + glob.glob(os.path.join(args.work, ".out.*")):
             os.remove(leftover)
 
-    results = [("cat", best(args.runs, lambda: None, ["cat", *files]))]
+    results = {"cat": best(args.runs, lambda: None, ["cat", *files])}
     for name, option in (("sqlite", "--sqlite"), ("csv", "--csv"), ("jsonl", "--jsonl")):
-        results.append((name, best(args.runs, fresh, [exporter, option, out, base])))
+        results[name] = best(args.runs, fresh, [exporter, option, out, base])
+    fresh()
+    # The rows as CSV, for the databases' own loaders; readable by the server's account.
+    shutil.rmtree(csv_dir, ignore_errors=True)
+    timed([exporter, "--csv", csv_dir, base])
+    os.chmod(csv_dir, 0o755)
+    tables = text_tables(csv_dir)
+    for _, path, _ in tables:
+        os.chmod(path, 0o644)
+    imports = "".join(f".import --csv --skip 1 {path} {name}\n" for name, path, _ in tables)
+    schema = "".join(create + ";\n" for _, _, create in tables)
+    results["sqlite3 .import"] = best(
+        args.runs, fresh, ["sqlite3", out], stdin=schema + "BEGIN;\n" + imports + "COMMIT;\n")
+    fresh()
     postgres = Postgres()
     try:
-        results.append(("postgresql",
-                        best(args.runs, lambda: postgres.recreate("bench"),
-                             [exporter, "--postgres", postgres.conninfo("bench"), base])))
+        results["postgresql"] = best(args.runs, lambda: postgres.recreate("bench"),
+                                     [exporter, "--postgres", postgres.conninfo("bench"), base])
+
+        def text_only():
+            postgres.recreate("bench")
+            postgres.sql("bench", schema)
+
+        copies = "BEGIN;\n" + "".join(
+            f"COPY {name} FROM '{path}' (FORMAT csv, HEADER true);\n" for name, path, _ in tables)
+        results["COPY"] = best(args.runs, text_only,
+                               ["psql", "-q", "-v", "ON_ERROR_STOP=1",
+                                postgres.conninfo("bench")], stdin=copies + "COMMIT;\n")
     finally:
         postgres.stop()
-    fresh()
+    shutil.rmtree(csv_dir, ignore_errors=True)
+    small_increment = increment(exporter, os.path.dirname(small), args.work, "small")
+    large_increment = increment(exporter, os.path.dirname(base), args.work, "large")
 
     print(f"\nbase: {size:.1f} MB in {len(files)} generations, best of {args.runs} runs")
-    print(f"{'target':<12}{'seconds':>10}{'MB/s':>10}")
-    for name, seconds in results:
-        print(f"{name:<12}{seconds:>10.2f}{size / seconds:>10.1f}")
+    print(f"{'load':<18}{'seconds':>10}{'MB/s':>10}{'peak MiB':>10}")
+    for name, (seconds, peak) in results.items():
+        print(f"{name:<18}{seconds:>10.2f}{size / seconds:>10.1f}{peak:>10.1f}")
+    print(f"\nexporter into PostgreSQL vs server-side COPY of the same rows as CSV: "
+          f"{results['COPY'][0] / results['postgresql'][0]:.2f}x")
+    print(f"exporter into SQLite vs sqlite3 .import of the same rows as CSV: "
+          f"{results['sqlite3 .import'][0] / results['sqlite'][0]:.2f}x")
+    print(f"a 55 KB CSV increment: {small_increment:.3f} s after a "
+          f"{sum(map(os.path.getsize, glob.glob(small + '.0*'))) / 1e6:.0f} MB export, "
+          f"{large_increment:.3f} s after a {size:.0f} MB export")
 
 
 if __name__ == "__main__":

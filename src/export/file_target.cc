@@ -1,15 +1,17 @@
 // CSV files and JSON Lines.
 //
-// A run never writes into a committed file. It writes a copy of each file it adds to
-// (".<name>.<commit>.tmp" beside it), then a new state file naming the commit and those files,
-// and renames the state file into place: that rename commits the run. The copies are renamed
-// over their files after it. A run that stops before the commit leaves its copies behind, and
-// the next run removes them; one that stops after it leaves copies that the next run renames
-// first. Readers see each file either as it was or complete.
+// A run never writes into a committed file: it writes what it adds to each file into a side file
+// beside it (".<name>.<commit>.tmp"), syncs them, then writes a new state file that names the
+// commit and, per file, its size before the run, syncs it and renames it into place: that rename
+// commits the run. Each side file is then appended to its file, the file synced, the side file
+// removed and the directory synced. A run that stops before the commit leaves side files that
+// the next run removes (a power cut loses them or the state file's rename, both harmless); one
+// that stops after it leaves side files that the next run appends again, having cut their file
+// back to the size the state file recorded. So a run costs what it adds, and a reader sees each
+// file as it was, growing by whole committed runs.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,7 +20,10 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <utility>
 
 #include "export/target.h"
@@ -29,20 +34,20 @@ namespace adcdf::exporter {
 namespace {
 
 constexpr size_t kFlushAt = 1 << 20;
-constexpr std::string_view kStateTitle = "ekadcdf-export state 1";
+constexpr std::string_view kStateTitle = "ekadcdf-export state 2";
+constexpr std::string_view kOldStateTitle = "ekadcdf-export state 1";
 
 [[noreturn]] void fail(const std::string& what) {
   throw ExportError(what + ": " + std::strerror(errno));
 }
 
-void sync(const File& file) {
-  if (::fsync(file.fd()) != 0) fail("cannot write " + file.name());
-}
-
-void sync_dir(const std::string& dir) {
-  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0 || ::fsync(fd) != 0) fail("cannot sync the directory " + dir);
-  ::close(fd);
+// Appends the contents of `from` to `to`, a block at a time.
+void append_file(const File& from, File& to) {
+  std::string block(kFlushAt, '\0');
+  for (long long at = 0, n;
+       (n = static_cast<long long>(from.read_at(block.data(), block.size(), at))) > 0; at += n) {
+    to.write_all(std::string_view(block.data(), static_cast<size_t>(n)));
+  }
 }
 
 // A field of the state file: tabs, line feeds and backslashes escaped; "\N" for none.
@@ -76,15 +81,18 @@ std::vector<std::string> get_fields(std::string_view line) {
   return fields;
 }
 
+// Where a row came from, read back from the end of its line: the last two numbers.
+using OriginOf = bool (*)(std::string_view line, int64_t& generation, int64_t& number);
+
 // Files in one directory that change together, with the state file that commits them.
 class FileSet {
  public:
-  // The copy of one file that a run appends to.
+  // What a run adds to one file.
   class Output {
    public:
-    Output(std::string name, File file) : name_(std::move(name)), file_(std::move(file)) {}
+    Output(std::string name, File side) : name_(std::move(name)), side_(std::move(side)) {}
     std::string& buffer() { return buffer_; }
-    // Hands a full buffer to the file.
+    // Hands a full buffer to the side file.
     void done() {
       if (buffer_.size() >= kFlushAt) flush();
     }
@@ -92,12 +100,13 @@ class FileSet {
    private:
     friend class FileSet;
     void flush() {
-      file_.write_all(buffer_);
+      side_.write_all(buffer_);
       buffer_.clear();
     }
     std::string name_;
-    File file_;
+    File side_;
     std::string buffer_;
+    long long before_ = 0;  // the size of the file before the run
   };
 
   // `names`: every file the set may write.
@@ -109,58 +118,62 @@ class FileSet {
 
   std::vector<Loaded> begin() {
     const std::string lock = path(state_ + ".lock");
-    lock_ = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    lock_ = ::open(lock.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (lock_ < 0) fail("cannot open " + lock);
     while (::flock(lock_, LOCK_EX) != 0) {
       if (errno != EINTR) fail("cannot lock " + lock);
     }
-    std::vector<std::string> committed = read_state();
-    for (const std::string& name : committed) {
-      if (file_exists(temp(name, commit_))) rename_file(temp(name, commit_), path(name));
-    }
+    finish(read_state());
     remove_temps();
+    next_id_ = 1;
+    for (const Loaded& l : loaded_) next_id_ = std::max(next_id_, l.id + 1);
     return loaded_;
   }
 
-  // The output of `name` for this run, a copy of the committed file made on first use; a new
-  // file starts with `first`. Valid until the run ends.
+  int64_t new_id() { return next_id_++; }
+
+  // The output of `name` for this run; a new file starts with `first`. Valid until the run ends.
   Output& output(const std::string& name, std::string_view first) {
     for (auto& out : outputs_) {
       if (out->name_ == name) return *out;
     }
     Output& out = *outputs_.emplace_back(
         std::make_unique<Output>(name, File::create(temp(name, commit_ + 1))));
-    if (!file_exists(path(name))) {
-      out.buffer_.assign(first);
-      return out;
-    }
-    const File from = File::read_only(path(name));
-    std::string block(kFlushAt, '\0');
-    for (long long at = 0, n;
-         (n = static_cast<long long>(from.read_at(block.data(), block.size(), at))) > 0; at += n) {
-      out.file_.write_all(std::string_view(block.data(), static_cast<size_t>(n)));
-    }
+    const std::optional<long long> size = committed_size(name);
+    out.before_ = size.value_or(0);
+    if (!size) out.buffer_.assign(first);
     return out;
   }
 
   void commit(const LoadedChange& change) {
     for (auto& out : outputs_) {
       out->flush();
-      sync(out->file_);
+      out->side_.sync();
     }
     std::vector<Loaded> loaded = change.entries;
     for (const Loaded& old : loaded_) {
-      bool taken = false;
-      for (const Loaded& t : change.taken) taken |= t.source == old.source && t.key == old.key;
-      if (old.source != change.source && !taken) loaded.push_back(old);
+      const auto same = [&](int64_t id) { return id == old.id; };
+      if (std::none_of(change.entries.begin(), change.entries.end(),
+                       [&](const Loaded& l) { return same(l.id); }) &&
+          std::none_of(change.forgotten.begin(), change.forgotten.end(), same)) {
+        loaded.push_back(old);
+      }
     }
     std::string text = std::string(kStateTitle) + "\ncommit " + std::to_string(commit_ + 1) + "\n";
-    for (auto& out : outputs_) text.append("file ").append(out->name_).push_back('\n');
+    std::vector<std::pair<std::string, long long>> appends;
+    for (auto& out : outputs_) appends.emplace_back(out->name_, out->before_);
+    for (const auto& [name, before] : appends) {
+      text.append("append ")
+          .append(std::to_string(before))
+          .append(" ")
+          .append(name)
+          .push_back('\n');
+    }
     for (const Loaded& l : loaded) {
       text.append("loaded");
-      for (const std::string& v :
-           {l.source, std::to_string(l.key_bytes), l.key, std::to_string(l.bytes),
-            std::to_string(l.lines), l.date, std::to_string(l.first_loaded)}) {
+      for (const std::string& v : {std::to_string(l.id), l.source, std::to_string(l.key_bytes),
+                                   l.key, std::to_string(l.bytes), std::to_string(l.lines), l.date,
+                                   std::to_string(l.first_loaded)}) {
         put_field(text, &v);
       }
       put_field(text, l.header ? &l.host : nullptr);
@@ -168,27 +181,61 @@ class FileSet {
     }
     File state = File::create(temp(state_, commit_ + 1));
     state.write_all(text);
-    sync(state);
+    state.sync();
     rename_file(state.name(), path(state_));
+    sync_directory_of(path(state_));  // the commit is durable before any file grows
     ++commit_;
     loaded_ = std::move(loaded);
-    // Committed: what follows is finished by the next run if this one stops here.
-    for (auto& out : outputs_) {
-      out->file_.close();
-      rename_file(temp(out->name_, commit_), path(out->name_));
-    }
+    for (auto& out : outputs_) out->side_.close();
     outputs_.clear();
-    sync_dir(dir_);
+    // Committed: what follows is finished by the next run if this one stops here.
+    finish(appends);
     unlock();
   }
 
   void abandon() {
     for (auto& out : outputs_) {
-      out->file_.close();
+      out->side_.close();
       ::unlink(temp(out->name_, commit_ + 1).c_str());
     }
     outputs_.clear();
     unlock();
+  }
+
+  // Per generation number, the rows the committed files hold.
+  std::map<int64_t, Origins> origins(OriginOf origin_of, size_t header_lines) const {
+    std::map<int64_t, Origins> found;
+    for (const std::string& name : names_) {
+      if (name == state_ || !file_exists(path(name))) continue;
+      const File file = File::read_only(path(name));
+      std::string block(kFlushAt, '\0');
+      std::string line;
+      size_t skip = header_lines;
+      for (long long at = 0, n;
+           (n = static_cast<long long>(file.read_at(block.data(), block.size(), at))) > 0;
+           at += n) {
+        for (char c : std::string_view(block.data(), static_cast<size_t>(n))) {
+          if (c != '\n') {
+            line.push_back(c);
+            continue;
+          }
+          int64_t generation, number;
+          if (skip > 0) {
+            --skip;
+          } else if (origin_of(line, generation, number)) {
+            Origins& o = found[generation];
+            ++o.rows;
+            o.line_sum += number;
+            o.lines = o.rows;  // distinct lines are counted below
+            seen_[generation].insert(number);
+          }
+          line.clear();
+        }
+      }
+    }
+    for (auto& [generation, o] : found) o.lines = static_cast<int64_t>(seen_[generation].size());
+    seen_.clear();
+    return found;
   }
 
  private:
@@ -200,18 +247,45 @@ class FileSet {
     return path(hidden(name) + "." + std::to_string(commit) + ".tmp");
   }
 
+  std::optional<long long> committed_size(const std::string& name) const {
+    if (!file_exists(path(name))) return std::nullopt;
+    return File::read_only(path(name)).size();
+  }
+
+  // Appends the committed side files to their files, each cut back first to its size before
+  // the commit (a run stopped while appending left part of it), then removes them.
+  void finish(const std::vector<std::pair<std::string, long long>>& appends) {
+    bool changed = false;
+    for (const auto& [name, before] : appends) {
+      const std::string side = temp(name, commit_);
+      if (!file_exists(side)) continue;  // appended already
+      File to = File::append(path(name));
+      if (to.size() != before) to.truncate(before);
+      append_file(File::read_only(side), to);
+      to.sync();
+      remove_file(side);
+      changed = true;
+    }
+    if (changed) sync_directory_of(path(state_));
+  }
+
   void unlock() {
     if (lock_ >= 0) ::close(std::exchange(lock_, -1));
   }
 
-  // Reads the state file; returns the files its commit replaced.
-  std::vector<std::string> read_state() {
+  // Reads the state file; returns the appends of its commit.
+  std::vector<std::pair<std::string, long long>> read_state() {
     commit_ = 0;
     loaded_.clear();
     const std::string name = path(state_);
     if (!file_exists(name)) return {};
     const std::string text = File::read_only(name).contents();
-    std::vector<std::string> files;
+    if (text.starts_with(std::string(kOldStateTitle) + "\n")) {
+      throw ExportError(name +
+                        " was written by an older ekadcdf-export, whose rows tell no "
+                        "origin: export into a new directory or file");
+    }
+    std::vector<std::pair<std::string, long long>> appends;
     size_t begin = 0;
     bool titled = false;
     try {
@@ -223,12 +297,15 @@ class FileSet {
           titled = true;
         } else if (line.starts_with("commit ")) {
           commit_ = std::stoll(std::string(line.substr(7)));
-        } else if (line.starts_with("file ")) {
-          files.emplace_back(line.substr(5));
-        } else if (f.size() == 9 && f[0] == "loaded") {
-          const bool header = f[8] != std::string(1, '\0');
-          loaded_.push_back(Loaded{f[1], std::stoll(f[2]), f[3], std::stoll(f[4]), std::stoll(f[5]),
-                                   header, header ? f[8] : "", f[6], std::stoll(f[7])});
+        } else if (line.starts_with("append ")) {
+          const size_t space = line.find(' ', 7);
+          appends.emplace_back(line.substr(space + 1),
+                               std::stoll(std::string(line.substr(7, space - 7))));
+        } else if (f.size() == 10 && f[0] == "loaded") {
+          const bool header = f[9] != std::string(1, '\0');
+          loaded_.push_back(Loaded{std::stoll(f[1]), f[2], std::stoll(f[3]), f[4], std::stoll(f[5]),
+                                   std::stoll(f[6]), header, header ? f[9] : "", f[7],
+                                   std::stoll(f[8])});
         } else {
           titled = false;
           break;
@@ -242,7 +319,7 @@ class FileSet {
                         " is damaged; it records what was exported, so it cannot be "
                         "remade from the files");
     }
-    return files;
+    return appends;
   }
 
   void remove_temps() {
@@ -257,7 +334,7 @@ class FileSet {
     for (const std::string& name : doomed) remove_file(path(name));
   }
 
-  // Whether `file` is a copy of one of this set's files: temp(name, commit) of any commit.
+  // Whether `file` is a side file of one of this set's files: temp(name, commit) of any commit.
   bool owns(std::string_view file) const {
     return std::any_of(names_.begin(), names_.end(), [&](const std::string& name) {
       const std::string prefix = hidden(name) + ".";
@@ -273,9 +350,26 @@ class FileSet {
   std::vector<std::string> names_;
   int lock_ = -1;
   int64_t commit_ = 0;
+  int64_t next_id_ = 1;
   std::vector<Loaded> loaded_;
   std::vector<std::unique_ptr<Output>> outputs_;
+  mutable std::map<int64_t, std::set<int64_t>> seen_;
 };
+
+// The last two numbers of a line ending in `end`, each after a `separator`.
+bool trailing_numbers(std::string_view line, std::string_view separator, std::string_view end,
+                      int64_t& generation, int64_t& number) {
+  if (!line.ends_with(end)) return false;
+  line.remove_suffix(end.size());
+  const size_t last = line.rfind(separator);
+  if (last == std::string_view::npos) return false;
+  const size_t before = line.rfind(separator, last - 1);
+  if (before == std::string_view::npos) return false;
+  std::string_view first = line.substr(before + separator.size(), last - before - separator.size());
+  if (first.ends_with(",\"line_number\"")) first.remove_suffix(14);
+  return parse_integer(line.substr(last + separator.size()), number) &&
+         parse_integer(first, generation);
+}
 
 // The text of value `i`: its bytes, or their mapping when they are not plain ASCII.
 std::string_view text(const Row& row, size_t i, std::string& scratch) {
@@ -308,7 +402,7 @@ class CsvTarget final : public Target {
   explicit CsvTarget(const std::string& dir)
       : dir_(dir), files_(dir, ".ekadcdf-export-state", names()) {}
 
-  std::vector<Loaded> begin(const std::string&) override {
+  std::vector<Loaded> begin(const std::vector<std::string>&) override {
     std::error_code error;
     std::filesystem::create_directories(dir_, error);
     if (error) throw ExportError("cannot create the directory " + dir_ + ": " + error.message());
@@ -330,12 +424,21 @@ class CsvTarget final : public Target {
     if (row.host != nullptr) append_csv(line, *row.host);
     line.push_back(',');
     if (row.date != nullptr) line.append(*row.date);
-    line.append("\r\n");
+    line.append(",").append(std::to_string(row.generation));
+    line.append(",").append(std::to_string(row.line)).append("\r\n");
     out->done();
   }
 
+  int64_t new_id() override { return files_.new_id(); }
   void commit(const LoadedChange& change) override { files_.commit(change); }
   void abandon() override { files_.abandon(); }
+  std::map<int64_t, Origins> origins() override {
+    return files_.origins(
+        [](std::string_view line, int64_t& generation, int64_t& number) {
+          return trailing_numbers(line, ",", "\r", generation, number);
+        },
+        1);
+  }
 
  private:
   static std::string file_name(int type) { return table_name(type) + ".csv"; }
@@ -392,7 +495,8 @@ void append_json(std::string& out, const Row& row, std::string& scratch) {
       out.append("null");
     }
   }
-  out.append("}\n");
+  out.append(",\"generation_id\":").append(std::to_string(row.generation));
+  out.append(",\"line_number\":").append(std::to_string(row.line)).append("}\n");
 }
 
 class JsonlFile final : public Target {
@@ -401,9 +505,19 @@ class JsonlFile final : public Target {
       : name_(std::filesystem::path(file).filename()),
         files_(directory_of(file), "." + name_ + ".ekadcdf-export-state", {name_}) {}
 
-  std::vector<Loaded> begin(const std::string&) override {
+  std::vector<Loaded> begin(const std::vector<std::string>&) override {
     out_ = nullptr;
     return files_.begin();
+  }
+  int64_t new_id() override { return files_.new_id(); }
+  std::map<int64_t, Origins> origins() override {
+    return files_.origins(
+        [](std::string_view line, int64_t& generation, int64_t& number) {
+          const size_t at = line.rfind(",\"generation_id\":");
+          return at != std::string_view::npos &&
+                 trailing_numbers(line.substr(at), ":", "}", generation, number);
+        },
+        0);
   }
   void write(const Row& row) override {
     if (out_ == nullptr) out_ = &files_.output(name_, "");
@@ -424,14 +538,21 @@ class JsonlFile final : public Target {
 // --follow, what was written is remembered while it runs.
 class JsonlStream final : public Target {
  public:
-  std::vector<Loaded> begin(const std::string&) override { return loaded_; }
+  std::vector<Loaded> begin(const std::vector<std::string>&) override { return loaded_; }
+  int64_t new_id() override { return ++ids_; }
+  std::map<int64_t, Origins> origins() override {
+    throw ExportError("standard output keeps nothing to verify");
+  }
   void write(const Row& row) override {
     append_json(buffer_, row, scratch_);
     if (buffer_.size() >= kFlushAt) flush();
   }
   void commit(const LoadedChange& change) override {
     flush();
-    loaded_ = change.entries;
+    for (const Loaded& l : change.entries) {
+      std::erase_if(loaded_, [&](const Loaded& old) { return old.id == l.id; });
+      loaded_.push_back(l);
+    }
   }
   // What was flushed is out; the rest of the failed run is not written.
   void abandon() override { buffer_.clear(); }
@@ -445,25 +566,12 @@ class JsonlStream final : public Target {
     buffer_.clear();
   }
   std::vector<Loaded> loaded_;
+  int64_t ids_ = 0;
   std::string buffer_;
   std::string scratch_;
 };
 
 }  // namespace
-
-std::string table_name(int type) {
-  return "cdf_" + std::to_string(type);
-}
-
-std::string event_time_indexes() {
-  std::string sql;
-  for (const RecordType& type : record_catalogue()) {
-    if (type.type == kHeaderType) continue;
-    const std::string table = table_name(type.type);
-    sql += "CREATE INDEX IF NOT EXISTS " + table + "_event_time ON " + table + " (event_time);\n";
-  }
-  return sql;
-}
 
 std::unique_ptr<Target> csv_target(const std::string& directory) {
   return std::make_unique<CsvTarget>(directory);

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -17,12 +19,14 @@
 namespace {
 
 using adcdf::exporter::ExportError;
+using adcdf::exporter::Failure;
+using adcdf::exporter::Target;
 using adcdf::exporter::Totals;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kUsage[] =
     "Usage: ekadcdf-export [--csv DIR | --jsonl FILE|- | --sqlite FILE | --postgres CONNINFO]\n"
-    "                      [--rejects FILE] [--follow] [--metrics FILE] BASE\n"
+    "                      [--rejects FILE] [--follow | --verify] [--metrics FILE] BASE\n"
     "       ekadcdf-export --columns | --help | --version\n";
 
 constexpr char kHelpText[] =
@@ -37,14 +41,21 @@ constexpr char kHelpText[] =
     "  --postgres CONNINFO the same tables in PostgreSQL (\"dbname=cdf host=db.example.com\")\n"
     "  --rejects FILE      append the lines that cannot be split into their columns to FILE,\n"
     "                      each as <generation>:<line number>:<the line>\n"
-    "  --follow            keep loading what the daemon writes, every second, until stopped\n"
+    "  --follow            keep loading what the daemon writes, every second, until stopped;\n"
+    "                      a database that goes away is waited for\n"
+    "  --verify            compare the target with the generations, per generation, and exit\n"
     "  --metrics FILE      write rows loaded per table, rejects and the time of the last\n"
     "                      commit for Prometheus (node exporter textfile) at start and after\n"
     "                      every run\n"
     "  --columns           print the columns of every record type and exit\n"
     "  --help, --version   print this text or the version and exit\n"
     "\n"
-    "Exit status: 0 done, 1 error (nothing of the failed run is kept), 2 bad arguments.\n";
+    "Exit status: 0 done (with --verify: the target agrees), 1 error (nothing of the failed run\n"
+    "is kept) or a difference, 2 bad arguments.\n";
+
+constexpr auto kPoll = std::chrono::seconds(1);
+constexpr auto kFirstPause = std::chrono::milliseconds(250);
+constexpr auto kLongestPause = std::chrono::seconds(5);
 
 volatile std::sig_atomic_t g_stop = 0;
 
@@ -70,17 +81,35 @@ void print_columns() {
   }
 }
 
+// Sleeps for `pause`, or less when a signal asks to stop.
+void pause_for(Clock::duration pause) {
+  const auto until = Clock::now() + pause;
+  while (!g_stop && Clock::now() < until) {
+    std::this_thread::sleep_for(
+        std::min<Clock::duration>(std::chrono::milliseconds(100), until - Clock::now()));
+  }
+}
+
 // The progress line, on a terminal only: records, megabytes and rate, at most four times a
-// second.
+// second. Without a terminal (under a service manager) and with --follow, a line per run that
+// loaded something instead.
 class Progress {
  public:
   Progress() : shown_(isatty(STDERR_FILENO) != 0) {}
+  void journal(const Totals& run) const {
+    if (shown_ || run.bytes == 0) return;
+    std::fprintf(stderr,
+                 "ekadcdf-export: loaded %lld records, %lld rejected, %.1f MB from %lld "
+                 "generations\n",
+                 static_cast<long long>(run.records), static_cast<long long>(run.rejected),
+                 run.bytes / 1e6, static_cast<long long>(run.generations));
+  }
   void update(const Totals& run) {
     if (!shown_) return;
     const auto now = Clock::now();
     if (now - last_ < std::chrono::milliseconds(250)) return;
     last_ = now;
-    Totals all = add(done_, run);
+    const Totals all = add(done_, run);
     std::fprintf(stderr, "\r%lld records  %.1f MB  %.1f MB/s\033[K",
                  static_cast<long long>(all.records), all.bytes / 1e6, all.bytes / 1e6 / seconds());
   }
@@ -107,46 +136,55 @@ class Progress {
   Totals done_;
 };
 
-}  // namespace
+struct Options {
+  enum Kind { kCsv = 1, kJsonl, kSqlite, kPostgres } kind{};
+  std::string where;
+  std::string rejects;
+  std::string base;
+  std::string metrics;
+  bool follow = false;
+  bool verify = false;
+};
 
-int main(int argc, char** argv) {
-  enum { kCsv = 1, kJsonl, kSqlite, kPostgres, kRejects, kFollow, kColumns, kHelp, kVersion };
-  enum { kMetrics = kVersion + 1 };
+// Reads the command line into `o`; returns the exit status when there is nothing more to do.
+std::optional<int> parse_arguments(int argc, char** argv, Options& o) {
+  enum { kRejects = Options::kPostgres + 1, kFollow, kVerify, kColumns, kHelp, kVersion, kMetrics };
   static const option kOptions[] = {
-      {"csv", required_argument, nullptr, kCsv},
-      {"jsonl", required_argument, nullptr, kJsonl},
-      {"sqlite", required_argument, nullptr, kSqlite},
-      {"postgres", required_argument, nullptr, kPostgres},
+      {"csv", required_argument, nullptr, Options::kCsv},
+      {"jsonl", required_argument, nullptr, Options::kJsonl},
+      {"sqlite", required_argument, nullptr, Options::kSqlite},
+      {"postgres", required_argument, nullptr, Options::kPostgres},
       {"rejects", required_argument, nullptr, kRejects},
       {"follow", no_argument, nullptr, kFollow},
+      {"verify", no_argument, nullptr, kVerify},
       {"columns", no_argument, nullptr, kColumns},
       {"help", no_argument, nullptr, kHelp},
       {"version", no_argument, nullptr, kVersion},
       {"metrics", required_argument, nullptr, kMetrics},
       {nullptr, 0, nullptr, 0},
   };
-  int kind = 0;
-  std::string where, rejects, metrics;
-  bool follow = false;
   opterr = 0;
   for (int option; (option = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
     switch (option) {
-      case kCsv:
-      case kJsonl:
-      case kSqlite:
-      case kPostgres:
-        if (kind != 0) return usage_error("choose one of --csv, --jsonl, --sqlite, --postgres");
-        kind = option;
-        where = optarg;
+      case Options::kCsv:
+      case Options::kJsonl:
+      case Options::kSqlite:
+      case Options::kPostgres:
+        if (o.kind != 0) return usage_error("choose one of --csv, --jsonl, --sqlite, --postgres");
+        o.kind = static_cast<Options::Kind>(option);
+        o.where = optarg;
         break;
       case kRejects:
-        rejects = optarg;
-        break;
-      case kMetrics:
-        metrics = optarg;
+        o.rejects = optarg;
         break;
       case kFollow:
-        follow = true;
+        o.follow = true;
+        break;
+      case kVerify:
+        o.verify = true;
+        break;
+      case kMetrics:
+        o.metrics = optarg;
         break;
       case kColumns:
         print_columns();
@@ -163,55 +201,112 @@ int main(int argc, char** argv) {
     }
   }
   if (optind + 1 != argc) return usage_error(optind == argc ? "no BASE given" : "one BASE only");
-  const std::string base = argv[optind];
-  if (base.empty() || base.back() == '/') return usage_error("BASE names files, not a directory");
-  if (kind == 0) {
-    kind = kSqlite;
-    where = base + ".sqlite";
+  if (o.follow && o.verify) return usage_error("choose --follow or --verify");
+  o.base = argv[optind];
+  if (o.base.empty() || o.base.back() == '/') {
+    return usage_error("BASE names files, not a directory");
   }
+  if (o.kind == 0) {
+    o.kind = Options::kSqlite;
+    o.where = o.base + ".sqlite";
+  }
+  return std::nullopt;
+}
 
+void install_signal_handlers() {
   struct sigaction action {};
   action.sa_handler = on_signal;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
+}
 
-  Progress progress;
-  try {
-    using namespace adcdf::exporter;
-    Exporter exporter(base, rejects, follow, g_stop);
-    CountingTarget target(kind == kCsv      ? csv_target(where)
-                          : kind == kJsonl  ? jsonl_target(where)
-                          : kind == kSqlite ? sqlite_target(where)
-                                            : postgres_target(where));
-    write_export_metrics(metrics, base, target, 0);
-    try {
-      for (;;) {
-        Totals run = exporter.run(target, [&](const Totals& t) { progress.update(t); });
-        progress.finish(run);
-        write_export_metrics(metrics, base, target, progress.done().rejected);
-        if (!follow) break;
-        for (int tick = 0; tick < 10 && !g_stop; ++tick) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        if (g_stop) break;
-      }
-    } catch (const Interrupted&) {
-      if (!follow) throw ExportError("interrupted; nothing of this run was kept");
+std::unique_ptr<Target> open_target(const Options& o) {
+  using namespace adcdf::exporter;
+  switch (o.kind) {
+    case Options::kCsv:
+      return csv_target(o.where);
+    case Options::kJsonl:
+      return jsonl_target(o.where);
+    case Options::kSqlite:
+      return sqlite_target(o.where);
+    case Options::kPostgres:
+      return postgres_target(o.where);
+  }
+  return nullptr;
+}
+
+std::string target_label(const Options& o) {
+  return o.kind == Options::kPostgres ? "PostgreSQL" : o.where == "-" ? "standard output" : o.where;
+}
+
+// Under --follow, a transient failure is waited out: a pause growing from a quarter of a second
+// to 5 s between tries, a line when it starts and one when it is over.
+class Retry {
+ public:
+  explicit Retry(std::string target) : target_(std::move(target)) {}
+  void failed(const ExportError& error) {
+    if (!failing_) {
+      std::fprintf(stderr, "ekadcdf-export: %s; trying again until it works\n", error.what());
     }
-  } catch (const std::exception& error) {  // ExportError, a failed file operation, no memory
-    progress.finish({});
-    std::fprintf(stderr, "ekadcdf-export: %s\n", error.what());
-    return 1;
+    failing_ = true;
+    pause_for(pause_);
+    pause_ = std::min<Clock::duration>(pause_ * 2, kLongestPause);
+  }
+  void succeeded() {
+    if (failing_) std::fprintf(stderr, "ekadcdf-export: %s works again\n", target_.c_str());
+    failing_ = false;
+    pause_ = kFirstPause;
   }
 
+ private:
+  std::string target_;
+  bool failing_ = false;
+  Clock::duration pause_ = kFirstPause;
+};
+
+// Loads once, or with --follow until a signal; throws ExportError for what ends the program.
+void load(const Options& o, adcdf::exporter::Exporter& exporter, Progress& progress) {
+  // Counts what each run commits, for the metrics, across reconnections.
+  adcdf::exporter::CountingTarget target;
+  Retry retry(target_label(o));
+  bool said_waiting = false;
+  adcdf::exporter::write_export_metrics(o.metrics, o.base, target, 0);
+  for (;;) {
+    try {
+      if (!target.attached()) target.attach(open_target(o));
+      const Totals run = exporter.run(target, [&](const Totals& t) { progress.update(t); });
+      retry.succeeded();
+      progress.finish(run);
+      adcdf::exporter::write_export_metrics(o.metrics, o.base, target, progress.done().rejected);
+      if (o.follow) progress.journal(run);
+      if (run.no_generation && !said_waiting) {
+        std::fprintf(stderr, "ekadcdf-export: no generation %s.000 yet; waiting for it\n",
+                     o.base.c_str());
+      }
+      said_waiting = run.no_generation;
+      if (!o.follow) return;
+      pause_for(kPoll);
+      if (g_stop) return;
+    } catch (const ExportError& error) {
+      if (error.failure() == Failure::kInterrupted && o.follow) return;
+      if (error.failure() == Failure::kInterrupted) {
+        throw ExportError("interrupted; nothing of this run was kept");
+      }
+      if (!o.follow || error.failure() != Failure::kTransient) throw;
+      target.attach(nullptr);  // connected again, opened again, at the next try
+      retry.failed(error);
+      if (g_stop) return;
+    }
+  }
+}
+
+void print_summary(const Options& o, const Progress& progress) {
   const Totals& t = progress.done();
-  const std::string into = kind == kPostgres ? "PostgreSQL"
-                           : where == "-"    ? "standard output"
-                                             : where;
+  const std::string into = target_label(o);
   if (t.bytes == 0) {
     std::fprintf(stderr, "ekadcdf-export: nothing new for %s\n", into.c_str());
-    return 0;
+    return;
   }
   std::fprintf(stderr,
                "ekadcdf-export: %lld records, %.1f MB from %lld generations into %s in %.1f s "
@@ -221,8 +316,51 @@ int main(int argc, char** argv) {
                t.bytes / 1e6 / progress.seconds());
   if (t.rejected > 0) {
     std::fprintf(stderr, "; %lld lines rejected%s%s", static_cast<long long>(t.rejected),
-                 rejects.empty() ? "" : ", see ", rejects.c_str());
+                 o.rejects.empty() ? "" : ", see ", o.rejects.c_str());
   }
   std::fprintf(stderr, "\n");
+}
+
+// Prints, per generation, what the files hold and what the target holds; 0 when they agree.
+int verify(const Options& o, adcdf::exporter::Exporter& exporter) {
+  std::unique_ptr<Target> target = open_target(o);
+  int differences = 0;
+  const auto report = exporter.verify(*target);
+  for (const adcdf::exporter::Verified& v : report) {
+    const bool agree = v.found == v.expected;
+    differences += agree ? 0 : 1;
+    std::printf("%s: generation %lld, %lld records, %lld rows, %lld rejected", v.name.c_str(),
+                static_cast<long long>(v.id), static_cast<long long>(v.records),
+                static_cast<long long>(v.found.rows), static_cast<long long>(v.rejected));
+    if (!agree) {
+      std::printf(", DIFFERENT: %lld rows hold %lld of the %lld record lines",
+                  static_cast<long long>(v.found.rows), static_cast<long long>(v.found.lines),
+                  static_cast<long long>(v.expected.lines));
+      if (v.found.lines == v.expected.lines) std::printf(", not the same ones");
+    }
+    std::printf("\n");
+  }
+  std::printf("%zu generations, %d differ\n", report.size(), differences);
+  return differences == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (std::optional<int> status = parse_arguments(argc, argv, options)) return *status;
+  install_signal_handlers();
+  Progress progress;
+  try {
+    adcdf::exporter::Exporter exporter(options.base, options.verify ? "" : options.rejects,
+                                       options.follow, g_stop);
+    if (options.verify) return verify(options, exporter);
+    load(options, exporter, progress);
+  } catch (const std::exception& error) {  // ExportError, a failed file operation, no memory
+    progress.finish({});
+    std::fprintf(stderr, "ekadcdf-export: %s\n", error.what());
+    return 1;
+  }
+  print_summary(options, progress);
   return 0;
 }

@@ -7,12 +7,12 @@
 
 namespace adcdf::exporter {
 
-CountingTarget::CountingTarget(std::unique_ptr<Target> inner)
-    : inner_(std::move(inner)), rows_(record_catalogue().size()), run_(record_catalogue().size()) {}
+CountingTarget::CountingTarget()
+    : rows_(record_catalogue().size()), run_(record_catalogue().size()) {}
 
-std::vector<Loaded> CountingTarget::begin(const std::string& source) {
+std::vector<Loaded> CountingTarget::begin(const std::vector<std::string>& locks) {
   std::fill(run_.begin(), run_.end(), 0);
-  return inner_->begin(source);
+  return inner_->begin(locks);
 }
 
 void CountingTarget::write(const Row& row) {

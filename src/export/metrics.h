@@ -16,11 +16,17 @@ namespace adcdf::exporter {
 // when the run is committed.
 class CountingTarget : public Target {
  public:
-  explicit CountingTarget(std::unique_ptr<Target> inner);
-  std::vector<Loaded> begin(const std::string& source) override;
+  CountingTarget();
+  // The target the runs go to; null to let go of it (it is opened again after a failure).
+  void attach(std::unique_ptr<Target> inner) { inner_ = std::move(inner); }
+  bool attached() const { return inner_ != nullptr; }
+
+  std::vector<Loaded> begin(const std::vector<std::string>& locks) override;
+  int64_t new_id() override { return inner_->new_id(); }
   void write(const Row& row) override;
   void commit(const LoadedChange& change) override;
   void abandon() override;
+  std::map<int64_t, Origins> origins() override { return inner_->origins(); }
 
   // Committed rows by catalogue position, and when the last commit was (seconds since 1970).
   const std::vector<int64_t>& rows() const { return rows_; }
@@ -32,8 +38,6 @@ class CountingTarget : public Target {
   int64_t committed_at_ = 0;
 };
 
-// Writes the figures of the exporter of `base` to `path` when it is not empty; a failure does not
-// stop the exporter.
 void write_export_metrics(const std::string& path, const std::string& base,
                           const CountingTarget& target, int64_t rejected);
 

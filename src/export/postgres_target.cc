@@ -1,15 +1,23 @@
-// PostgreSQL through COPY: one table per record type, integer columns as bigint. A value of an
-// integer column that is not a plain integer (" 34", "007", "") cannot be a bigint: the column
-// is NULL and the row's `verbatim` column, a JSON object, holds the value's text under the
-// column's name. A run is one transaction; exporters of several mail servers may fill the same
-// tables, each holding a lock on its own base while it runs.
+// PostgreSQL through binary COPY: one table per record type, integer columns as bigint. A value
+// of an integer column that is not a plain integer (" 34", "007", "") cannot be a bigint: the
+// column is NULL and the row's `verbatim` column, a JSON object, holds the value's text under
+// the column's name. A run is one transaction; exporters of several mail servers may fill the
+// same tables at once, and runs on the same generations (whatever the path) wait for each other
+// on locks named after their content.
+//
+// A lost connection, a server that is starting, stopping or refusing connections, is a
+// transient failure: the next run connects again. What the server refuses for good (a password,
+// a missing database, a full disk, a table of another shape) is not.
 #include <libpq-fe.h>
 
+#include <algorithm>
 #include <array>
 #include <condition_variable>
 #include <deque>
 #include <exception>
 #include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -20,7 +28,8 @@
 namespace adcdf::exporter {
 namespace {
 
-constexpr size_t kCopyAt = 4 << 20;  // bytes of rows sent to a table at once
+constexpr size_t kCopyAt = 4 << 20;     // bytes of rows sent to a table at once
+constexpr size_t kBuffered = 8 << 20;   // bytes of rows held for all tables, at most
 constexpr std::string_view kSchemaLock = "ekadcdf-export schema";
 // COPY's binary format: signature, flags, length of the header extension.
 constexpr char kBinaryHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";
@@ -53,6 +62,24 @@ void put_optional(std::string& out, const std::string* text) {
 void put_number(std::string& out, int64_t value) {
   put<int32_t>(out, 8);
   put<int64_t>(out, value);
+}
+
+// Whether `value` fits an integer column of `size` bytes.
+bool fits(int64_t value, int size) {
+  return size == 8 || (size == 4 && value == static_cast<int32_t>(value)) ||
+         (size == 2 && value == static_cast<int16_t>(value));
+}
+
+// An integer as a column of `size` bytes (smallint, integer or bigint) holds it.
+void put_sized(std::string& out, int64_t value, int size) {
+  put<int32_t>(out, size);
+  if (size == 2) {
+    put<int16_t>(out, static_cast<int16_t>(value));
+  } else if (size == 4) {
+    put<int32_t>(out, static_cast<int32_t>(value));
+  } else {
+    put<int64_t>(out, value);
+  }
 }
 
 // A "YYYY-MM-DD" date as days since 2000-01-01, or NULL.
@@ -157,52 +184,81 @@ class Sender {
   std::thread thread_;
 };
 
+// Whether the failure of a statement is one that waiting cures: the connection is gone, or the
+// server said so (connection exceptions, shutting down or starting, too many connections, a
+// conflict between transactions).
+bool transient(PGconn* conn, const PGresult* result) {
+  if (PQstatus(conn) != CONNECTION_OK) return true;
+  const char* state = result ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+  if (state == nullptr) return false;
+  const std::string_view s = state;
+  return s.starts_with("08") || s.starts_with("57P") || s == "53300" || s == "40001" ||
+         s == "40P01";
+}
+
 class PostgresTarget final : public Target {
  public:
-  explicit PostgresTarget(const std::string& conninfo) {
-    const char* const keys[] = {"dbname", "fallback_application_name", "client_encoding", nullptr};
-    const char* const values[] = {conninfo.c_str(), "ekadcdf-export", "UTF8", nullptr};
-    conn_ = PQconnectdbParams(keys, values, 1);
-    if (PQstatus(conn_) != CONNECTION_OK) fail("cannot connect");
-    PQsetNoticeProcessor(
-        conn_, [](void*, const char*) {}, nullptr);
-    for (const RecordType& type : record_catalogue()) {
-      if (type.type == kHeaderType) continue;
+  explicit PostgresTarget(std::string conninfo) : conninfo_(std::move(conninfo)) {
+    for_each_table([&](const RecordType& type) {
       std::string columns;
       for (const RecordColumn& column : type.columns) columns += column.name + ", ";
       for (std::string_view extra : kExtraColumns) columns.append(extra).append(", ");
       tables_[static_cast<size_t>(type.type)].copy =
           "COPY " + table_name(type.type) + " (" + columns + "verbatim) FROM STDIN (FORMAT binary)";
-    }
+    });
+    connect();
   }
   ~PostgresTarget() override {
     sender_.discard([this] { cancel(); });
     PQfinish(conn_);
   }
 
-  std::vector<Loaded> begin(const std::string& source) override {
+  std::vector<Loaded> begin(const std::vector<std::string>& locks) override {
+    if (PQstatus(conn_) != CONNECTION_OK) connect();
     exec("cannot begin a transaction", "BEGIN");
     in_transaction_ = true;
-    exec("cannot lock the base's rows", "SELECT pg_advisory_xact_lock(hashtextextended($1, 0))",
-         {source});
+    for (const std::string& key : locks) {  // sorted: two runs take them in the same order
+      exec("cannot lock the generations", "SELECT pg_advisory_xact_lock(hashtextextended($1, 0))",
+           {key});
+    }
     create_missing();
+    if (!sizes_read_) read_sizes();
     Result state = exec("cannot read " + std::string(kStateTable),
-                        "SELECT source, key_bytes, key, bytes, lines, host, "
+                        "SELECT id, source, key_bytes, key, bytes, lines, host, "
                         "to_char(generation_date, 'YYYY-MM-DD'), first_loaded FROM " +
                             std::string(kStateTable));
     std::vector<Loaded> loaded;
     for (int i = 0; i < PQntuples(state.get()); ++i) {
-      loaded.push_back(Loaded{state.text(i, 0), state.number(i, 1), state.text(i, 2),
-                              state.number(i, 3), state.number(i, 4), !state.null(i, 5),
-                              state.text(i, 5), state.text(i, 6), state.number(i, 7)});
+      loaded.push_back(Loaded{state.number(i, 0), state.text(i, 1), state.number(i, 2),
+                              state.text(i, 3), state.number(i, 4), state.number(i, 5),
+                              !state.null(i, 6), state.text(i, 6), state.text(i, 7),
+                              state.number(i, 8)});
     }
     return loaded;
+  }
+
+  // The connection is the sender's while it loads a batch: wait for it first.
+  int64_t new_id() override {
+    sender_.wait();
+    return exec("cannot number a generation",
+                "SELECT nextval('" + std::string(kGenerationSequence) + "')")
+        .number(0, 0);
+  }
+
+  std::map<int64_t, Origins> origins() override {
+    Result r = exec("cannot count the rows", origins_query());
+    std::map<int64_t, Origins> found;
+    for (int i = 0; i < PQntuples(r.get()); ++i) {
+      found[r.number(i, 0)] = Origins{r.number(i, 1), r.number(i, 2), r.number(i, 3)};
+    }
+    return found;
   }
 
   // Rows go in COPY's binary format: no text to escape here, none to parse on the server.
   void write(const Row& row) override {
     Table& table = tables_[static_cast<size_t>(row.type->type)];
     std::string& out = table.rows;
+    const size_t before = out.size();
     if (out.empty()) out.append(kBinaryHeader, sizeof kBinaryHeader - 1);
     put<int16_t>(out, static_cast<int16_t>(row.values.size() + std::size(kExtraColumns) + 1));
     verbatim_.clear();
@@ -212,8 +268,8 @@ class PostgresTarget final : public Target {
       int64_t number;
       if (column.type == ValueType::kText) {
         put_text(out, row.plain ? value : utf8_text(value, scratch_));
-      } else if (parse_integer(value, number)) {
-        put_number(out, number);
+      } else if (parse_integer(value, number) && fits(number, table.sizes[i])) {
+        put_sized(out, number, table.sizes[i]);
       } else {
         put<int32_t>(out, -1);
         verbatim_.append(verbatim_.empty() ? "\1{" : ",");
@@ -231,13 +287,23 @@ class PostgresTarget final : public Target {
     }
     put_optional(out, row.host);
     put_date(out, row.date);
+    put_number(out, row.generation);
+    put_number(out, row.line);
     if (verbatim_.empty()) {
       put<int32_t>(out, -1);
     } else {
       verbatim_.push_back('}');  // jsonb's binary form: version 1, then the text
       put_text(out, verbatim_);
     }
-    if (out.size() >= kCopyAt) send(table);
+    buffered_ += out.size() - before;
+    if (out.size() >= kCopyAt) {
+      send(table);
+    } else if (buffered_ >= kBuffered) {
+      // Many tables each holding a little: send them all, so memory stays bounded.
+      for (Table& t : tables_) {
+        if (!t.rows.empty()) send(t);
+      }
+    }
   }
 
   void commit(const LoadedChange& change) override {
@@ -246,14 +312,16 @@ class PostgresTarget final : public Target {
     }
     sender_.wait();
     const std::string state(kStateTable);
-    const std::string what = "cannot record what was loaded";
-    exec(what, "DELETE FROM " + state + " WHERE source = $1", {change.source});
-    for (const Loaded& t : change.taken) {
-      exec(what, "DELETE FROM " + state + " WHERE source = $1 AND key = $2", {t.source, t.key});
-    }
+    std::string ids = "{";
+    for (const Loaded& l : change.entries) ids += std::to_string(l.id) + ",";
+    for (int64_t id : change.forgotten) ids += std::to_string(id) + ",";
+    ids.back() = '}';
+    exec("cannot record what was loaded", "DELETE FROM " + state + " WHERE id = ANY($1::bigint[])",
+         {ids});
     std::string rows(kBinaryHeader, sizeof kBinaryHeader - 1);
     for (const Loaded& l : change.entries) {
-      put<int16_t>(rows, 8);
+      put<int16_t>(rows, 9);
+      put_number(rows, l.id);
       put_text(rows, l.source);
       put_number(rows, l.key_bytes);
       put_text(rows, l.key);
@@ -264,8 +332,10 @@ class PostgresTarget final : public Target {
       put_number(rows, l.first_loaded);
     }
     put<int16_t>(rows, -1);
-    copy("COPY " + state + " FROM STDIN (FORMAT binary)", rows);
-    if (created_) check(PQexec(conn_, event_time_indexes().c_str()), "cannot index the tables");
+    copy("COPY " + state + " (" + std::string(kStateColumns) + ") FROM STDIN (FORMAT binary)",
+         rows);
+    if (created_)
+      check(PQexec(conn_, create_indexes(Dialect::kPostgres).c_str()), "cannot index the tables");
     exec("cannot commit", "COMMIT");
     created_ = false;
     in_transaction_ = false;
@@ -273,6 +343,7 @@ class PostgresTarget final : public Target {
 
   void abandon() override {
     for (Table& table : tables_) table.rows.clear();
+    buffered_ = 0;
     sender_.discard([this] { cancel(); });
     if (in_transaction_) PQclear(PQexec(conn_, "ROLLBACK"));
     in_transaction_ = false;
@@ -281,9 +352,30 @@ class PostgresTarget final : public Target {
 
  private:
   struct Table {
-    std::string copy;  // the COPY command
-    std::string rows;  // rows not yet sent
+    std::string copy;        // the COPY command
+    std::string rows;        // rows not yet sent
+    std::vector<int> sizes;  // per column of the record, the bytes of its integer type
   };
+
+  // The integer columns' sizes as the tables have them: those of an older exporter are bigint.
+  void read_sizes() {
+    Result r = exec("cannot read the tables' columns",
+                    "SELECT attrelid::regclass::text, attname, attlen FROM pg_attribute WHERE "
+                    "attrelid IN (SELECT oid FROM pg_class WHERE relname LIKE 'cdf\\_%' AND "
+                    "relnamespace = current_schema()::regnamespace) AND attnum > 0");
+    std::map<std::pair<std::string, std::string>, int> sizes;
+    for (int i = 0; i < PQntuples(r.get()); ++i) {
+      sizes[{r.text(i, 0), r.text(i, 1)}] = static_cast<int>(r.number(i, 2));
+    }
+    for_each_table([&](const RecordType& type) {
+      Table& table = tables_[static_cast<size_t>(type.type)];
+      table.sizes.clear();
+      for (const RecordColumn& column : type.columns) {
+        table.sizes.push_back(sizes[{table_name(type.type), column.name}]);
+      }
+    });
+    sizes_read_ = true;
+  }
 
   // Asks the server to stop the statement in hand.
   void cancel() {
@@ -293,21 +385,47 @@ class PostgresTarget final : public Target {
     PQfreeCancel(request);
   }
 
+  void connect() {
+    sizes_read_ = false;
+    const char* const keys[] = {"dbname", "fallback_application_name", "client_encoding", nullptr};
+    const char* const values[] = {conninfo_.c_str(), "ekadcdf-export", "UTF8", nullptr};
+    // A server that answers but refuses this connection (a password, a missing database) does
+    // so for good; one that does not answer, or is not ready, may later. One that was not ready
+    // and is by the time it is asked gets a second try.
+    PGPing ping = PQPING_NO_RESPONSE;
+    for (int attempt = 0; attempt < 2 && ping != PQPING_REJECT; ++attempt) {
+      PQfinish(conn_);
+      conn_ = PQconnectdbParams(keys, values, 1);
+      if (PQstatus(conn_) == CONNECTION_OK) break;
+      ping = PQpingParams(keys, values, 1);
+      if (ping != PQPING_OK) break;
+    }
+    if (PQstatus(conn_) != CONNECTION_OK) {
+      fail("cannot connect", ping == PQPING_OK ? Failure::kPermanent : Failure::kTransient);
+    }
+    PQsetNoticeProcessor(
+        conn_, [](void*, const char*) {}, nullptr);
+  }
+
   void send(Table& table) {
+    buffered_ -= std::min(buffered_, table.rows.size());
     put<int16_t>(table.rows, -1);  // the end of the rows
     sender_.send(table.copy, std::exchange(table.rows, {}));
   }
 
-  [[noreturn]] void fail(const std::string& what) {
+  [[noreturn]] void fail(const std::string& what, Failure failure) {
     std::string why = PQerrorMessage(conn_);
     while (!why.empty() && why.back() == '\n') why.pop_back();
-    throw ExportError("PostgreSQL: " + what + ": " + why);
+    throw ExportError("PostgreSQL: " + what + ": " + why, failure);
+  }
+  [[noreturn]] void fail(const std::string& what, const PGresult* result) {
+    fail(what, transient(conn_, result) ? Failure::kTransient : Failure::kPermanent);
   }
 
   Result check(PGresult* r, const std::string& what) {
     Result result(r);
     ExecStatusType status = PQresultStatus(r);
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) fail(what);
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) fail(what, r);
     return result;
   }
 
@@ -324,48 +442,57 @@ class PostgresTarget final : public Target {
   void copy(const std::string& command, const std::string& rows) {
     Result start(PQexec(conn_, command.c_str()));
     const std::string what = "cannot load " + command.substr(5, command.find(' ', 5) - 5);
-    if (PQresultStatus(start.get()) != PGRES_COPY_IN) fail(what);
+    if (PQresultStatus(start.get()) != PGRES_COPY_IN) fail(what, start.get());
     if (PQputCopyData(conn_, rows.data(), static_cast<int>(rows.size())) != 1 ||
         PQputCopyEnd(conn_, nullptr) != 1) {
-      fail(what);
+      fail(what, nullptr);
     }
-    bool failed = false;
+    std::unique_ptr<Result> failed;
     while (PGresult* r = PQgetResult(conn_)) {
-      failed |= PQresultStatus(r) != PGRES_COMMAND_OK;
-      PQclear(r);
+      if (PQresultStatus(r) != PGRES_COMMAND_OK && !failed) {
+        failed = std::make_unique<Result>(r);
+      } else {
+        PQclear(r);
+      }
     }
-    if (failed) fail(what);
+    if (failed) fail(what, failed->get());
   }
 
-  // The tables and the state table, when one of them is missing. Exporters that find them
-  // missing at the same time create them one after the other. The indexes follow at the end of
-  // the run, built at once from the rows loaded.
+  // The tables and the state table, when one of them is missing, and the columns an older
+  // exporter's tables lack. Exporters that find something missing at the same time make it one
+  // after the other. The indexes follow at the end of the run, built at once from the rows
+  // loaded.
   void create_missing() {
-    std::string missing = "SELECT to_regclass('" + std::string(kStateTable) + "') IS NULL";
-    std::string schema = "CREATE TABLE IF NOT EXISTS " + std::string(kStateTable) +
-                         " (source text NOT NULL, key_bytes bigint NOT NULL, key text NOT NULL,"
-                         " bytes bigint NOT NULL, lines bigint NOT NULL, host text,"
-                         " generation_date date, first_loaded bigint NOT NULL);\n";
-    for (const RecordType& type : record_catalogue()) {
-      if (type.type == kHeaderType) continue;
+    std::string missing = "SELECT to_regclass('" + std::string(kGenerationSequence) +
+                          "') IS NULL OR NOT EXISTS (SELECT 1 FROM information_schema.columns "
+                          "WHERE table_schema = current_schema() AND table_name = '" +
+                          std::string(kStateTable) + "' AND column_name = 'id')";
+    std::string upgrade = upgrade_state(Dialect::kPostgres);
+    for_each_table([&](const RecordType& type) {
       const std::string table = table_name(type.type);
       missing += " OR to_regclass('" + table + "') IS NULL";
-      schema += "CREATE TABLE IF NOT EXISTS " + table + " (";
-      for (const RecordColumn& column : type.columns) {
-        schema += column.name + (column.type == ValueType::kInteger ? " bigint, " : " text, ");
-      }
-      schema += "event_time timestamptz, host text, generation_date date, verbatim jsonb);\n";
-    }
-    if (exec("cannot look for the tables", missing).text(0, 0) != "t") return;
-    created_ = true;
+      upgrade += upgrade_table(Dialect::kPostgres, table);
+    });
+    size_t tables = 0;
+    for_each_table([&](const RecordType&) { ++tables; });
+    const std::string upgraded_tables =
+        " OR (SELECT count(*) FROM information_schema.columns WHERE table_schema = "
+        "current_schema() AND column_name = 'generation_id') < " +
+        std::to_string(tables);
+    if (exec("cannot look for the tables", missing + upgraded_tables).text(0, 0) != "t") return;
     exec("cannot lock the schema", "SELECT pg_advisory_xact_lock(hashtextextended($1, 0))",
          {std::string(kSchemaLock)});
-    check(PQexec(conn_, schema.c_str()), "cannot create the tables");
+    created_ = exec("cannot look for the tables", missing).text(0, 0) == "t";
+    check(PQexec(conn_, (create_tables(Dialect::kPostgres) + upgrade).c_str()),
+          "cannot create the tables");
   }
 
+  std::string conninfo_;
   PGconn* conn_ = nullptr;
   bool in_transaction_ = false;
-  bool created_ = false;  // this run created the tables
+  size_t buffered_ = 0;      // bytes of rows not yet sent, over all tables
+  bool sizes_read_ = false;  // since the connection was made
+  bool created_ = false;     // this run created the tables
   std::array<Table, kRecordTypeLimit> tables_;
   std::string scratch_;
   std::string verbatim_;

@@ -1,8 +1,13 @@
 // SQLite: one STRICT table per record type. Integer columns are of type ANY, which keeps a value
 // as it is bound: a plain integer is bound as an integer, anything else as its text, so " 34"
 // stays " 34" where an INTEGER column would have turned it into 34. A run is one transaction.
+//
+// The file is in write-ahead-log mode, set by the first statement on a new file (and on an old
+// one at its next run): readers go on reading the last commit while a run writes, and a run's
+// commit never waits for them. A lock held by another writer is a transient failure.
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -34,38 +39,54 @@ class SqliteTarget final : public Target {
     // One thread uses SQLite: no locks, and no memory statistics, which take one per allocation.
     sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-    if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-        SQLITE_OK) {
+    if (sqlite3_open_v2(file.c_str(), &db_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW,
+                        nullptr) != SQLITE_OK) {
       std::string why = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
       sqlite3_close(db_);
       throw ExportError("cannot open " + file + ": " + why);
     }
-    sqlite3_busy_timeout(db_, 60000);
-    exec("PRAGMA cache_size = -65536");
+    sqlite3_busy_timeout(db_, 5000);
+    exec("PRAGMA journal_mode = WAL");
+    exec("PRAGMA cache_size = -16384");
   }
   ~SqliteTarget() override { sqlite3_close_v2(db_); }
 
-  std::vector<Loaded> begin(const std::string&) override {
+  // Every run takes the database's write lock: runs never overlap, whatever they load.
+  std::vector<Loaded> begin(const std::vector<std::string>&) override {
     exec("BEGIN IMMEDIATE");
     in_transaction_ = true;
     if (!prepared_) prepare();
     std::vector<Loaded> loaded;
     Statement select(db_,
-                     "SELECT source, key_bytes, key, bytes, lines, host, generation_date, "
-                     "first_loaded FROM " +
-                         std::string(kStateTable));
+                     "SELECT " + std::string(kStateColumns) + " FROM " + std::string(kStateTable));
+    next_id_ = 1;
     while (step(select) == SQLITE_ROW) {
       sqlite3_stmt* s = select.get();
       auto text = [s](int i) {
         const unsigned char* t = sqlite3_column_text(s, i);
         return t == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(t));
       };
-      loaded.push_back(Loaded{text(0), sqlite3_column_int64(s, 1), text(2),
-                              sqlite3_column_int64(s, 3), sqlite3_column_int64(s, 4),
-                              sqlite3_column_type(s, 5) != SQLITE_NULL, text(5), text(6),
-                              sqlite3_column_int64(s, 7)});
+      loaded.push_back(Loaded{sqlite3_column_int64(s, 0), text(1), sqlite3_column_int64(s, 2),
+                              text(3), sqlite3_column_int64(s, 4), sqlite3_column_int64(s, 5),
+                              sqlite3_column_type(s, 6) != SQLITE_NULL, text(6), text(7),
+                              sqlite3_column_int64(s, 8)});
+      next_id_ = std::max(next_id_, loaded.back().id + 1);
     }
     return loaded;
+  }
+
+  int64_t new_id() override { return next_id_++; }
+
+  std::map<int64_t, Origins> origins() override {
+    std::map<int64_t, Origins> found;
+    Statement query(db_, origins_query());
+    while (step(query) == SQLITE_ROW) {
+      sqlite3_stmt* s = query.get();
+      found[sqlite3_column_int64(s, 0)] = Origins{
+          sqlite3_column_int64(s, 1), sqlite3_column_int64(s, 2), sqlite3_column_int64(s, 3)};
+    }
+    return found;
   }
 
   void write(const Row& row) override {
@@ -91,34 +112,35 @@ class SqliteTarget final : public Target {
     }
     bind_optional(s, ++i, row.host);
     bind_optional(s, ++i, row.date);
+    sqlite3_bind_int64(s, ++i, row.generation);
+    sqlite3_bind_int64(s, ++i, row.line);
     if (step(s) != SQLITE_DONE) fail("cannot insert into " + table_name(row.type->type));
     sqlite3_reset(s);
   }
 
   void commit(const LoadedChange& change) override {
-    Statement forget(db_, "DELETE FROM " + std::string(kStateTable) +
-                              " WHERE source = ?1 OR (source = ?2 AND key = ?3)");
-    sqlite3_bind_text(forget.get(), 1, change.source.data(), static_cast<int>(change.source.size()),
-                      SQLITE_STATIC);
-    run_with(forget, {});
-    for (const Loaded& t : change.taken) run_with(forget, {&t.source, &t.key});
-    Statement remember(db_, "INSERT INTO " + std::string(kStateTable) +
-                                " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
+    Statement forget(db_, "DELETE FROM " + std::string(kStateTable) + " WHERE id = ?1");
+    for (const Loaded& l : change.entries) forget_id(forget, l.id);
+    for (int64_t id : change.forgotten) forget_id(forget, id);
+    Statement remember(db_, "INSERT INTO " + std::string(kStateTable) + " (" +
+                                std::string(kStateColumns) +
+                                ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
     sqlite3_stmt* s = remember.get();
     for (const Loaded& l : change.entries) {
-      sqlite3_bind_text(s, 1, l.source.data(), static_cast<int>(l.source.size()), SQLITE_STATIC);
-      sqlite3_bind_int64(s, 2, l.key_bytes);
-      sqlite3_bind_text(s, 3, l.key.data(), static_cast<int>(l.key.size()), SQLITE_STATIC);
-      sqlite3_bind_int64(s, 4, l.bytes);
-      sqlite3_bind_int64(s, 5, l.lines);
-      bind_optional(s, 6, l.header ? &l.host : nullptr);
-      bind_optional(s, 7, l.date.empty() ? nullptr : &l.date);
-      sqlite3_bind_int64(s, 8, l.first_loaded);
+      sqlite3_bind_int64(s, 1, l.id);
+      sqlite3_bind_text(s, 2, l.source.data(), static_cast<int>(l.source.size()), SQLITE_STATIC);
+      sqlite3_bind_int64(s, 3, l.key_bytes);
+      sqlite3_bind_text(s, 4, l.key.data(), static_cast<int>(l.key.size()), SQLITE_STATIC);
+      sqlite3_bind_int64(s, 5, l.bytes);
+      sqlite3_bind_int64(s, 6, l.lines);
+      bind_optional(s, 7, l.header ? &l.host : nullptr);
+      bind_optional(s, 8, l.date.empty() ? nullptr : &l.date);
+      sqlite3_bind_int64(s, 9, l.first_loaded);
       if (step(s) != SQLITE_DONE) fail("cannot record what was loaded");
       sqlite3_reset(s);
     }
     // Last: an index made after a table's first load is built at once, not row by row.
-    exec(event_time_indexes());
+    exec(create_indexes(Dialect::kSqlite));
     exec("COMMIT");
     in_transaction_ = false;
   }
@@ -131,8 +153,17 @@ class SqliteTarget final : public Target {
   }
 
  private:
+  // Another writer's lock is waited out; anything else is for a person to fix.
   [[noreturn]] void fail(const std::string& what) {
-    throw ExportError(what + " in " + file_ + ": " + sqlite3_errmsg(db_));
+    const int code = sqlite3_extended_errcode(db_) & 0xff;
+    throw ExportError(
+        what + " in " + file_ + ": " + sqlite3_errmsg(db_),
+        code == SQLITE_BUSY || code == SQLITE_LOCKED ? Failure::kTransient : Failure::kPermanent);
+  }
+  void forget_id(const Statement& forget, int64_t id) {
+    sqlite3_bind_int64(forget.get(), 1, id);
+    step(forget);
+    sqlite3_reset(forget.get());
   }
   void exec(const std::string& sql) {
     if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) fail(sql);
@@ -143,13 +174,6 @@ class SqliteTarget final : public Target {
     if (result != SQLITE_ROW && result != SQLITE_DONE) fail("a statement failed");
     return result;
   }
-  // Runs `statement` with the texts bound from parameter 2 on.
-  void run_with(const Statement& statement, std::initializer_list<const std::string*> texts) {
-    int i = 2;
-    for (const std::string* t : texts) bind_optional(statement.get(), i++, t);
-    step(statement);
-    sqlite3_reset(statement.get());
-  }
   static void bind_optional(sqlite3_stmt* s, int i, const std::string* text) {
     if (text == nullptr) {
       sqlite3_bind_null(s, i);
@@ -158,41 +182,43 @@ class SqliteTarget final : public Target {
     }
   }
 
-  // Creates what is missing and prepares an insert per record type.
+  // Creates what is missing, brings an older exporter's tables up to date and prepares an
+  // insert per record type.
   void prepare() {
-    std::string schema = "CREATE TABLE IF NOT EXISTS " + std::string(kStateTable) +
-                         " (source TEXT NOT NULL, key_bytes INTEGER NOT NULL, key TEXT NOT NULL,"
-                         " bytes INTEGER NOT NULL, lines INTEGER NOT NULL, host TEXT,"
-                         " generation_date TEXT, first_loaded INTEGER NOT NULL) STRICT;\n";
-    std::vector<std::pair<int, std::string>> inserts;
-    for (const RecordType& type : record_catalogue()) {
-      if (type.type == kHeaderType) continue;
+    exec(create_tables(Dialect::kSqlite));
+    if (!has_column(std::string(kStateTable), "id")) exec(upgrade_state(Dialect::kSqlite));
+    for_each_table([&](const RecordType& type) {
       const std::string table = table_name(type.type);
-      std::string insert = "INSERT INTO " + table + " VALUES (";
-      schema += "CREATE TABLE IF NOT EXISTS " + table + " (";
+      if (!has_column(table, "generation_id")) exec(upgrade_table(Dialect::kSqlite, table));
+      std::string columns, values;
       for (const RecordColumn& column : type.columns) {
-        schema += column.name + (column.type == ValueType::kInteger ? " ANY, " : " TEXT, ");
-        insert += "?,";
+        columns += column.name + ", ";
+        values += "?,";
       }
       for (std::string_view extra : kExtraColumns) {
-        schema.append(extra).append(" TEXT, ");
-        insert += "?,";
+        columns.append(extra).append(", ");
+        values += "?,";
       }
-      schema.resize(schema.size() - 2);
-      insert.back() = ')';
-      schema += ") STRICT;\n";
-      inserts.emplace_back(type.type, std::move(insert));
-    }
-    exec(schema);
-    for (const auto& [type, insert] : inserts)
-      inserts_[static_cast<size_t>(type)] = Statement(db_, insert);
+      columns.resize(columns.size() - 2);
+      values.pop_back();
+      inserts_[static_cast<size_t>(type.type)] =
+          Statement(db_, "INSERT INTO " + table + " (" + columns + ") VALUES (" + values + ")");
+    });
     prepared_ = true;
+  }
+
+  bool has_column(const std::string& table, const char* column) {
+    Statement query(db_, "SELECT count(*) FROM pragma_table_info('" + table + "') WHERE name = '" +
+                             column + "'");
+    step(query);
+    return sqlite3_column_int64(query.get(), 0) > 0;
   }
 
   std::string file_;
   sqlite3* db_ = nullptr;
   bool in_transaction_ = false;
   bool prepared_ = false;
+  int64_t next_id_ = 1;
   std::array<Statement, kRecordTypeLimit> inserts_;
   std::array<std::string, 32> scratch_;  // one per column: every bound text stays until the insert
 };

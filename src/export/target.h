@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <stdexcept>
@@ -14,18 +15,33 @@
 #include <vector>
 
 #include "convert/catalogue.h"
+#include "export/schema.h"
 
 namespace adcdf::exporter {
 
-// A failure the exporter cannot handle; the run stops, the target unchanged.
-struct ExportError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+// Why a run failed. Nothing of a failed run is kept.
+enum class Failure {
+  kPermanent,    // for a person to fix: permissions, a full disk, a wrong schema or password
+  kTransient,    // what waiting cures: a database restarting or unreachable, a lock held
+  kInterrupted,  // stopped by a signal
+};
+
+// The one error the exporter throws.
+class ExportError : public std::runtime_error {
+ public:
+  explicit ExportError(const std::string& what, Failure failure = Failure::kPermanent)
+      : std::runtime_error(what), failure_(failure) {}
+  Failure failure() const { return failure_; }
+
+ private:
+  Failure failure_;
 };
 
 // What a target has loaded of one generation. A generation is known by the hash of its first
-// bytes, not by its name, which changes at every rotation.
+// bytes, not by its name, which changes at every rotation, nor by the path of its base.
 struct Loaded {
-  std::string source;     // the base it came from: "<host of the exporter>:<absolute base name>"
+  int64_t id = 0;         // its number in the target, fixed when first loaded; 0: none yet
+  std::string source;     // where it was last loaded from: "<host>:<absolute base name>"
   int64_t key_bytes = 0;  // how many of its first bytes the key covers
   std::string key;        // their hash, in hexadecimal
   int64_t bytes = 0;      // how many bytes of it are loaded (whole lines)
@@ -36,49 +52,53 @@ struct Loaded {
   int64_t first_loaded = 0;  // when it was first loaded, seconds since 1970
 };
 
-// What a run changes in the target's memory: the entries of its source replace all earlier
-// ones of that source, and the entries of other sources that it took over (a base that moved)
-// go.
+// What a run changes in the target's memory: entries written (replacing those with the same
+// id) and entries forgotten.
 struct LoadedChange {
-  std::string source;
   std::vector<Loaded> entries;
-  std::vector<Loaded> taken;
+  std::vector<int64_t> forgotten;
 };
 
-// One record: its type, its values (the bytes of the line, quotes removed) and what the header
-// record of its generation said.
+// One record: its type, its values (the bytes of the line, quotes removed), what the header
+// record of its generation said, and where it came from.
 struct Row {
   const RecordType* type;
   std::span<const std::string_view> values;
   bool plain;               // every value is ASCII without NUL bytes: no value needs mapping
   const std::string* host;  // null when the generation has no header record
   const std::string* date;
+  int64_t generation;  // Loaded::id
+  int64_t line;        // the line number in the generation, from 1
+};
+
+// The rows a target holds of one generation.
+struct Origins {
+  int64_t rows = 0;
+  int64_t lines = 0;     // distinct line numbers among them
+  int64_t line_sum = 0;  // the sum of their line numbers
+  bool operator==(const Origins&) const = default;
 };
 
 class Target {
  public:
   virtual ~Target() = default;
-  // Starts a run (for databases, a transaction) and returns what the target has loaded.
-  virtual std::vector<Loaded> begin(const std::string& source) = 0;
+  // Starts a run (for databases, a transaction) and returns what the target has loaded. Runs
+  // that share one of `locks` (content keys of generations) never overlap.
+  virtual std::vector<Loaded> begin(const std::vector<std::string>& locks) = 0;
+  // A number for a generation first loaded in this run, unique in the target.
+  virtual int64_t new_id() = 0;
   virtual void write(const Row& row) = 0;
   // Makes the run's rows and the change of what is loaded visible together.
   virtual void commit(const LoadedChange& change) = 0;
   // Discards what the run wrote.
   virtual void abandon() = 0;
+  // Between begin() and abandon(): per generation number, the rows the target holds.
+  virtual std::map<int64_t, Origins> origins() = 0;
 };
 
 std::unique_ptr<Target> csv_target(const std::string& directory);
 std::unique_ptr<Target> jsonl_target(const std::string& file);  // "-": standard output
 std::unique_ptr<Target> sqlite_target(const std::string& file);
 std::unique_ptr<Target> postgres_target(const std::string& conninfo);
-
-// The table (or CSV file name without ".csv") of a record type: "cdf_101".
-std::string table_name(int type);
-// The statements that index every table on its event time, where the index is missing.
-std::string event_time_indexes();
-// The columns every row has after the record's own.
-inline constexpr std::string_view kExtraColumns[] = {"event_time", "host", "generation_date"};
-// The state table of the databases.
-inline constexpr std::string_view kStateTable = "ekadcdf_export_state";
 
 }  // namespace adcdf::exporter

@@ -13,7 +13,11 @@ reference:
     that text;
   * with --exporter, the record catalogue that the daemon and ekadcdf-export share (printed by
     `ekadcdf-export --columns`) has the documented types, and per column the documented name,
-    bare or quoted, width ("up to N") and constant.
+    bare or quoted, width ("up to N") and constant;
+  * with --exporter, every query of "Loading the output" gives, on a base whose events span
+    several months and days, loaded into SQLite (and into PostgreSQL when EKADCDF_TEST_POSTGRES
+    names the directory of a running server, as the ctest fixture does), what the CDF files
+    themselves give: the SQLite block and the PostgreSQL block, query by query.
 
 The reference is read from its "### <type>[, <type>] <name> (<N> columns)" headings, each followed
 by a table whose rows name a column ("9") or a run of columns ("1-8"), its name, what it holds,
@@ -24,9 +28,11 @@ Exit status 0 when everything matches, 1 on a mismatch, 2 when the check could n
 """
 
 import argparse
+import collections
 import os
 import re
 import signal
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -126,11 +132,30 @@ def parse_doc(path):
     return types
 
 
-def run_daemon(binary, workdir, timeout):
+def queries_audit_text(now):
+    """Routings, deliveries and sign-ons every 1.6 days back from `now` over about three months:
+    a generation each (the daemon starts one per day)."""
+    lines = []
+    for i in range(60):
+        t = now - int((59 - i) * 1.6 * 86400 + 43200)
+        recipients = [f"recipient-to r{i % 3}/hq", "ack-req 1",
+                      "queue LOCAL" if i % 2 else "queue ekx400-gw"] * (1 + i % 2)
+        lines += ["routing", f"audit {t} pid=4711", f"originator o{i % 4}/hq",
+                  f"ua-message-id UA-{i}", f"message-size {i * 37 + 5}", f"subject s{i}",
+                  *recipients, "",
+                  "delivery", f"audit {t + 60} pid=4711", f"originator o{i % 4}/hq",
+                  f"ua-message-id D-{i}", "recipient-to x/hq", f"non-delivery-reason {i % 3}", "",
+                  "user-signon", f"audit {t + 120} pid=4711", f"user {i} Main Mail u{i % 3} v",
+                  f"client-type {i % 2}", ""]
+    return "\n".join(lines) + "\n"
+
+
+def run_daemon(binary, workdir, timeout, text, generations=6):
     with open(os.path.join(workdir, "audit"), "w", encoding="ascii") as f:
-        f.write(audit_text())
+        f.write(text)
     env = dict(os.environ, TZ="UTC", RUNTIME_DIRECTORY=workdir)
-    proc = subprocess.Popen([binary, "-a", "audit", "-b", "cdf", "-d"], cwd=workdir, env=env,
+    proc = subprocess.Popen([binary, "-a", "audit", "-b", "cdf", "-g", str(generations), "-d"],
+                            cwd=workdir, env=env,
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE)
     waiting = threading.Event()
@@ -249,6 +274,94 @@ def check_catalogue(exporter, types):
     return problems
 
 
+def expected_answers(types, records, now):
+    """What each documented query gives, computed from the CDF lines (values hold no comma)."""
+    rows = collections.defaultdict(list)
+    host = ""
+    for line in records:
+        values = [v[1:-1] if len(v) >= 2 and v[0] == v[-1] == '"' else v for v in line.split(",")]
+        rtype = int(values[0])
+        if rtype == 999:
+            host = values[8]
+            continue
+        names = [c[2] for c in types[rtype][2]]
+        rows[rtype].append(dict(zip(names, values), host=host))
+    day = lambda r: time.strftime("%Y-%m-%d", time.gmtime(int(r["epoch_seconds"])))
+    per_day, senders, reasons, signons = (collections.Counter() for _ in range(4))
+    recipients, sizes = collections.Counter(), collections.Counter()
+    for r in rows[101]:
+        per_day[(day(r), r["host"])] += 1
+        recipients[(day(r), r["host"])] += int(r["recipient_count"])
+        if int(r["epoch_seconds"]) >= now - 7 * 86400:
+            senders[r["originator"]] += 1
+            sizes[r["originator"]] += int(r["message_size"])
+    routed = {(r["host"], r["epoch_seconds"], r["ua_message_id"]): r for r in rows[101]}
+    joined = [(routed[k]["subject"], r["recipient"], r["queue"], r["local_queue"])
+              for r in rows[503]
+              for k in [(r["host"], r["epoch_seconds"], r["ua_message_id"])] if k in routed]
+    for r in rows[504]:
+        if r["non_delivery_reason"] != "0":
+            reasons[r["non_delivery_reason"]] += 1
+    for r in rows[103]:
+        signons[(r["user_name_1"], r["client_type"])] += 1
+    as_text = lambda answer: sorted(tuple(str(v) for v in row) for row in answer)
+    return [as_text([(*k, n, recipients[k]) for k, n in sorted(per_day.items())]),
+            as_text(sorted(((o, n, sizes[o]) for o, n in senders.items()),
+                           key=lambda row: -row[2])[:10]),
+            as_text(joined),
+            as_text(reasons.items()),
+            as_text([(*k, n) for k, n in signons.items()])]
+
+
+def documented_queries(doc):
+    """The SQLite and the PostgreSQL block of "Loading the output", as lists of statements."""
+    with open(doc, encoding="utf-8") as f:
+        text = f.read()
+    text = text[text.index("## Loading the output"):]
+    blocks = re.findall(r"```sql\n(.*?)```", text, re.S)
+    statements = lambda block: [s.strip() for s in block.split(";") if s.strip()]
+    return [statements(b) for b in blocks[:2]]
+
+
+def check_queries(exporter, doc, types, workdir, records, now):
+    problems = []
+    sqlite_block, postgres_block = documented_queries(doc)
+    expected = expected_answers(types, records, now)
+    if len(sqlite_block) != len(expected) or len(postgres_block) != len(expected):
+        return [f"expected {len(expected)} queries in each block, found {len(sqlite_block)} "
+                f"(SQLite) and {len(postgres_block)} (PostgreSQL)"]
+    base = os.path.join(workdir, "cdf")
+    subprocess.run([exporter, "--sqlite", base + ".sqlite", base], check=True,
+                   capture_output=True)
+    db = sqlite3.connect(base + ".sqlite")
+    answers = {"SQLite": [db.execute(q).fetchall() for q in sqlite_block]}
+    db.close()
+    server = os.environ.get("EKADCDF_TEST_POSTGRES")
+    if server:
+        psql = ["psql", "-X", "-q", "-A", "-t", "-F", "\t", "-v", "ON_ERROR_STOP=1"]
+        database = f"records_doc_{os.getpid()}"
+        subprocess.run(psql + [f"host={server} user=postgres dbname=postgres", "-c",
+                               f"CREATE DATABASE {database}"], check=True, capture_output=True)
+        conninfo = f"host={server} user=postgres dbname={database}"
+        subprocess.run([exporter, "--postgres", conninfo, base], check=True, capture_output=True)
+        answers["PostgreSQL"] = []
+        for q in postgres_block:
+            out = subprocess.run(psql + [conninfo, "-c", q], capture_output=True, text=True)
+            if out.returncode != 0:
+                problems.append(f"PostgreSQL: {q}: {out.stderr.strip()}")
+            answers["PostgreSQL"].append([line.split("\t") for line in out.stdout.splitlines()])
+    for target, results in answers.items():
+        for n, (got, want) in enumerate(zip(results, expected)):
+            got = sorted(tuple("" if v is None else str(v) for v in row) for row in got)
+            if got != want:
+                problems.append(f"{target}: query {n + 1} gives {got[:5]}..., the CDF files "
+                                f"{want[:5]}...")
+        if len(results[1]) == 0 or len(results[0]) < 30:
+            problems.append(f"{target}: the base does not reach the queries' cases: "
+                            f"{[len(r) for r in results]}")
+    return problems
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--binary", required=True, help="path of the ekadcdf binary")
@@ -261,15 +374,22 @@ def main():
     except (OSError, Mismatch) as e:
         print(f"records_doc: {e}", file=sys.stderr)
         return 1
+    now = int(time.time())
     try:
         with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
-            records = run_daemon(os.path.abspath(args.binary), workdir, args.timeout)
-    except (OSError, RuntimeError) as e:
-        print(f"records_doc: could not run the daemon: {e}", file=sys.stderr)
+            records = run_daemon(os.path.abspath(args.binary), workdir, args.timeout,
+                                 audit_text())
+        with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
+            history = run_daemon(os.path.abspath(args.binary), workdir, args.timeout,
+                                 queries_audit_text(now), generations=100)
+            problems = check(types, records)
+            if args.exporter and not problems:
+                problems = check_catalogue(args.exporter, types)
+            if args.exporter and not problems:
+                problems = check_queries(args.exporter, args.doc, types, workdir, history, now)
+    except (OSError, RuntimeError, subprocess.CalledProcessError) as e:
+        print(f"records_doc: could not run the daemon or the exporter: {e}", file=sys.stderr)
         return 2
-    problems = check(types, records)
-    if args.exporter and not problems:
-        problems = check_catalogue(args.exporter, types)
     if problems:
         print(f"records_doc: {args.doc} does not match the daemon's records or the catalogue:",
               file=sys.stderr)

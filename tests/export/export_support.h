@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -36,37 +37,62 @@ inline Rows pg_query(const std::string& conninfo, const std::string& sql) {
   return rows;
 }
 
-// A cluster in a temporary directory, run by an unprivileged account (nobody when the tests run
+// A cluster in a directory of its own, run by an unprivileged account (nobody when the tests run
 // as root, since the server refuses root) and reached through a Unix socket there only.
 class PostgresServer {
  public:
-  // The server, started on first use; null when PostgreSQL is not installed.
+  // The server the tests share: the one the ctest fixture started in the directory that
+  // EKADCDF_TEST_POSTGRES names, else one of this process's own; null when PostgreSQL is not
+  // installed.
   static PostgresServer* get() {
-    static std::unique_ptr<PostgresServer> server =
-        std::string(POSTGRES_BIN).empty() ? nullptr : std::make_unique<PostgresServer>();
+    static std::unique_ptr<PostgresServer> server = [] {
+      const char* shared = std::getenv("EKADCDF_TEST_POSTGRES");
+      ::setenv("PGDATESTYLE", "SQL, DMY", 1);  // sessions whose dates do not read as ISO ones
+      if (std::string(POSTGRES_BIN).empty()) return std::unique_ptr<PostgresServer>();
+      if (shared != nullptr) return std::make_unique<PostgresServer>(shared);
+      auto own = std::make_unique<PostgresServer>();
+      own->start();
+      return own;
+    }();
     return server.get();
   }
 
-  PostgresServer() : dir_(scratch_.path().string()) {
-    ::setenv("PGDATESTYLE", "SQL, DMY", 1);  // sessions whose dates do not read as ISO ones
-    as_owner_ = ::geteuid() == 0 ? "runuser -u nobody -- " : "";
+  // A server of its own in a scratch directory, stopped at the end; start() starts it.
+  PostgresServer() : scratch_(std::make_unique<adcdf::testing::TempDir>()) {
+    dir_ = scratch_->path().string();
+  }
+  // The server in `dir`, started and stopped by someone else.
+  explicit PostgresServer(std::string dir) : dir_(std::move(dir)) {}
+  ~PostgresServer() {
+    if (scratch_) stop("immediate");
+  }
+
+  // Makes a cluster in the directory (anew) and starts it.
+  void start() {
+    daemon_test::fs::create_directories(dir_);
     if (::geteuid() == 0 && ::chown(dir_.c_str(), 65534, 65534) != 0) ADD_FAILURE() << "chown";
-    const std::string bin = POSTGRES_BIN;
-    run(bin + "/initdb -D " + dir_ + "/data -U postgres --auth=trust -E UTF8 --no-locale -N");
-    run(bin + "/pg_ctl -D " + dir_ + "/data -l " + dir_ +
-        "/log -w start -o \"-c listen_addresses='' " + "-c unix_socket_directories=" + dir_ +
+    run(std::string(POSTGRES_BIN) + "/initdb -D " + dir_ + "/data -U postgres --auth=trust " +
+        "-E UTF8 --no-locale -N");
+    resume();
+  }
+  // Starts the cluster made by start() again.
+  void resume() {
+    run(std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir_ + "/data -l " + dir_ +
+        "/log -w start -o \"-c listen_addresses='' -c unix_socket_directories=" + dir_ +
         " -c fsync=off\"");
   }
-  ~PostgresServer() {
-    run(std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir_ + "/data -m immediate stop");
+  // Stops it: "fast" ends the sessions, "immediate" is a crash.
+  void stop(const std::string& mode) {
+    run(std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir_ + "/data -m " + mode + " -w stop");
   }
+  const std::string& dir() const { return dir_; }
 
   std::string conninfo(const std::string& database = "postgres") const {
     return "host=" + dir_ + " user=postgres dbname=" + database;
   }
-  // The conninfo of a new, empty database.
+  // The conninfo of a new, empty database, named apart from other processes' databases.
   std::string fresh() {
-    const std::string name = "db" + std::to_string(++databases_);
+    const std::string name = "db" + std::to_string(::getpid()) + "_" + std::to_string(++databases_);
     pg_query(conninfo(), "CREATE DATABASE " + name);
     return conninfo(name);
   }
@@ -76,9 +102,9 @@ class PostgresServer {
     ASSERT_EQ(std::system((as_owner_ + command + " >>" + dir_ + "/setup.log 2>&1").c_str()), 0)
         << command << ", see " << dir_ << "/setup.log";
   }
-  adcdf::testing::TempDir scratch_;
+  std::unique_ptr<adcdf::testing::TempDir> scratch_;
   std::string dir_;
-  std::string as_owner_;
+  std::string as_owner_ = ::geteuid() == 0 ? "runuser -u nobody -- " : "";
   int databases_ = 0;
 };
 
@@ -153,8 +179,12 @@ inline Rows parse_csv(const std::string& text) {
 
 enum class Kind { kCsv, kJsonl, kSqlite, kPostgres };
 
-// Every row of a target as cdf_line() of its values.
-inline std::multiset<std::string> read_back(Kind kind, const std::string& where) {
+// Where rows say they came from, (generation number, line number), and their lines.
+using Origins = std::multimap<std::pair<int64_t, int64_t>, std::string>;
+
+// Every row of a target as cdf_line() of its values; of JSON Lines, their origins too.
+inline std::multiset<std::string> read_back(Kind kind, const std::string& where,
+                                            Origins* origins = nullptr) {
   std::multiset<std::string> lines;
   const size_t extras = std::size(adcdf::exporter::kExtraColumns);
   sqlite3* db = nullptr;
@@ -176,7 +206,13 @@ inline std::multiset<std::string> read_back(Kind kind, const std::string& where)
       for (size_t i = 0; i < type.columns.size(); ++i) {
         expect_typed(type.columns[i], values[i], types[i] == "integer" ? "integer" : "text");
       }
-      lines.insert(cdf_line(type, values, values.at(values.size() - 2)));
+      lines.insert(cdf_line(type, values, values.at(type.columns.size() + 1)));
+      if (origins != nullptr) {
+        const size_t n = type.columns.size();
+        origins->emplace(
+            std::pair{std::stoll(values.at(n + 3)), std::stoll(values.at(n + 4))},
+            cdf_line(type, values, "").substr(0, cdf_line(type, values, "").size() - 1));
+      }
     }
     sqlite3_finalize(s);
   }

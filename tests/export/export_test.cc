@@ -2,7 +2,10 @@
 // values; a comma in a bare column that one split explains and one that several do; numbers
 // that are not plain integers; bytes that are not UTF-8; a rotation between two runs. Each
 // target is read back and must hold every record line once, byte for byte.
+#include <sys/stat.h>
+
 #include <atomic>
+#include <thread>
 
 #include "export/exporter.h"
 #include "export_support.h"
@@ -152,18 +155,92 @@ struct Target {
   const char* name;
   Kind kind;
   std::string where;
+  // Deletes one row and doubles another.
+  std::function<void(const std::string& where)> damage;
+  std::string option() const {
+    return std::string("--") + (kind == Kind::kPostgres ? "postgres" : name);
+  }
 };
 
+// Drops the line before the last and writes the last twice: rows of one generation, whose
+// count stays the same.
+void damage_file(const std::string& file) {
+  std::string text = read_file(file);
+  const size_t last = text.rfind('\n', text.size() - 2) + 1;
+  const size_t before = text.rfind('\n', last - 2) + 1;
+  daemon_test::write_file(file, text.substr(0, before) + text.substr(last) + text.substr(last));
+}
+
+void sqlite_exec(const std::string& file, const std::string& sql) {
+  sqlite3* db;
+  sqlite3_open(file.c_str(), &db);
+  sqlite3_busy_timeout(db, 10000);
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+}
+
+// The number a SQLite query gives; -1 when it cannot be asked (a table is missing).
+int64_t rows_of(const std::string& file, const std::string& sql) {
+  sqlite3* db;
+  sqlite3_stmt* s = nullptr;
+  sqlite3_open(file.c_str(), &db);
+  const int64_t n = sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK &&
+                            sqlite3_step(s) == SQLITE_ROW
+                        ? sqlite3_column_int64(s, 0)
+                        : -1;
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+  return n;
+}
+
 std::vector<Target> targets(const Sandbox& box) {
-  std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv")},
-                             {"jsonl", Kind::kJsonl, box.file("out.jsonl")},
-                             {"sqlite", Kind::kSqlite, box.file("out.db")}};
+  // The last row of the last generation in cdf_108 goes, another of it comes twice.
+  const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
+  const std::string damage =
+      "DELETE FROM cdf_108 WHERE generation_id = " + last +
+      " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
+      "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
+  std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv"),
+                              [](const std::string& dir) { damage_file(dir + "/cdf_108.csv"); }},
+                             {"jsonl", Kind::kJsonl, box.file("out.jsonl"),
+                              [](const std::string& file) { damage_file(file); }},
+                             {"sqlite", Kind::kSqlite, box.file("out.db"),
+                              [=](const std::string& file) { sqlite_exec(file, damage); }}};
   if (PostgresServer* pg = PostgresServer::get()) {
-    all.push_back({"postgres", Kind::kPostgres, pg->fresh()});
+    all.push_back({"postgres", Kind::kPostgres, pg->fresh(),
+                   [=](const std::string& db) { pg_query(db, damage); }});
   } else {
     ADD_FAILURE() << "PostgreSQL is not installed (scripts/install-deps.sh installs it)";
   }
   return all;
+}
+
+// Rows of one generation number all point into one generation file, each at the line that holds
+// its record, and no two numbers into the same file.
+void expect_origins(const Origins& origins, const Files& generations) {
+  std::set<std::string> used;
+  for (auto at = origins.begin(); at != origins.end();) {
+    const int64_t generation = at->first.first;
+    const auto end = origins.upper_bound({generation, INT64_MAX});
+    std::vector<std::string> matching;
+    for (const auto& [name, text] : generations) {
+      std::vector<std::string> file_lines(1);
+      std::istringstream in(text);
+      for (std::string line; std::getline(in, line);) file_lines.push_back(line);
+      if (std::all_of(at, end, [&](const auto& row) {
+            const auto n = static_cast<size_t>(row.first.second);
+            return n < file_lines.size() && file_lines[n] == row.second;
+          })) {
+        matching.push_back(name);
+      }
+    }
+    EXPECT_EQ(matching.size(), 1u) << "generation " << generation;
+    if (!matching.empty()) {
+      EXPECT_TRUE(used.insert(matching[0]).second) << matching[0];
+    }
+    at = end;
+  }
 }
 
 TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
@@ -182,7 +259,9 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
         EXPECT_EQ(run(t.kind, t.where, base, rejects).records, 0);
         daemon_test::write_file(base + ".000", current);
       }
-      EXPECT_EQ(read_back(t.kind, t.where), lines(phase));
+      Origins origins;
+      EXPECT_EQ(read_back(t.kind, t.where, &origins), lines(phase));
+      if (t.kind == Kind::kJsonl) expect_origins(origins, generations_[phase]);
       // Each rejected line once, as <generation>:<line number>:<bytes>.
       std::istringstream in(read_file(rejects));
       std::multiset<std::string> listed;
@@ -200,49 +279,38 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
       }
       EXPECT_EQ(listed, lines(phase, true));
     }
-  }
-}
-
-TEST_F(Export, DatabasesDeriveTheEventTimeFromColumnEight) {
-  Sandbox box;
-  const std::string base = place(1, box.file("base"));
-  run(Kind::kSqlite, box.file("out.db"), base);
-  sqlite3* db;
-  sqlite3_open(box.file("out.db").c_str(), &db);
-  sqlite3_stmt* s;
-  sqlite3_prepare_v2(db,
-                     "SELECT count(*), sum(event_time = datetime(epoch_seconds, 'unixepoch')) "
-                     "FROM cdf_108",
-                     -1, &s, nullptr);
-  ASSERT_EQ(sqlite3_step(s), SQLITE_ROW);
-  EXPECT_GT(sqlite3_column_int(s, 0), 0);
-  EXPECT_EQ(sqlite3_column_int(s, 0), sqlite3_column_int(s, 1));
-  sqlite3_finalize(s);
-  sqlite3_close(db);
-  if (PostgresServer* pg = PostgresServer::get()) {
-    // The second run resumes generations with the date the first one kept for them.
-    const std::string db2 = pg->fresh();
-    run(Kind::kPostgres, db2, place(0, box.file("pg")));
-    run(Kind::kPostgres, db2, place(1, box.file("pg")));
-    std::vector<std::string> header;
-    std::istringstream in(generations_[1].at("cdf.001"));
-    for (std::string value; header.size() < 4 && std::getline(in, value, ',');) {
-      header.push_back(value);
+    // The databases derive the event time from column 8; a resumed generation keeps its date.
+    const std::string wrong =
+        "SELECT count(*) FROM cdf_108 WHERE generation_date IS NULL OR event_time IS DISTINCT "
+        "FROM " +
+        std::string(t.kind == Kind::kSqlite ? "datetime(epoch_seconds, 'unixepoch')"
+                                            : "to_timestamp(epoch_seconds)");
+    if (t.kind == Kind::kSqlite) {
+      EXPECT_EQ(rows_of(t.where, wrong), 0);
+    } else if (t.kind == Kind::kPostgres) {
+      EXPECT_EQ(pg_query(t.where, wrong), Rows{{"0"}});
     }
-    char date[32];
-    std::snprintf(date, sizeof date, "%04d-%02d-%02d", std::stoi(header[1]) + 1900,
-                  std::stoi(header[2]), std::stoi(header[3]));
-    EXPECT_EQ(pg_query(db2, std::string("SELECT count(*) FROM cdf_108 WHERE event_time IS "
-                                        "DISTINCT FROM to_timestamp(epoch_seconds) OR "
-                                        "generation_date IS DISTINCT FROM '") +
-                                date + "'"),
-              Rows{{"0"}});
+    // --verify: every generation agrees; then a row deleted and another doubled.
+    Env env;
+    env.binary = EKADCDF_EXPORT_BINARY;
+    const std::string base = box.file("base/cdf");
+    for (int damaged = 0; damaged < 2; ++damaged) {
+      if (damaged == 1) {
+        t.damage(t.where);
+      }
+      Daemon verify(box, {"--verify", t.option(), t.where, base}, env);
+      EXPECT_EQ(verify.wait_exit(), damaged) << verify.out() << verify.err();
+      EXPECT_NE(verify.out().find(damaged ? "DIFFERENT" : ", 0 differ"), std::string::npos)
+          << verify.out();
+    }
   }
 }
 
 // A run killed while it writes leaves the target as it was; the next run loads everything once.
-// Each target is caught in the middle: SQLite at its commit, held back by a reader; PostgreSQL
-// waiting for a table another session has locked; CSV with its copies half written.
+// Each target is caught in the middle: PostgreSQL with every row sent, waiting to record them in
+// its state table, which another session has locked (rows and state committed apart would leave
+// the rows); SQLite writing its log, with a reader querying every 100 ms throughout (none may
+// fail), and refusing a run whose state cannot be recorded; CSV with its side files half written.
 TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
   Sandbox box;
   const std::string small = place(0, box.file("small"));
@@ -253,24 +321,47 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
   fs::create_directories(box.file("big"));
   daemon_test::write_file(box.file("big/cdf.000"), big);
   const size_t big_records = 400 * lines(1).size();
+  Env env;
+  env.binary = EKADCDF_EXPORT_BINARY;
 
   for (const Target& t : targets(box)) {
     if (t.kind == Kind::kJsonl) continue;  // its files are committed as CSV's are
     SCOPED_TRACE(t.name);
     run(t.kind, t.where, small);
     const std::multiset<std::string> before = read_back(t.kind, t.where);
+    const std::vector<std::string> args = {t.option(), t.where, box.file("big/cdf")};
     std::function<bool()> midway;
     std::function<void()> release = [] {};
-    sqlite3* reader = nullptr;
     std::unique_ptr<PGconn, void (*)(PGconn*)> locker(nullptr, PQfinish);
+    std::atomic<bool> reading = false;
+    std::atomic<int> refused = 0;
+    std::thread reader;
     if (t.kind == Kind::kSqlite) {
-      sqlite3_open(t.where.c_str(), &reader);
-      sqlite3_exec(reader, "BEGIN; SELECT count(*) FROM cdf_101", nullptr, nullptr, nullptr);
-      midway = [&] { return fs::exists(t.where + "-journal"); };
-      release = [&] { sqlite3_close(reader); };
+      sqlite_exec(t.where,
+                  "CREATE TRIGGER planted BEFORE INSERT ON ekadcdf_export_state "
+                  "BEGIN SELECT RAISE(ABORT, 'planted'); END");
+      Daemon failing(box, args, env);
+      EXPECT_EQ(failing.wait_exit(120), 1) << failing.err();
+      EXPECT_EQ(read_back(t.kind, t.where), before) << "rows kept without their state";
+      sqlite_exec(t.where, "DROP TRIGGER planted");
+      reading = true;
+      reader = std::thread([&] {
+        sqlite3* db;
+        sqlite3_open_v2(t.where.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+        sqlite3_busy_timeout(db, 1000);
+        for (; reading; std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+          refused += sqlite3_exec(db, "SELECT count(*) FROM cdf_101", nullptr, nullptr, nullptr);
+        }
+        sqlite3_close(db);
+      });
+      midway = [&] {
+        std::error_code error;
+        const auto size = fs::file_size(t.where + "-wal", error);
+        return !error && size > (1u << 20);
+      };
     } else if (t.kind == Kind::kPostgres) {
       locker.reset(PQconnectdb(t.where.c_str()));
-      PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE cdf_504 IN SHARE MODE"));
+      PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
       midway = [&] {
         return pg_query(t.where, "SELECT count(*) FROM pg_locks WHERE NOT granted") != Rows{{"0"}};
       };
@@ -283,57 +374,45 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
         return false;
       };
     }
-    const std::string option = t.kind == Kind::kCsv      ? "--csv"
-                               : t.kind == Kind::kSqlite ? "--sqlite"
-                                                         : "--postgres";
-    Env env;
-    env.binary = EKADCDF_EXPORT_BINARY;
     {
-      Daemon exporter(box, {option, t.where, box.file("big/cdf")}, env);
-      ASSERT_TRUE(eventually(midway, 60, 0.0002));
+      Daemon exporter(box, args, env);
+      EXPECT_TRUE(eventually(midway, 60, 0.0002));
       exporter.signal(SIGKILL);
       EXPECT_EQ(exporter.wait_exit(), 128 + SIGKILL) << "the run ended before it was killed";
     }
     release();
     EXPECT_EQ(read_back(t.kind, t.where), before);
-    Daemon again(box, {option, t.where, box.file("big/cdf")}, env);
+    Daemon again(box, args, env);
     EXPECT_EQ(again.wait_exit(120), 0) << again.err();
     EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
-    EXPECT_FALSE(midway()) << "what the killed run left is cleared";
+    if (t.kind == Kind::kCsv) {
+      EXPECT_FALSE(midway()) << "what the killed run left is cleared";
+    }
+    reading = false;
+    if (reader.joinable()) reader.join();
+    EXPECT_EQ(refused, 0) << "queries refused while loading";
   }
 }
 
 // How many rows the tables of a SQLite file hold; -1 while it cannot tell.
 int64_t rows(const std::string& file) {
-  sqlite3* db;
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    return -1;
-  }
-  int64_t total = 0;
-  for (const adcdf::RecordType& type : adcdf::record_catalogue()) {
-    if (type.type == adcdf::kHeaderType) continue;
-    sqlite3_stmt* s = nullptr;
-    const std::string count = "SELECT count(*) FROM " + adcdf::exporter::table_name(type.type);
-    if (sqlite3_prepare_v2(db, count.c_str(), -1, &s, nullptr) != SQLITE_OK ||
-        sqlite3_step(s) != SQLITE_ROW) {
-      total = -1;
-    } else if (total >= 0) {
-      total += sqlite3_column_int64(s, 0);
-    }
-    sqlite3_finalize(s);
-  }
-  sqlite3_close(db);
-  return total;
+  std::string sum = "SELECT 0";
+  adcdf::exporter::for_each_table([&](const adcdf::RecordType& type) {
+    sum += " + (SELECT count(*) FROM " + adcdf::exporter::table_name(type.type) + ")";
+  });
+  return rows_of(file, sum);
 }
 
+// Under --follow, a base with no generation yet is said once and waited for; each run that loads
+// something says so in a line (no terminal here), nothing while idle.
 TEST_F(Export, FollowLoadsWhatTheDaemonWritesUntilStopped) {
   Sandbox box;
-  box.write("audit", kAudit[0]);
-  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
   Env env;
   env.binary = EKADCDF_EXPORT_BINARY;
   Daemon exporter(box, {"--follow", "--sqlite", "out.db", "cdf"}, env);
+  ASSERT_TRUE(exporter.wait_err("no generation")) << exporter.err();
+  box.write("audit", kAudit[0]);
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
   for (int phase = 0; phase < 2; ++phase) {
     if (phase == 1) box.append("audit", kAudit[1].substr(kAudit[0].size()));
     const auto expected = static_cast<int64_t>(lines(phase).size());
@@ -343,6 +422,106 @@ TEST_F(Export, FollowLoadsWhatTheDaemonWritesUntilStopped) {
   }
   EXPECT_EQ(exporter.stop(), 0) << exporter.err();
   EXPECT_EQ(daemon.stop(), 0);
+  const std::string said = exporter.err();
+  EXPECT_EQ(daemon_test::count_of(said, "no generation"), 1u) << said;
+  EXPECT_GE(daemon_test::count_of(said, "ekadcdf-export: loaded "), 2u) << said;
+}
+
+// The state's count of bytes loaded, "" while the database cannot be asked.
+std::string bytes_loaded(const std::string& conninfo) {
+  PGconn* conn = PQconnectdb(conninfo.c_str());
+  PGresult* r = PQexec(conn, "SELECT sum(bytes) FROM ekadcdf_export_state");
+  std::string sum = PQresultStatus(r) == PGRES_TUPLES_OK ? PQgetvalue(r, 0, 0) : "";
+  PQclear(r);
+  PQfinish(conn);
+  return sum;
+}
+
+// Under --follow, a PostgreSQL server that restarts, or is away for 5 s, is waited for: the
+// exporter stays up, says when it fails and when it works again, and the target ends exact.
+TEST_F(Export, FollowWaitsOutADatabaseRestartAndOutage) {
+  ASSERT_NE(PostgresServer::get(), nullptr);
+  Sandbox box;
+  PostgresServer server;  // of its own: it goes away
+  server.start();
+  const std::string db = server.fresh();
+  const std::string base = place(0, box.file("base"));
+  auto size = [](int phase) {
+    size_t total = 0;
+    for (const auto& [name, text] : generations_[phase]) total += text.size();
+    return std::to_string(total);
+  };
+  Env env;
+  env.binary = EKADCDF_EXPORT_BINARY;
+  Daemon exporter(box, {"--follow", "--postgres", db, base}, env);
+  EXPECT_TRUE(eventually([&] { return bytes_loaded(db) == size(0); }, 30));
+  server.stop("fast");
+  server.resume();
+  EXPECT_TRUE(exporter.wait_err("works again", 1, 30)) << exporter.err();
+  server.stop("fast");
+  place(1, box.file("base"));
+  EXPECT_TRUE(exporter.wait_err("trying again", 2, 30)) << exporter.err();
+  std::this_thread::sleep_for(std::chrono::seconds(5));  // the outage itself
+  server.resume();
+  EXPECT_TRUE(eventually([&] { return bytes_loaded(db) == size(1); }, 30)) << exporter.err();
+  EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
+  EXPECT_TRUE(exporter.wait_err("works again", 2)) << exporter.err();
+  EXPECT_EQ(exporter.stop(), 0) << exporter.err();
+}
+
+// The same generations under three paths (a directory, a link to it, a copy as on another host),
+// exported into one database by three exporters at once, are loaded once: they wait for each
+// other on the generations' content, not on a path. All are held before their commit until all
+// have started.
+TEST_F(Export, OneBaseUnderThreePathsIsLoadedOnce) {
+  PostgresServer* pg = PostgresServer::get();
+  ASSERT_NE(pg, nullptr);
+  Sandbox box;
+  const std::string db = pg->fresh();
+  run(Kind::kPostgres, db, place(0, box.file("base")));
+  place(1, box.file("base"));
+  place(1, box.file("copy"));
+  fs::create_directory_symlink(box.file("base"), box.file("alias"));
+  std::unique_ptr<PGconn, void (*)(PGconn*)> locker(PQconnectdb(db.c_str()), PQfinish);
+  PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
+  Env env;
+  env.binary = EKADCDF_EXPORT_BINARY;
+  std::vector<std::unique_ptr<Daemon>> exporters;
+  for (const char* path : {"base/cdf", "alias/cdf", "copy/cdf"}) {
+    exporters.push_back(std::make_unique<Daemon>(
+        box, std::vector<std::string>{"--postgres", db, box.file(path)}, env));
+  }
+  EXPECT_TRUE(eventually([&] {
+    return pg_query(db, "SELECT count(*) FROM pg_locks WHERE NOT granted") == Rows{{"3"}};
+  }));
+  locker.reset();
+  for (auto& exporter : exporters) EXPECT_EQ(exporter->wait_exit(), 0) << exporter->err();
+  EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
+}
+
+// Rejected lines are kept before the run that leaves them behind commits: a rejects file that
+// cannot grow (past a file size limit here) fails the run with the target unchanged, and the next
+// run writes them and loads.
+TEST_F(Export, ARejectsFileThatCannotGrowLeavesTheTargetUnchanged) {
+  Sandbox box;
+  const std::string base = place(0, box.file("base"));
+  const std::string rejects = box.file("rejects"), db = box.file("out.db");
+  daemon_test::write_file(rejects, std::string(1 << 20, '#') + "\n");
+  Env env;
+  env.binary = "/usr/bin/prlimit";
+  Daemon limited(box,
+                 {"--fsize=" + std::to_string((1 << 20) + 100), EKADCDF_EXPORT_BINARY, "--sqlite",
+                  db, "--rejects", rejects, base},
+                 env);
+  EXPECT_NE(limited.wait_exit(), 0);
+  EXPECT_LE(rows(db), 0) << "rows committed without their rejected lines";
+  env.binary = EKADCDF_EXPORT_BINARY;
+  Daemon again(box, {"--sqlite", db, "--rejects", rejects, base}, env);
+  EXPECT_EQ(again.wait_exit(), 0) << again.err();
+  EXPECT_EQ(rows(db), static_cast<int64_t>(lines(0).size()));
+  const std::string listed = read_file(rejects);
+  EXPECT_EQ(static_cast<size_t>(std::count(listed.begin(), listed.end(), '\n')),
+            1 + lines(0, true).size());
 }
 
 struct CommandLine {
@@ -354,6 +533,16 @@ struct CommandLine {
 TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   Sandbox box;
   const std::string base = place(0, box.file("base"));
+  fs::create_directories(box.file("fifo"));
+  ASSERT_EQ(::mkfifo(box.file("fifo/cdf.000").c_str(), 0600), 0);
+  // A line longer than any record between the records of a generation.
+  const std::string& generation = generations_[0].begin()->second;
+  const size_t second_line = generation.find('\n') + 1;
+  const std::string long_line(3 << 20, 'x');
+  const std::string long_base = place(0, box.file("long"));
+  daemon_test::write_file(
+      box.file("long/" + generations_[0].begin()->first),
+      generation.substr(0, second_line) + long_line + "\n" + generation.substr(second_line));
   const CommandLine cases[] = {
       {{"--help"}, 0, "Usage: ekadcdf-export"},
       {{"--version"}, 0, "ekadcdf-export "},
@@ -368,6 +557,13 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
       {{"--postgres", "host=/nonexistent", base}, 1, "PostgreSQL: cannot connect"},
       {{"--csv", "/proc/no", base}, 1, "cannot create the directory /proc/no"},
       {{"--rejects", "/proc/no", base}, 1, "cannot open /proc/no"},
+      {{"--sqlite", box.file("x.db"), box.file("fifo/cdf")}, 1, "cdf.000 is not a regular file"},
+      {{"--follow", box.file("fifo/cdf")}, 1, "cdf.000 is not a regular file"},
+      {{"--verify", "--jsonl", "-", base}, 1, "standard output keeps nothing to verify"},
+      {{"--follow", "--verify", base}, 2, "choose --follow or --verify"},
+      {{"--jsonl", box.file("long.jsonl"), "--rejects", box.file("long.rejects"), long_base},
+       0,
+       "lines rejected"},
       {{base}, 0, "into " + base + ".sqlite"},
   };
   Env env;
@@ -378,6 +574,10 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
     EXPECT_NE((exporter.out() + exporter.err()).find(c.message), std::string::npos)
         << exporter.out() << exporter.err();
   }
+  // The long line is rejected whole, with its line number; the records after it are loaded.
+  const std::string listed = read_file(box.file("long.rejects"));
+  EXPECT_NE(listed.find(":2:" + long_line + "\n"), std::string::npos);
+  EXPECT_EQ(read_back(Kind::kJsonl, box.file("long.jsonl")), lines(0));
   // JSON Lines to standard output: every record, nothing remembered.
   for (int i = 0; i < 2; ++i) {
     Daemon exporter(box, {"--jsonl", "-", base}, env);
@@ -385,6 +585,29 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
     std::string out = exporter.out();
     EXPECT_EQ(static_cast<size_t>(std::count(out.begin(), out.end(), '\n')), lines(0).size());
   }
+}
+
+}  // namespace
+}  // namespace export_test
+
+namespace export_test {
+namespace {
+
+// The ctest fixture that starts and stops the server the exporter's tests share, in the
+// directory EKADCDF_TEST_POSTGRES names (CMakeLists.txt registers them).
+TEST(PostgresFixture, DISABLED_Start) {
+  const std::string dir = std::getenv("EKADCDF_TEST_POSTGRES");
+  std::system((std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir + "/data -m immediate stop " +
+               ">/dev/null 2>&1")
+                  .c_str());  // one a killed run left behind
+  fs::remove_all(dir);
+  PostgresServer(dir).start();
+}
+
+TEST(PostgresFixture, DISABLED_Stop) {
+  const std::string dir = std::getenv("EKADCDF_TEST_POSTGRES");
+  PostgresServer(dir).stop("immediate");
+  fs::remove_all(dir);
 }
 
 }  // namespace
