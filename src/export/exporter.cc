@@ -23,7 +23,6 @@
 namespace adcdf::exporter {
 namespace {
 
-constexpr size_t kKeyBytes = 4096;      // the most bytes a generation's key covers
 constexpr size_t kBlock = 1 << 20;      // bytes read at once; no record is this long
 constexpr size_t kRejectsAt = 1 << 16;  // bytes of rejected lines gathered before a write
 constexpr size_t kKeptGone = 1000;      // entries of generations no longer there that are kept
@@ -35,7 +34,7 @@ std::string error_text(const std::string& what) {
 struct GenerationFile {
   File file;
   int64_t size;
-  std::string head;  // its first bytes, up to kKeyBytes
+  std::string head;  // its first bytes, up to kFingerprintBytes
 };
 
 std::pair<std::string, std::string> split_base(const std::string& base) {
@@ -94,7 +93,7 @@ std::vector<GenerationFile> scan(const std::string& base) {
     File file;
     struct stat st {};
     if (!open_generation(path, file, st) || !seen.insert({st.st_dev, st.st_ino}).second) continue;
-    std::string head(std::min<size_t>(kKeyBytes, static_cast<size_t>(st.st_size)), '\0');
+    std::string head(std::min<size_t>(kFingerprintBytes, static_cast<size_t>(st.st_size)), '\0');
     head.resize(file.read_at(head.data(), head.size(), 0));
     const int64_t size = std::max<int64_t>(st.st_size, static_cast<int64_t>(head.size()));
     files.push_back(GenerationFile{std::move(file), size, std::move(head)});
