@@ -114,21 +114,15 @@ void append_newer(std::vector<Candidate>& files, const Candidate& after, std::st
   }
 }
 
-// The rotated file holding the first `offset` bytes whose beginning was `head`: the one with
-// identity `id` if it matches, else the first that does.
+// The rotated file that begins with the first `offset` bytes of `head`: the copy of a file read
+// that far.
 std::vector<Candidate>::iterator find_copy(std::vector<Candidate>& files, long long offset,
-                                           std::string_view head, const FileId* id) {
+                                           std::string_view head) {
   const size_t n = static_cast<size_t>(std::min<long long>(offset, kFingerprintBytes));
-  auto matches = [&](Candidate& c) {
+  return std::find_if(files.begin(), files.end(), [&](const Candidate& c) {
     return c.source && c.head.size() >= std::min(n, head.size()) &&
            std::string_view(c.head).substr(0, n) == head.substr(0, n);
-  };
-  if (id != nullptr) {
-    for (auto it = files.begin(); it != files.end(); ++it) {
-      if (it->id == *id && matches(*it)) return it;
-    }
-  }
-  return std::find_if(files.begin(), files.end(), matches);
+  });
 }
 
 }  // namespace
@@ -152,7 +146,7 @@ Look AuditFiles::look(ByteSource& held, long long offset, std::string_view head)
     // Copied and truncated (logrotate's copytruncate): the copy holds what was not read yet.
     result.truncated = true;
     std::vector<Candidate> files = rotated_files(name_);
-    auto copy = find_copy(files, offset, head, nullptr);
+    auto copy = find_copy(files, offset, head);
     if (copy == files.end()) {
       result.plan.push_back({NextRead::kLost, nullptr, 0, -1});
     } else {
@@ -198,25 +192,25 @@ Look AuditFiles::look(ByteSource& held, long long offset, std::string_view head)
 
 std::optional<Resume> AuditFiles::resume(ByteSource& at_name, long long offset,
                                          const Fingerprint& head, const FileId& id) {
-  auto matches = [&](ByteSource& source) {
-    std::string h = head_of(source);
-    return h.size() >= head.length &&
-           fingerprint_of(std::string_view(h).substr(0, head.length)) == head &&
+  auto holds_position = [&](std::string_view first, ByteSource& source) {
+    return first.size() >= head.length && fingerprint_of(first.substr(0, head.length)) == head &&
            source.size() >= offset;
   };
-  const bool name_matches = at_name.regular() && matches(at_name);
+  const bool name_matches = holds_position(head_of(at_name), at_name);
   if (name_matches && at_name.id() == id) return Resume{};
-  if (!at_name.regular()) return name_matches ? std::optional(Resume{}) : std::nullopt;
 
+  // Renamed away (found by its identity first), else any file that holds the position.
   std::vector<Candidate> files = rotated_files(name_);
-  auto by_id = std::find_if(files.begin(), files.end(), [&](Candidate& c) {
-    return c.id == id && c.source && matches(*c.source);
+  auto found = std::find_if(files.begin(), files.end(), [&](Candidate& c) {
+    return c.id == id && c.source && holds_position(c.head, *c.source);
   });
-  if (by_id != files.end()) return Resume{std::move(by_id->source), false};
-  if (name_matches) return Resume{};
-  for (Candidate& c : files) {
-    if (c.source && matches(*c.source)) return Resume{std::move(c.source), false};
+  if (found == files.end()) {
+    if (name_matches) return Resume{};
+    found = std::find_if(files.begin(), files.end(), [&](Candidate& c) {
+      return c.source && holds_position(c.head, *c.source);
+    });
   }
+  if (found != files.end()) return Resume{std::move(found->source), false};
   // The same file with other first bytes, and no copy of it: truncated while the daemon was
   // down, and what it held beyond the position is gone.
   if (at_name.id() == id) return Resume{nullptr, true};

@@ -187,7 +187,9 @@ const std::string kUnknownAt17 = "Unknown audit file section: line 17\nbogus\n\n
 void rename_away(Sandbox& box, const std::string& to = "audit.1") {
   fs::rename(box.file("audit"), box.file(to));
 }
+// A late section, then logrotate's copytruncate.
 void copy_and_truncate(Sandbox& box) {
+  box.append("audit", kLate);
   box.write("audit.1", box.read("audit"));
   fs::resize_file(box.file("audit"), 0);
 }
@@ -259,17 +261,13 @@ const Rotation kRotations[] = {
     // copytruncate: the copy holds what was written while the daemon slept.
     {"CopiedAndTruncatedAfterALateSection",
      true,
-     [](Sandbox& box, auto&) {
-       box.append("audit", kLate);
-       copy_and_truncate(box);
-     },
+     [](Sandbox& box, auto&) { copy_and_truncate(box); },
      {"cy", "di"},
      kUnknownAt17,
      "Reading rotated audit file audit.1\n"},
     {"CopiedAndTruncatedWhileStopped",
      false,
      [](Sandbox& box, auto&) {
-       box.append("audit", kLate);
        copy_and_truncate(box);
        run_shell("gzip " + box.file("audit.1"));
      },
