@@ -2,7 +2,8 @@
 """The metrics files, read back the way Prometheus gets them: the daemon follows an audit file
 with --metrics, the exporter loads its base with --metrics, `promtool check metrics` accepts both
 files, and Debian's prometheus-node-exporter (textfile collector only, on 127.0.0.1 at a free
-port) serves their figures unchanged from /metrics. Also checks the README's alert rules with
+port) serves their figures unchanged from /metrics, reading them as the package lays them out:
+through links in its textfile directory, which the atomic replacements must leave valid. Also checks the README's alert rules with
 `promtool check rules`."""
 import argparse, os, re, shutil, signal, socket, subprocess, sys, tempfile, time, urllib.request
 
@@ -36,10 +37,13 @@ def samples(text):
 
 
 work = tempfile.mkdtemp()
-prom = os.path.join(work, "textfile")
+prom, state = os.path.join(work, "textfile"), os.path.join(work, "metrics")
 os.mkdir(prom)
+os.mkdir(state)
 audit, base = os.path.join(work, "audit"), os.path.join(work, "cdf")
-daemon_prom, export_prom = os.path.join(prom, "ekadcdf.prom"), os.path.join(prom, "export.prom")
+daemon_prom, export_prom = os.path.join(state, "ekadcdf.prom"), os.path.join(state, "export.prom")
+for f in (daemon_prom, export_prom):
+    os.symlink(f, os.path.join(prom, os.path.basename(f)))
 node = daemon = None
 try:
     # The sample with --once: the file written at the stop holds its figures.
@@ -71,7 +75,7 @@ try:
     for key, value in expect.items():
         check(figures.get(key) == value, f"{key} is {figures.get(key)}, not {value}")
     check(os.stat(daemon_prom).st_mode & 0o777 == 0o644, "the metrics file is 0644")
-    check(sorted(os.listdir(prom)) == ["ekadcdf.prom"], "no temporary file is left")
+    check(sorted(os.listdir(state)) == ["ekadcdf.prom"], "no temporary file is left")
 
     subprocess.run([args.exporter, "--sqlite", os.path.join(work, "db"), "--metrics", export_prom,
                     base], check=True, stderr=subprocess.DEVNULL)
