@@ -2,8 +2,10 @@
 # Builds the Debian package from a clean copy of the tree (no build directories), checks it with
 # lintian (any error or warning fails), installs it on this machine with apt-get, checks what it
 # installed (files, the account, the conffile, ekadcdf --version, systemd-analyze verify and an
-# exposure of at most 2.5 per unit), purges it and checks that nothing is left but the account,
-# which Debian keeps by design. As root, on Debian 12.
+# exposure of at most 2.5 per unit, the metrics links in the node exporter's textfile directory
+# and their return through the file trigger when prometheus-node-exporter is installed again),
+# purges it and checks that nothing is left but the account, which Debian keeps by design. As
+# root, on Debian 12, with prometheus-node-exporter installed.
 # Usage: scripts/check-package.sh [--nocheck]   (--nocheck: the tests already ran in this CI run)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -52,6 +54,35 @@ for unit in ekadcdf.service ekadcdf@mail1.service ekadcdf-export.service \
   awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.5) }' || fail "$unit: exposure $exposure"
 done
 
+# The metrics links: there after the installation, read by the node exporter's account through
+# them after the daemon replaced its file, made again by the trigger when the node exporter is
+# installed (again) after ekadcdf.
+textfile=/var/lib/prometheus/node-exporter
+[ -d "$textfile" ] || fail "$textfile is missing: install prometheus-node-exporter"
+check_links() {
+  for name in ekadcdf.prom ekadcdf-export.prom; do
+    [ "$(readlink "$textfile/$name")" = "/var/lib/ekadcdf/metrics/$name" ] ||
+      fail "$textfile/$name is no link to /var/lib/ekadcdf/metrics/$name ($1)"
+  done
+}
+check_links "after the installation"
+chmod 0755 "$work"
+install -d -o ekadcdf -g ekadcdf "$work/out"
+install -m 0644 "$src/examples/sample.audit" "$work/sample.audit"
+runuser -u ekadcdf -- ekadcdf -a "$work/sample.audit" -b "$work/out/cdf" --once \
+  --metrics /var/lib/ekadcdf/metrics/ekadcdf.prom >/dev/null
+runuser -u prometheus -- grep -q '^ekadcdf_records_written_total{.*} 15$' "$textfile/ekadcdf.prom" ||
+  fail "the node exporter's account does not read the daemon's figures through the link"
+rm "$textfile/ekadcdf.prom" "$textfile/ekadcdf-export.prom"
+if DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --reinstall --no-download \
+  prometheus-node-exporter >/dev/null 2>&1; then
+  check_links "after prometheus-node-exporter was installed again"
+else
+  echo "check-package: prometheus-node-exporter's .deb is not in the cache; trigger run by hand"
+  dpkg-trigger --no-await "$textfile" && dpkg --triggers-only --pending
+  check_links "after the trigger"
+fi
+
 # As a unit's StateDirectory= leaves it before it ever writes: an empty state directory goes.
 install -d -o ekadcdf -g ekadcdf -m 0750 /var/lib/ekadcdf
 DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq ekadcdf >/dev/null
@@ -61,4 +92,7 @@ while read -r f; do
   [ ! -e "$f" ] || fail "$f is left after the purge"
 done <<<"$files"
 [ ! -e /var/lib/ekadcdf ] || fail "/var/lib/ekadcdf is left after the purge"
+for name in ekadcdf.prom ekadcdf-export.prom; do
+  [ ! -L "$textfile/$name" ] || fail "$textfile/$name is left after the purge"
+done
 echo "package $(basename "$deb"): built, lintian clean, installed, checked and purged"

@@ -8,14 +8,15 @@
 #              the node exporter (the metrics test starts one on loopback), systemd-analyze and
 #              groff (the unit and manual page checks)
 #   --package  also what building and checking the Debian package needs (the Build-Depends of
-#              debian/control, dpkg-buildpackage, lintian)
+#              debian/control, dpkg-buildpackage, lintian, and the node exporter whose textfile
+#              directory the package links its metrics into)
 set -euo pipefail
 packages=(g++ cmake ninja-build libgtest-dev libgmock-dev python3 libsqlite3-dev libpq-dev sqlite3
           zlib1g-dev)
 for arg in "$@"; do
   case "$arg" in
     --test) packages+=(postgresql logrotate prometheus prometheus-node-exporter systemd groff-base) ;;
-    --package) packages+=(dpkg-dev debhelper lintian devscripts equivs) ;;
+    --package) packages+=(dpkg-dev debhelper lintian devscripts equivs prometheus-node-exporter) ;;
     *) packages+=("$arg") ;;
   esac
 done
