@@ -43,13 +43,15 @@ if(CMAKE_SCRIPT_MODE_FILE)
       endif()
     else()
       # The sandbox: a real account that is not root, files created without access for others,
-      # and an exposure of at most 2.5 in systemd's own review.
+      # state directories the node exporter's account passes through (to the metrics files, which
+      # its links name) but cannot list, and an exposure of at most 2.5 in systemd's own review.
       if(NOT unit MATCHES "\nUser=([^\n]*)" OR CMAKE_MATCH_1 MATCHES "^(|root|0)$"
          OR unit MATCHES "\nDynamicUser=(yes|true|on|1)")
         message(FATAL_ERROR
                 "${file} must run as a dedicated account: User=, not root, not DynamicUser=")
       endif()
-      foreach(line "UMask=0027" "NoNewPrivileges=yes" "ProtectSystem=strict" "MemoryMax=[0-9]+M")
+      foreach(line "UMask=0027" "NoNewPrivileges=yes" "ProtectSystem=strict" "MemoryMax=[0-9]+M"
+                   "StateDirectory=ekadcdf[^\n]* ekadcdf/metrics" "StateDirectoryMode=0751")
         if(NOT unit MATCHES "\n${line}\n")
           message(FATAL_ERROR "${file} must set ${line}")
         endif()
