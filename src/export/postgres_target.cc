@@ -28,8 +28,8 @@
 namespace adcdf::exporter {
 namespace {
 
-constexpr size_t kCopyAt = 4 << 20;     // bytes of rows sent to a table at once
-constexpr size_t kBuffered = 8 << 20;   // bytes of rows held for all tables, at most
+constexpr size_t kCopyAt = 4 << 20;    // bytes of rows sent to a table at once
+constexpr size_t kBuffered = 8 << 20;  // bytes of rows held for all tables, at most
 constexpr std::string_view kSchemaLock = "ekadcdf-export schema";
 // COPY's binary format: signature, flags, length of the header extension.
 constexpr char kBinaryHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";
@@ -206,7 +206,13 @@ class PostgresTarget final : public Target {
       tables_[static_cast<size_t>(type.type)].copy =
           "COPY " + table_name(type.type) + " (" + columns + "verbatim) FROM STDIN (FORMAT binary)";
     });
-    connect();
+    try {
+      connect();
+    } catch (...) {
+      // No destructor runs for an object whose constructor throws.
+      PQfinish(conn_);
+      throw;
+    }
   }
   ~PostgresTarget() override {
     sender_.discard([this] { cancel(); });
