@@ -4,6 +4,7 @@
 // target is read back and must hold every record line once, byte for byte.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -54,8 +55,7 @@ const std::pair<const char*, const char*> kSections[] = {
     {"x400-out", "originator ann/hq\nmta_message-id M9\nrecipient-to a\nrecipient-cc b"},
     {"sms-in", "message-size 1234\nnon-delivery-reason 5"},
     {"sms-out", "message-size 99"},
-    {"dirsync-out", "recipient pat jones\noperation 2\ncommand sync\nrequest-id R12"},
-};
+    {"dirsync-out", "recipient pat jones\noperation 2\ncommand sync\nrequest-id R12"}};
 
 bool rejected(const std::string& line) {
   return line.find("AMB\",\"") != std::string::npos || line.find("sync,all") != std::string::npos;
@@ -129,47 +129,25 @@ class Export : public ::testing::Test {
 Files Export::generations_[2];
 std::string Export::host_;
 
-std::unique_ptr<adcdf::exporter::Target> target(Kind kind, const std::string& where) {
-  using namespace adcdf::exporter;
-  switch (kind) {
-    case Kind::kCsv:
-      return csv_target(where);
-    case Kind::kJsonl:
-      return jsonl_target(where);
-    case Kind::kSqlite:
-      return sqlite_target(where);
-    case Kind::kPostgres:
-      return postgres_target(where);
-  }
-  return nullptr;
-}
-
 adcdf::exporter::Totals run(Kind kind, const std::string& where, const std::string& base,
                             const std::string& rejects = "") {
+  using namespace adcdf::exporter;
   static const volatile std::sig_atomic_t kNoStop = 0;
-  auto t = target(kind, where);
-  return adcdf::exporter::Exporter(base, rejects, false, kNoStop).run(*t, [](auto&) {});
+  auto t = kind == Kind::kCsv      ? csv_target(where)
+           : kind == Kind::kJsonl  ? jsonl_target(where)
+           : kind == Kind::kSqlite ? sqlite_target(where)
+                                   : postgres_target(where);
+  return Exporter(base, rejects, false, kNoStop).run(*t, [](auto&) {});
 }
 
 struct Target {
   const char* name;
   Kind kind;
   std::string where;
-  // Deletes one row and doubles another.
-  std::function<void(const std::string& where)> damage;
   std::string option() const {
     return std::string("--") + (kind == Kind::kPostgres ? "postgres" : name);
   }
 };
-
-// Drops the line before the last and writes the last twice: rows of one generation, whose
-// count stays the same.
-void damage_file(const std::string& file) {
-  std::string text = read_file(file);
-  const size_t last = text.rfind('\n', text.size() - 2) + 1;
-  const size_t before = text.rfind('\n', last - 2) + 1;
-  daemon_test::write_file(file, text.substr(0, before) + text.substr(last) + text.substr(last));
-}
 
 void sqlite_exec(const std::string& file, const std::string& sql) {
   sqlite3* db;
@@ -185,61 +163,72 @@ int64_t rows_of(const std::string& file, const std::string& sql) {
   sqlite3* db;
   sqlite3_stmt* s = nullptr;
   sqlite3_open(file.c_str(), &db);
-  const int64_t n = sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK &&
-                            sqlite3_step(s) == SQLITE_ROW
-                        ? sqlite3_column_int64(s, 0)
-                        : -1;
+  const bool asked = sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK &&
+                     sqlite3_step(s) == SQLITE_ROW;
+  const int64_t n = asked ? sqlite3_column_int64(s, 0) : -1;
   sqlite3_finalize(s);
   sqlite3_close(db);
   return n;
 }
 
+// How many rows the tables of a SQLite file hold; -1 while it cannot tell.
+int64_t rows(const std::string& file) {
+  std::string sum = "SELECT 0";
+  adcdf::exporter::for_each_table([&](const adcdf::RecordType& type) {
+    sum += " + (SELECT count(*) FROM " + adcdf::exporter::table_name(type.type) + ")";
+  });
+  return rows_of(file, sum);
+}
+
 std::vector<Target> targets(const Sandbox& box) {
-  // The last row of the last generation in cdf_108 goes, another of it comes twice.
-  const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
-  const std::string damage =
-      "DELETE FROM cdf_108 WHERE generation_id = " + last +
-      " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
-      "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
-  std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv"),
-                              [](const std::string& dir) { damage_file(dir + "/cdf_108.csv"); }},
-                             {"jsonl", Kind::kJsonl, box.file("out.jsonl"),
-                              [](const std::string& file) { damage_file(file); }},
-                             {"sqlite", Kind::kSqlite, box.file("out.db"),
-                              [=](const std::string& file) { sqlite_exec(file, damage); }}};
+  std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv")},
+                             {"jsonl", Kind::kJsonl, box.file("out.jsonl")},
+                             {"sqlite", Kind::kSqlite, box.file("out.db")}};
   if (PostgresServer* pg = PostgresServer::get()) {
-    all.push_back({"postgres", Kind::kPostgres, pg->fresh(),
-                   [=](const std::string& db) { pg_query(db, damage); }});
+    all.push_back({"postgres", Kind::kPostgres, pg->fresh()});
   } else {
     ADD_FAILURE() << "PostgreSQL is not installed (scripts/install-deps.sh installs it)";
   }
   return all;
 }
 
-// Rows of one generation number all point into one generation file, each at the line that holds
-// its record, and no two numbers into the same file.
+// Deletes the last row of the last generation in cdf_108 and doubles another of it (the files:
+// drops the line before the last and writes the last twice), so the count stays the same.
+void damage(const Target& t) {
+  if (t.kind == Kind::kCsv || t.kind == Kind::kJsonl) {
+    const std::string file = t.kind == Kind::kCsv ? t.where + "/cdf_108.csv" : t.where;
+    const std::string text = read_file(file);
+    const size_t last = text.rfind('\n', text.size() - 2) + 1;
+    const size_t before = text.rfind('\n', last - 2) + 1;
+    daemon_test::write_file(file, text.substr(0, before) + text.substr(last) + text.substr(last));
+    return;
+  }
+  const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
+  const std::string sql =
+      "DELETE FROM cdf_108 WHERE generation_id = " + last +
+      " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
+      "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
+  if (t.kind == Kind::kSqlite) sqlite_exec(t.where, sql);
+  if (t.kind == Kind::kPostgres) pg_query(t.where, sql);
+}
+
+// Line `n` of `text`, from 1; empty past its end.
+std::string line_of(const std::string& text, int64_t n) {
+  std::istringstream in(text);
+  std::string line;
+  for (; n > 0 && std::getline(in, line); --n) {
+  }
+  return n == 0 ? line : "";
+}
+
+// Each row's line number points at its record's line in one of the generation files (which
+// generation a number stands for, --verify checks).
 void expect_origins(const Origins& origins, const Files& generations) {
-  std::set<std::string> used;
-  for (auto at = origins.begin(); at != origins.end();) {
-    const int64_t generation = at->first.first;
-    const auto end = origins.upper_bound({generation, INT64_MAX});
-    std::vector<std::string> matching;
-    for (const auto& [name, text] : generations) {
-      std::vector<std::string> file_lines(1);
-      std::istringstream in(text);
-      for (std::string line; std::getline(in, line);) file_lines.push_back(line);
-      if (std::all_of(at, end, [&](const auto& row) {
-            const auto n = static_cast<size_t>(row.first.second);
-            return n < file_lines.size() && file_lines[n] == row.second;
-          })) {
-        matching.push_back(name);
-      }
-    }
-    EXPECT_EQ(matching.size(), 1u) << "generation " << generation;
-    if (!matching.empty()) {
-      EXPECT_TRUE(used.insert(matching[0]).second) << matching[0];
-    }
-    at = end;
+  for (const auto& [origin, line] : origins) {
+    EXPECT_TRUE(
+        std::any_of(generations.begin(), generations.end(),
+                    [&](const auto& file) { return line_of(file.second, origin.second) == line; }))
+        << origin.second << ": " << line;
   }
 }
 
@@ -270,12 +259,8 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
         listed.insert(line.substr(number_end + 1));
         if (phase == 1) continue;  // the generations have moved since
         const std::string name = fs::path(line.substr(0, name_end)).filename().string();
-        std::istringstream generation(generations_[0].at(name));
-        std::string at;
-        for (int n = std::stoi(line.substr(name_end + 1)); n > 0; --n) {
-          std::getline(generation, at);
-        }
-        EXPECT_EQ(at, line.substr(number_end + 1));
+        EXPECT_EQ(line_of(generations_[0].at(name), std::stoi(line.substr(name_end + 1))),
+                  line.substr(number_end + 1));
       }
       EXPECT_EQ(listed, lines(phase, true));
     }
@@ -295,9 +280,7 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
     env.binary = EKADCDF_EXPORT_BINARY;
     const std::string base = box.file("base/cdf");
     for (int damaged = 0; damaged < 2; ++damaged) {
-      if (damaged == 1) {
-        t.damage(t.where);
-      }
+      if (damaged == 1) damage(t);
       Daemon verify(box, {"--verify", t.option(), t.where, base}, env);
       EXPECT_EQ(verify.wait_exit(), damaged) << verify.out() << verify.err();
       EXPECT_NE(verify.out().find(damaged ? "DIFFERENT" : ", 0 differ"), std::string::npos)
@@ -368,10 +351,9 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
       release = [&] { locker.reset(); };
     } else {
       midway = [&] {
-        for (const auto& entry : fs::directory_iterator(t.where)) {
-          if (entry.path().string().ends_with(".tmp")) return true;
-        }
-        return false;
+        return std::ranges::any_of(fs::directory_iterator(t.where), [](const auto& e) {
+          return e.path().string().ends_with(".tmp");
+        });
       };
     }
     {
@@ -385,88 +367,55 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     Daemon again(box, args, env);
     EXPECT_EQ(again.wait_exit(120), 0) << again.err();
     EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
-    if (t.kind == Kind::kCsv) {
-      EXPECT_FALSE(midway()) << "what the killed run left is cleared";
-    }
+    EXPECT_TRUE(t.kind != Kind::kCsv || !midway()) << "what the killed run left is cleared";
     reading = false;
     if (reader.joinable()) reader.join();
     EXPECT_EQ(refused, 0) << "queries refused while loading";
   }
 }
 
-// How many rows the tables of a SQLite file hold; -1 while it cannot tell.
-int64_t rows(const std::string& file) {
-  std::string sum = "SELECT 0";
-  adcdf::exporter::for_each_table([&](const adcdf::RecordType& type) {
-    sum += " + (SELECT count(*) FROM " + adcdf::exporter::table_name(type.type) + ")";
-  });
-  return rows_of(file, sum);
-}
-
-// Under --follow, a base with no generation yet is said once and waited for; each run that loads
-// something says so in a line (no terminal here), nothing while idle.
-TEST_F(Export, FollowLoadsWhatTheDaemonWritesUntilStopped) {
-  Sandbox box;
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon exporter(box, {"--follow", "--sqlite", "out.db", "cdf"}, env);
-  ASSERT_TRUE(exporter.wait_err("no generation")) << exporter.err();
-  box.write("audit", kAudit[0]);
-  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
-  for (int phase = 0; phase < 2; ++phase) {
-    if (phase == 1) box.append("audit", kAudit[1].substr(kAudit[0].size()));
-    const auto expected = static_cast<int64_t>(lines(phase).size());
-    EXPECT_TRUE(eventually([&] { return rows(box.file("out.db")) == expected; }, 30))
-        << "phase " << phase;
-    EXPECT_EQ(read_back(Kind::kSqlite, box.file("out.db")), lines(phase));
-  }
-  EXPECT_EQ(exporter.stop(), 0) << exporter.err();
-  EXPECT_EQ(daemon.stop(), 0);
-  const std::string said = exporter.err();
-  EXPECT_EQ(daemon_test::count_of(said, "no generation"), 1u) << said;
-  EXPECT_GE(daemon_test::count_of(said, "ekadcdf-export: loaded "), 2u) << said;
-}
-
-// The state's count of bytes loaded, "" while the database cannot be asked.
-std::string bytes_loaded(const std::string& conninfo) {
-  PGconn* conn = PQconnectdb(conninfo.c_str());
-  PGresult* r = PQexec(conn, "SELECT sum(bytes) FROM ekadcdf_export_state");
-  std::string sum = PQresultStatus(r) == PGRES_TUPLES_OK ? PQgetvalue(r, 0, 0) : "";
-  PQclear(r);
-  PQfinish(conn);
-  return sum;
-}
-
-// Under --follow, a PostgreSQL server that restarts, or is away for 5 s, is waited for: the
+// Under --follow: a base with no generation yet is said once and waited for; what the daemon
+// writes is loaded as it comes, with a line per run that loads something (no terminal here),
+// nothing while idle; a PostgreSQL server that restarts, or is away for 5 s, is waited for: the
 // exporter stays up, says when it fails and when it works again, and the target ends exact.
-TEST_F(Export, FollowWaitsOutADatabaseRestartAndOutage) {
+TEST_F(Export, FollowLoadsAsTheDaemonWritesAndWaitsOutADatabaseRestartAndOutage) {
   ASSERT_NE(PostgresServer::get(), nullptr);
   Sandbox box;
   PostgresServer server;  // of its own: it goes away
   server.start();
   const std::string db = server.fresh();
-  const std::string base = place(0, box.file("base"));
-  auto size = [](int phase) {
-    size_t total = 0;
-    for (const auto& [name, text] : generations_[phase]) total += text.size();
-    return std::to_string(total);
+  auto caught_up = [&] {  // the state's count of bytes loaded is the generations' size
+    size_t size = 0;
+    for (const auto& [name, text] : box.files("cdf.0")) size += text.size();
+    const Rows sum = pg_query(db, "SELECT sum(bytes) FROM ekadcdf_export_state", true);
+    return sum == Rows{{std::to_string(size)}};
   };
   Env env;
   env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon exporter(box, {"--follow", "--postgres", db, base}, env);
-  EXPECT_TRUE(eventually([&] { return bytes_loaded(db) == size(0); }, 30));
+  Daemon exporter(box, {"--follow", "--postgres", db, "cdf"}, env);
+  ASSERT_TRUE(exporter.wait_err("no generation")) << exporter.err();
+  box.write("audit", kAudit[0]);
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
+  ASSERT_TRUE(daemon.wait_err("waiting...")) << daemon.err();
+  EXPECT_TRUE(eventually(caught_up, 30)) << exporter.err();
+  EXPECT_EQ(read_back(Kind::kPostgres, db), lines(0));
   server.stop("fast");
   server.resume();
   EXPECT_TRUE(exporter.wait_err("works again", 1, 30)) << exporter.err();
   server.stop("fast");
-  place(1, box.file("base"));
+  box.append("audit", kAudit[1].substr(kAudit[0].size()));  // a rotation, the server away
   EXPECT_TRUE(exporter.wait_err("trying again", 2, 30)) << exporter.err();
   std::this_thread::sleep_for(std::chrono::seconds(5));  // the outage itself
   server.resume();
-  EXPECT_TRUE(eventually([&] { return bytes_loaded(db) == size(1); }, 30)) << exporter.err();
+  ASSERT_TRUE(daemon.wait_err("waiting...", 2)) << daemon.err();
+  EXPECT_TRUE(eventually(caught_up, 30)) << exporter.err();
   EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
   EXPECT_TRUE(exporter.wait_err("works again", 2)) << exporter.err();
   EXPECT_EQ(exporter.stop(), 0) << exporter.err();
+  EXPECT_EQ(daemon.stop(), 0);
+  const std::string said = exporter.err();
+  EXPECT_EQ(daemon_test::count_of(said, "no generation"), 1u) << said;
+  EXPECT_GE(daemon_test::count_of(said, "ekadcdf-export: loaded "), 2u) << said;
 }
 
 // The same generations under three paths (a directory, a link to it, a copy as on another host),
@@ -499,36 +448,16 @@ TEST_F(Export, OneBaseUnderThreePathsIsLoadedOnce) {
   EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
 }
 
-// Rejected lines are kept before the run that leaves them behind commits: a rejects file that
-// cannot grow (past a file size limit here) fails the run with the target unchanged, and the next
-// run writes them and loads.
-TEST_F(Export, ARejectsFileThatCannotGrowLeavesTheTargetUnchanged) {
-  Sandbox box;
-  const std::string base = place(0, box.file("base"));
-  const std::string rejects = box.file("rejects"), db = box.file("out.db");
-  daemon_test::write_file(rejects, std::string(1 << 20, '#') + "\n");
-  Env env;
-  env.binary = "/usr/bin/prlimit";
-  Daemon limited(box,
-                 {"--fsize=" + std::to_string((1 << 20) + 100), EKADCDF_EXPORT_BINARY, "--sqlite",
-                  db, "--rejects", rejects, base},
-                 env);
-  EXPECT_NE(limited.wait_exit(), 0);
-  EXPECT_LE(rows(db), 0) << "rows committed without their rejected lines";
-  env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon again(box, {"--sqlite", db, "--rejects", rejects, base}, env);
-  EXPECT_EQ(again.wait_exit(), 0) << again.err();
-  EXPECT_EQ(rows(db), static_cast<int64_t>(lines(0).size()));
-  const std::string listed = read_file(rejects);
-  EXPECT_EQ(static_cast<size_t>(std::count(listed.begin(), listed.end(), '\n')),
-            1 + lines(0, true).size());
-}
-
 struct CommandLine {
   std::vector<std::string> args;
   int status;
   std::string message;  // in what it writes
+  std::string binary = EKADCDF_EXPORT_BINARY;
 };
+
+// Rejected lines are kept before the run that leaves them behind commits: a rejects file that
+// cannot grow (past a file size limit) fails the run with the target unchanged (or the next run
+// would find nothing new, and list no rejected line), and the next run writes them and loads.
 
 TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   Sandbox box;
@@ -543,7 +472,15 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   daemon_test::write_file(
       box.file("long/" + generations_[0].begin()->first),
       generation.substr(0, second_line) + long_line + "\n" + generation.substr(second_line));
+  const std::string full = box.file("full.rejects"), db = box.file("full.db");
+  daemon_test::write_file(full, std::string(1 << 20, '#') + "\n");
   const CommandLine cases[] = {
+      {{"--fsize=" + std::to_string((1 << 20) + 100), EKADCDF_EXPORT_BINARY, "--sqlite", db,
+        "--rejects", full, base},
+       128 + SIGXFSZ,
+       "",
+       "/usr/bin/prlimit"},
+      {{"--sqlite", db, "--rejects", full, base}, 0, "lines rejected, see"},
       {{"--help"}, 0, "Usage: ekadcdf-export"},
       {{"--version"}, 0, "ekadcdf-export "},
       {{"--columns"}, 0, "101\t24\tsubject\tquoted\t257\ttext\t-\n"},
@@ -567,13 +504,15 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
       {{base}, 0, "into " + base + ".sqlite"},
   };
   Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
   for (const CommandLine& c : cases) {
+    env.binary = c.binary;
     Daemon exporter(box, c.args, env);
     EXPECT_EQ(exporter.wait_exit(), c.status) << c.message;
     EXPECT_NE((exporter.out() + exporter.err()).find(c.message), std::string::npos)
         << exporter.out() << exporter.err();
   }
+  EXPECT_EQ(rows(db), static_cast<int64_t>(lines(0).size()));
+  EXPECT_EQ(daemon_test::count_of(read_file(full), "\n"), 1 + lines(0, true).size());
   // The long line is rejected whole, with its line number; the records after it are loaded.
   const std::string listed = read_file(box.file("long.rejects"));
   EXPECT_NE(listed.find(":2:" + long_line + "\n"), std::string::npos);
