@@ -149,36 +149,29 @@ struct Target {
   }
 };
 
-void sqlite_exec(const std::string& file, const std::string& sql) {
+// The rows of the last statement of `sql` in a SQLite file; NULL reads as an empty string.
+Rows sqlite_query(const std::string& file, const std::string& sql) {
   sqlite3* db;
   sqlite3_open(file.c_str(), &db);
   sqlite3_busy_timeout(db, 10000);
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-      << sqlite3_errmsg(db);
+  Rows rows;
+  const auto add = [](void* rows, int n, char** values, char**) {
+    static_cast<Rows*>(rows)->emplace_back();
+    for (int i = 0; i < n; ++i)
+      static_cast<Rows*>(rows)->back().emplace_back(values[i] ? values[i] : "");
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), add, &rows, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
   sqlite3_close(db);
+  return rows;
 }
 
-// The number a SQLite query gives; -1 when it cannot be asked (a table is missing).
-int64_t rows_of(const std::string& file, const std::string& sql) {
-  sqlite3* db;
-  sqlite3_stmt* s = nullptr;
-  sqlite3_open(file.c_str(), &db);
-  const bool asked = sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK &&
-                     sqlite3_step(s) == SQLITE_ROW;
-  const int64_t n = asked ? sqlite3_column_int64(s, 0) : -1;
-  sqlite3_finalize(s);
-  sqlite3_close(db);
-  return n;
-}
-
-// How many rows the tables of a SQLite file hold; -1 while it cannot tell.
-int64_t rows(const std::string& file) {
-  std::string sum = "SELECT 0";
-  adcdf::exporter::for_each_table([&](const adcdf::RecordType& type) {
-    sum += " + (SELECT count(*) FROM " + adcdf::exporter::table_name(type.type) + ")";
-  });
-  return rows_of(file, sum);
-}
+// The exporter run as a process, as the daemon is.
+const Env kExporter = [] {
+  Env env;
+  env.binary = EKADCDF_EXPORT_BINARY;
+  return env;
+}();
 
 std::vector<Target> targets(const Sandbox& box) {
   std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv")},
@@ -208,7 +201,7 @@ void damage(const Target& t) {
       "DELETE FROM cdf_108 WHERE generation_id = " + last +
       " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
       "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
-  if (t.kind == Kind::kSqlite) sqlite_exec(t.where, sql);
+  if (t.kind == Kind::kSqlite) sqlite_query(t.where, sql);
   if (t.kind == Kind::kPostgres) pg_query(t.where, sql);
 }
 
@@ -270,18 +263,15 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
         "FROM " +
         std::string(t.kind == Kind::kSqlite ? "datetime(epoch_seconds, 'unixepoch')"
                                             : "to_timestamp(epoch_seconds)");
-    if (t.kind == Kind::kSqlite) {
-      EXPECT_EQ(rows_of(t.where, wrong), 0);
-    } else if (t.kind == Kind::kPostgres) {
-      EXPECT_EQ(pg_query(t.where, wrong), Rows{{"0"}});
-    }
+    EXPECT_EQ(t.kind == Kind::kSqlite     ? sqlite_query(t.where, wrong)
+              : t.kind == Kind::kPostgres ? pg_query(t.where, wrong)
+                                          : Rows{{"0"}},
+              Rows{{"0"}});
     // --verify: every generation agrees; then a row deleted and another doubled.
-    Env env;
-    env.binary = EKADCDF_EXPORT_BINARY;
     const std::string base = box.file("base/cdf");
     for (int damaged = 0; damaged < 2; ++damaged) {
       if (damaged == 1) damage(t);
-      Daemon verify(box, {"--verify", t.option(), t.where, base}, env);
+      Daemon verify(box, {"--verify", t.option(), t.where, base}, kExporter);
       EXPECT_EQ(verify.wait_exit(), damaged) << verify.out() << verify.err();
       EXPECT_NE(verify.out().find(damaged ? "DIFFERENT" : ", 0 differ"), std::string::npos)
           << verify.out();
@@ -304,8 +294,6 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
   fs::create_directories(box.file("big"));
   daemon_test::write_file(box.file("big/cdf.000"), big);
   const size_t big_records = 400 * lines(1).size();
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
 
   for (const Target& t : targets(box)) {
     if (t.kind == Kind::kJsonl) continue;  // its files are committed as CSV's are
@@ -314,19 +302,18 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     const std::multiset<std::string> before = read_back(t.kind, t.where);
     const std::vector<std::string> args = {t.option(), t.where, box.file("big/cdf")};
     std::function<bool()> midway;
-    std::function<void()> release = [] {};
     std::unique_ptr<PGconn, void (*)(PGconn*)> locker(nullptr, PQfinish);
     std::atomic<bool> reading = false;
     std::atomic<int> refused = 0;
     std::thread reader;
     if (t.kind == Kind::kSqlite) {
-      sqlite_exec(t.where,
-                  "CREATE TRIGGER planted BEFORE INSERT ON ekadcdf_export_state "
-                  "BEGIN SELECT RAISE(ABORT, 'planted'); END");
-      Daemon failing(box, args, env);
+      sqlite_query(t.where,
+                   "CREATE TRIGGER planted BEFORE INSERT ON ekadcdf_export_state "
+                   "BEGIN SELECT RAISE(ABORT, 'planted'); END");
+      Daemon failing(box, args, kExporter);
       EXPECT_EQ(failing.wait_exit(120), 1) << failing.err();
       EXPECT_EQ(read_back(t.kind, t.where), before) << "rows kept without their state";
-      sqlite_exec(t.where, "DROP TRIGGER planted");
+      sqlite_query(t.where, "DROP TRIGGER planted");
       reading = true;
       reader = std::thread([&] {
         sqlite3* db;
@@ -348,7 +335,6 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
       midway = [&] {
         return pg_query(t.where, "SELECT count(*) FROM pg_locks WHERE NOT granted") != Rows{{"0"}};
       };
-      release = [&] { locker.reset(); };
     } else {
       midway = [&] {
         return std::ranges::any_of(fs::directory_iterator(t.where), [](const auto& e) {
@@ -357,14 +343,14 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
       };
     }
     {
-      Daemon exporter(box, args, env);
+      Daemon exporter(box, args, kExporter);
       EXPECT_TRUE(eventually(midway, 60, 0.0002));
       exporter.signal(SIGKILL);
       EXPECT_EQ(exporter.wait_exit(), 128 + SIGKILL) << "the run ended before it was killed";
     }
-    release();
+    locker.reset();
     EXPECT_EQ(read_back(t.kind, t.where), before);
-    Daemon again(box, args, env);
+    Daemon again(box, args, kExporter);
     EXPECT_EQ(again.wait_exit(120), 0) << again.err();
     EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
     EXPECT_TRUE(t.kind != Kind::kCsv || !midway()) << "what the killed run left is cleared";
@@ -390,9 +376,7 @@ TEST_F(Export, FollowLoadsAsTheDaemonWritesAndWaitsOutADatabaseRestartAndOutage)
     const Rows sum = pg_query(db, "SELECT sum(bytes) FROM ekadcdf_export_state", true);
     return sum == Rows{{std::to_string(size)}};
   };
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon exporter(box, {"--follow", "--postgres", db, "cdf"}, env);
+  Daemon exporter(box, {"--follow", "--postgres", db, "cdf"}, kExporter);
   ASSERT_TRUE(exporter.wait_err("no generation")) << exporter.err();
   box.write("audit", kAudit[0]);
   Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
@@ -433,12 +417,10 @@ TEST_F(Export, OneBaseUnderThreePathsIsLoadedOnce) {
   fs::create_directory_symlink(box.file("base"), box.file("alias"));
   std::unique_ptr<PGconn, void (*)(PGconn*)> locker(PQconnectdb(db.c_str()), PQfinish);
   PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
   std::vector<std::unique_ptr<Daemon>> exporters;
   for (const char* path : {"base/cdf", "alias/cdf", "copy/cdf"}) {
     exporters.push_back(std::make_unique<Daemon>(
-        box, std::vector<std::string>{"--postgres", db, box.file(path)}, env));
+        box, std::vector<std::string>{"--postgres", db, box.file(path)}, kExporter));
   }
   EXPECT_TRUE(eventually([&] {
     return pg_query(db, "SELECT count(*) FROM pg_locks WHERE NOT granted") == Rows{{"3"}};
@@ -511,7 +493,7 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
     EXPECT_NE((exporter.out() + exporter.err()).find(c.message), std::string::npos)
         << exporter.out() << exporter.err();
   }
-  EXPECT_EQ(rows(db), static_cast<int64_t>(lines(0).size()));
+  EXPECT_EQ(read_back(Kind::kSqlite, db), lines(0));
   EXPECT_EQ(daemon_test::count_of(read_file(full), "\n"), 1 + lines(0, true).size());
   // The long line is rejected whole, with its line number; the records after it are loaded.
   const std::string listed = read_file(box.file("long.rejects"));
@@ -519,7 +501,7 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   EXPECT_EQ(read_back(Kind::kJsonl, box.file("long.jsonl")), lines(0));
   // JSON Lines to standard output: every record, nothing remembered.
   for (int i = 0; i < 2; ++i) {
-    Daemon exporter(box, {"--jsonl", "-", base}, env);
+    Daemon exporter(box, {"--jsonl", "-", base}, kExporter);
     EXPECT_EQ(exporter.wait_exit(), 0);
     std::string out = exporter.out();
     EXPECT_EQ(static_cast<size_t>(std::count(out.begin(), out.end(), '\n')), lines(0).size());
