@@ -10,6 +10,7 @@
 
 #include "export/exporter.h"
 #include "export_support.h"
+#include "support/faults.h"
 
 namespace export_test {
 namespace {
@@ -129,6 +130,24 @@ class Export : public ::testing::Test {
 Files Export::generations_[2];
 std::string Export::host_;
 
+// The file operations of a run in order. A commit of CSV or JSON Lines files is durable (the
+// directory synced after the state file's rename) before a committed file grows: else a power
+// cut could keep the grown files with the state before them, and the rows would be loaded again.
+struct Recorder : adcdf::FaultInjector {
+  Recorder() { adcdf::set_fault_injector(this); }
+  ~Recorder() override { adcdf::set_fault_injector(nullptr); }
+  int fail(const adcdf::FileEvent& e, size_t*) override {
+    const std::string name = e.to ? *e.to : e.name;
+    if (e.op == adcdf::FileOp::kRename) committing = name.ends_with("ekadcdf-export-state");
+    if (e.op == adcdf::FileOp::kSyncDirectory) committing = false;
+    if (e.op == adcdf::FileOp::kOpen && !fs::path(name).filename().string().starts_with('.')) {
+      EXPECT_FALSE(committing) << name << " grows before the commit is durable";
+    }
+    return 0;
+  }
+  bool committing = false;
+};
+
 adcdf::exporter::Totals run(Kind kind, const std::string& where, const std::string& base,
                             const std::string& rejects = "") {
   using namespace adcdf::exporter;
@@ -137,6 +156,7 @@ adcdf::exporter::Totals run(Kind kind, const std::string& where, const std::stri
            : kind == Kind::kJsonl  ? jsonl_target(where)
            : kind == Kind::kSqlite ? sqlite_target(where)
                                    : postgres_target(where);
+  Recorder recorder;
   return Exporter(base, rejects, false, kNoStop).run(*t, [](auto&) {});
 }
 
