@@ -91,7 +91,8 @@ def run_daemon(binary, workdir, text, timeout):
     if status != 0 or errors:
         raise RuntimeError(f"the daemon ended with status {status}, cdf.ERR: {errors!r}")
     names = sorted(n for n in os.listdir(workdir) if re.fullmatch(r"cdf\.\d{3}", n))
-    return [l.rstrip("\n") for n in names for l in open(os.path.join(workdir, n), encoding="latin-1")]
+    paths = [os.path.join(workdir, n) for n in names]
+    return [l.rstrip("\n") for p in paths for l in open(p, encoding="latin-1")]
 
 
 def check_records(types, records):
@@ -230,12 +231,11 @@ def main():
     args = parser.parse_args()
     types, problems = parse_doc(args.doc)
     now, binary = int(time.time()), os.path.abspath(args.binary)
+    sections = [[k, f"audit {START + 10 * i} pid=4711", *BODIES.get(k, []), ""]
+                for i, k in enumerate(KINDS)]
     try:
         with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
-            sections = [[k, f"audit {START + 10 * i} pid=4711", *BODIES.get(k, []), ""]
-                        for i, k in enumerate(KINDS)]
-            records = run_daemon(binary, workdir, "\n".join(sum(sections, [])) + "\n",
-                                 args.timeout)
+            records = run_daemon(binary, workdir, "\n".join(sum(sections, [])) + "\n", args.timeout)
         with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
             past = run_daemon(binary, workdir, history(now), args.timeout)
             problems = problems or check_records(types, records)

@@ -532,19 +532,12 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   }
 }
 
-}  // namespace
-}  // namespace export_test
-
-namespace export_test {
-namespace {
-
 // The ctest fixture that starts and stops the server the exporter's tests share, in the
 // directory EKADCDF_TEST_POSTGRES names (CMakeLists.txt registers them).
 TEST(PostgresFixture, DISABLED_Start) {
   const std::string dir = std::getenv("EKADCDF_TEST_POSTGRES");
-  std::system((std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir + "/data -m immediate stop " +
-               ">/dev/null 2>&1")
-                  .c_str());  // one a killed run left behind
+  const std::string stop = std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir + "/data -m immediate";
+  std::system((stop + " stop >/dev/null 2>&1").c_str());  // one a killed run left behind
   fs::remove_all(dir);
   PostgresServer(dir).start();
 }
