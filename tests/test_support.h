@@ -92,12 +92,12 @@ struct Harness {
 
   // Runs a routine of the section reader as a converter would: the name line has just been read.
   int convert(int (*routine)(Context&)) {
-    ctx.gszLine = "section\n";
+    ctx.line = "section\n";
     return routine(ctx);
   }
   // Converts the section of `name_line` as the processing loop would, that line just read.
   int convert(std::string_view name_line) {
-    ctx.gszLine = name_line;
+    ctx.line = name_line;
     return converter.convert(ctx, *find_section(name_line));
   }
   // The count of the section kind labelled `label` in the statistics.

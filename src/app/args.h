@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "stream/context.h"
 #include "stream/audit_sources.h"
+#include "stream/context.h"
 #include "support/trace.h"
 
 namespace adcdf {
@@ -30,6 +30,6 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace);
 void adcdf_init_vars(Context& ctx);
 
 // "~/logs/audit" with "~" standing for $HOME (the empty string when it is unset).
-std::string util_GetActualFName(const std::string& configured);
+std::string expand_home(const std::string& configured);
 
 }  // namespace adcdf

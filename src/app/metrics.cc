@@ -13,7 +13,7 @@ namespace adcdf {
 
 std::string metrics_text(Context& ctx) {
   const Metrics& m = ctx.metrics;
-  Textfile t("base", ctx.options.gszBaseFilename);
+  Textfile t("base", ctx.options.output_base);
   t.metric("ekadcdf_sections_converted_total", "counter",
            "Audit file sections converted (or passed over), by kind.");
   const auto kinds = section_kinds();

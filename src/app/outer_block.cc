@@ -29,18 +29,18 @@ int outer_block(int argc, char** argv, Tracer& trace) {
   }
   ParsedArgs args = adcdf_parse_args(argc, argv, trace);
   PollWaiter waiter(trace, args.options.once);
-  AuditInput input(*args.audit, waiter, &trace, args.options.gszAuditFilename);
+  AuditInput input(*args.audit, waiter, &trace, args.options.audit_file);
   Context ctx(args.options, trace, input);
   adcdf_init_vars(ctx);
   // Every name is checked before any file is created. One daemon per base name: the lock comes
   // before the process-list entry and before any output file is opened, so a daemon refused
   // here has touched nothing.
-  ctx.generations.names().check(ctx.options.giMaxgen, ctx.options.noerr);
+  ctx.generations.names().check(ctx.options.max_generations, ctx.options.noerr);
   ctx.positions.lock(ctx.generations.names().position());
-  const std::string program = util_BaseName(argv[0]);
-  proc_RecordMyPid(program, ctx.options.gszBaseFilename);
+  const std::string program = file_name_of(argv[0]);
+  record_pid(program, ctx.options.output_base);
   adcdf_process_file(ctx);
-  proc_RemoveMyPid(program);
+  remove_pid(program);
   return 0;
 }
 
@@ -70,7 +70,7 @@ int run_daemon(int argc, char** argv) {
     std::fputs(kAddedOptions, stdout);
     return 0;
   }
-  bContinue = 1;
+  keep_running = 1;
   // Full buffering: the trace is flushed before every sleep and at exit.
   static char stderr_buffer[1 << 16];
   std::setvbuf(stderr, stderr_buffer, _IOFBF, sizeof stderr_buffer);
@@ -86,11 +86,11 @@ int run_daemon(int argc, char** argv) {
     return exit.status;
   } catch (const AdcdfError& error) {
     std::printf("adcdf error: %d %d %s\n", error.group(), error.reason(),
-                msg_GetAnyMsg(error).c_str());
+                error_message(error).c_str());
     fatal = true;
   } catch (const std::bad_alloc&) {
     std::printf("adcdf error: %d %d %s\n", kGroupMemory, kReasonAlloc,
-                msg_GetAnyMsg(AdcdfError(kGroupMemory, kReasonAlloc, "no memory left")).c_str());
+                error_message(AdcdfError(kGroupMemory, kReasonAlloc, "no memory left")).c_str());
     fatal = true;
   }
   trace.leave(kOuterBlock);

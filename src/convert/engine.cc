@@ -23,22 +23,18 @@ constexpr std::string_view kBlankLine = "\n";
 class Converter {
  public:
   Converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work)
-      : ctx_(ctx),
-        def_(def),
-        counter_(counter),
-        w_(work),
-        rules_{ctx.trace, ctx.options.gbUpshift} {}
+      : ctx_(ctx), def_(def), counter_(counter), w_(work), rules_{ctx.trace, ctx.options.upshift} {}
 
   int run();
 
  private:
   void reset_values();
   void begin_recipients();
-  recrep& next_recipient();
+  Recipient& next_recipient();
   void apply(const Keyword& keyword, std::string_view line);
   void take_tray(const Keyword& keyword, std::string_view line);
   void skipped(std::string_view line);
-  void write(const Layout& layout, recrep* recipient);
+  void write(const Layout& layout, Recipient* recipient);
   void bound_output() { bound_section_output(ctx_, read_whole_); }
   std::string& value(int field) { return w_.values[static_cast<size_t>(field)]; }
   size_t limit(int field) const { return def_.fields[static_cast<size_t>(field)].limit; }
@@ -100,7 +96,7 @@ int Converter::run() {
   if (ctx_.output.spilled()) write_section_part(ctx_);
   if (def_.section_record != nullptr) write(*def_.section_record, nullptr);
   if (def_.recipient_record != nullptr) {
-    w_.recipients.for_each([this](recrep& r) { write(*def_.recipient_record, &r); });
+    w_.recipients.for_each([this](Recipient& r) { write(*def_.recipient_record, &r); });
   }
   scope.done();
   return 0;
@@ -109,7 +105,7 @@ int Converter::run() {
 void Converter::reset_values() {
   if (w_.values.size() < def_.fields.size()) w_.values.resize(def_.fields.size());
   for (size_t i = 0; i < def_.fields.size(); ++i) {
-    w_.values[i] = def_.fields[i].numeric ? ctx_.gszInitNum : ctx_.gszInitString;
+    w_.values[i] = def_.fields[i].numeric ? ctx_.unset_number : ctx_.unset_string;
   }
   w_.count = 0;
   w_.got_first = false;
@@ -130,7 +126,7 @@ void Converter::begin_recipients() {
   }
 }
 
-recrep& Converter::next_recipient() {
+Recipient& Converter::next_recipient() {
   try {
     return w_.recipients.next_slot();
   } catch (const std::bad_alloc&) {
@@ -173,14 +169,14 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
     case Take::kIgnore:
       break;
     case Take::kRecipient: {
-      recrep& recipient = next_recipient();
+      Recipient& recipient = next_recipient();
       adcdf_get_recip_line(rules_, line, recipient, w_.recipients.size());
       w_.recipients.store();
       count_up(w_.count);
       break;
     }
     case Take::kRecipientInfo: {
-      recrep& recipient = next_recipient();
+      Recipient& recipient = next_recipient();
       adcdf_get_recip_info(ctx_, recipient, w_.recipients.size());
       w_.recipients.store();
       count_up(w_.count);
@@ -189,7 +185,7 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
     case Take::kDeliveryReason:
       adcdf_get_varstring(rules_, line, 2, value(f), limit(f));
       if (!w_.recipients.empty()) {
-        w_.recipients.back().ndnReason = static_cast<int>(parse_long(value(f)));
+        w_.recipients.back().ndn_reason = static_cast<int>(parse_long(value(f)));
       }
       break;
     case Take::kSignonUser:
@@ -230,7 +226,7 @@ void Converter::take_tray(const Keyword& keyword, std::string_view line) {
 void Converter::skipped(std::string_view line) {
   Buffer& errors = ctx_.output.errors;
   errors.append("Skipped line: ");
-  append_number(errors, ctx_.giLineno);
+  append_number(errors, ctx_.line_number);
   errors.append("\nLine = ");
   errors.append(line);
   errors.push_back('\n');
@@ -239,7 +235,7 @@ void Converter::skipped(std::string_view line) {
   bound_output();
 }
 
-void Converter::write(const Layout& layout, recrep* recipient) {
+void Converter::write(const Layout& layout, Recipient* recipient) {
   if (w_.event.empty()) append_event_columns(w_.event, ctx_.event);
   Buffer& out = ctx_.output.records;
   const size_t room = kNumberBytes + 1 + w_.event.size() + def_.record_bound;
@@ -281,10 +277,10 @@ void Converter::write(const Layout& layout, recrep* recipient) {
         line.bare(recipient->local ? "1" : "0");
         break;
       case Col::kGateway:
-        line.bare(recipient->brindleRoute ? "1" : "0");
+        line.bare(recipient->via_gateway ? "1" : "0");
         break;
       case Col::kReason:
-        line.number(recipient->ndnReason);
+        line.number(recipient->ndn_reason);
         break;
     }
   }

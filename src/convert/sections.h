@@ -29,7 +29,7 @@ std::string statistics_text(const Counters& counters);
 // Converts sections, keeping the converters' working storage from one section to the next.
 class SectionConverter {
  public:
-  // Converts the section of `kind`, whose name line is in gszLine, and counts it.
+  // Converts the section of `kind`, whose name line is ctx.line, and counts it.
   int convert(Context& ctx, const SectionKind& kind);
   ConverterWork& work() { return work_; }
 

@@ -70,8 +70,8 @@ int adcdf_get_varstring(const FieldRules& rules, std::string_view source, int po
 }
 
 int adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
-                           std::string& dest, int MaxLen) {
-  return get_varstring(rules, source, pos, dest, static_cast<size_t>(std::max(MaxLen, 0)));
+                           std::string& dest, int max_len) {
+  return get_varstring(rules, source, pos, dest, static_cast<size_t>(std::max(max_len, 0)));
 }
 
 int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,

@@ -36,7 +36,7 @@ int adcdf_get_varstring(const FieldRules& rules, std::string_view source, int po
 // As adcdf_get_varstring, with the limit given as the routine's own argument (and traced under
 // the same name).
 int adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
-                           std::string& dest, int MaxLen);
+                           std::string& dest, int max_len);
 int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
                             std::string& dest, size_t limit);
 int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,

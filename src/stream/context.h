@@ -20,11 +20,11 @@
 namespace adcdf {
 
 struct Options {
-  std::string gszAuditFilename;
-  std::string gszBaseFilename;
-  int giMaxgen = 7;
+  std::string audit_file;
+  std::string output_base;
+  int max_generations = 7;
   bool debug = false;
-  bool gbUpshift = true;
+  bool upshift = true;
   bool noerr = false;
   bool once = false;    // stop at the end of the audit file
   std::string metrics;  // the metrics file (--metrics), or empty
@@ -60,39 +60,39 @@ struct Context {
     output.errors_spill.set_directory(spill_directory);
   }
 
-  // Reads the next line of the section in hand into gszLine and counts it (waits at the end of
+  // Reads the next line of the section in hand into `line` and counts it (waits at the end of
   // the file; throws SectionAbandoned on a stop, noticed at the latest 1024 lines on).
   std::string_view next_section_line() {
     // A long section does not hold back the sections completed before it.
-    count_up(giLineno);
-    if ((giLineno & 1023) == 0) {
+    count_up(line_number);
+    if ((line_number & 1023) == 0) {
       commit_when_late(*this);
       // Nor does it hold back a stop when it does not end: it is abandoned as at a wait.
       if (!input.keep_going()) throw SectionAbandoned{};
     }
-    gszLine = input.read_section_line();
-    return gszLine;
+    line = input.read_section_line();
+    return line;
   }
 
   Options options;
   Tracer& trace;
   AuditInput& input;
-  Generations generations{options.gszBaseFilename, options.giMaxgen};
+  Generations generations{options.output_base, options.max_generations};
   // Where what a large section produces is kept while it does not fit in memory.
-  const std::string spill_directory = directory_of(options.gszBaseFilename);
+  const std::string spill_directory = directory_of(options.output_base);
 
-  std::string_view gszLine;
-  int giLineno = 0;
+  std::string_view line;
+  int line_number = 0;
   EventTime event;
   LocalTime last;
-  long glGMTcheckpoint = 0;
+  long checkpoint = 0;
   Counters counters{};
   Metrics metrics;
-  std::string gszInitNum = "0";
-  std::string gszInitString;
+  std::string unset_number = "0";
+  std::string unset_string;
 
   // Notes that everything read so far has been handled.
-  void mark_handled() { handled = Handled{input.offset(), giLineno, last}; }
+  void mark_handled() { handled = Handled{input.offset(), line_number, last}; }
 
   PendingOutput output;  // converted, not yet committed
   Handled handled;

@@ -16,8 +16,8 @@ constexpr std::string_view kBlankLine = "\n";
 // Reads the section's remaining lines up to and including its blank line. A line that reads as
 // empty (it starts with a NUL byte) ends the skip as the blank line would.
 void skip_loop(Context& ctx) {
-  while (ctx.gszLine != kBlankLine) {
-    if (ctx.next_section_line().empty()) ctx.gszLine = kBlankLine;
+  while (ctx.line != kBlankLine) {
+    if (ctx.next_section_line().empty()) ctx.line = kBlankLine;
   }
 }
 
@@ -57,18 +57,18 @@ int adcdf_get_generic(Context& ctx) {
   ctx.event.hour = ptime.tm_hour;
   ctx.event.minute = ptime.tm_min;
   ctx.event.second = ptime.tm_sec;
-  ctx.event.glGMT = static_cast<long>(ldate);
+  ctx.event.since_epoch = static_cast<long>(ldate);
 
   // A SIGUSR1 since the last header: forget the last date, so this section starts a new
   // generation unless it is skipped.
-  if (gbNewGenerationRequested) {
-    gbNewGenerationRequested = 0;
+  if (new_generation_requested) {
+    new_generation_requested = 0;
     ctx.last = LocalTime{};
   }
 
   // A section before the checkpoint is in the output already: it leaves the last date as it
   // was, so it cannot set the day back and make the next section start a generation again.
-  if (ctx.event.glGMT < ctx.glGMTcheckpoint) {
+  if (ctx.event.since_epoch < ctx.checkpoint) {
     skip_loop(ctx);
     scope.done();
     return 1;

@@ -48,7 +48,7 @@ class ProcessLoop : public ::testing::Test {
   void SetUp() override {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
-    options.gszBaseFilename = dir.file("b");
+    options.output_base = dir.file("b");
   }
 
   // The files named b.<suffix>, by suffix, but the position file.
@@ -133,11 +133,11 @@ TEST_F(ProcessLoop, RestoreCheckpointFromNewestRecord) {
   for (const RestoreCase& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir run_dir;
-    options.gszBaseFilename = run_dir.file("b");
+    options.output_base = run_dir.file("b");
     for (const auto& [suffix, text] : c.before) run_dir.write("b." + suffix, text);
     Harness h("", options);
     restore_checkpoint(h.ctx);
-    EXPECT_EQ(h.ctx.glGMTcheckpoint, c.checkpoint);
+    EXPECT_EQ(h.ctx.checkpoint, c.checkpoint);
     const LocalTime& l = h.ctx.last;
     EXPECT_EQ((std::array<int, 6>{l.year, l.month, l.day, l.hour, l.minute, l.second}), c.last);
     EXPECT_EQ(h.trace.text(),
@@ -194,7 +194,7 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir run_dir;
-    options.gszBaseFilename = run_dir.file("b");
+    options.output_base = run_dir.file("b");
     options.noerr = c.noerr_before;
     {
       Harness h(first_part, options);

@@ -27,7 +27,7 @@ Converted convert(std::string_view section, const std::string& body) {
   ::tzset();
   Harness h("hdr " + std::to_string(kTime) + "\n" + body + "after\n");
   h.ctx.last = kNoRotation;
-  h.ctx.giLineno = 1;
+  h.ctx.line_number = 1;
   EXPECT_EQ(h.convert(section), 0);
   EXPECT_EQ(h.input.read_line().value_or("<end>"), "after\n");
   return {std::string(h.ctx.output.records.view()), std::string(h.ctx.output.errors.view())};
@@ -279,7 +279,7 @@ TEST(Converters, SectionsBeforeTheCheckpointCountOnlyWhereCountedBeforeTheHeader
     }
     Harness h("hdr 99\nrecipient-to a\nbogus\n\nhdr 100\n\nnext\n");
     h.ctx.last = kNoRotation;
-    h.ctx.glGMTcheckpoint = 100;
+    h.ctx.checkpoint = 100;
     EXPECT_EQ(h.convert(name_line), 0);
     EXPECT_EQ(h.counted(label), counts_skipped ? 1 : 0);
     EXPECT_TRUE(h.ctx.output.empty());

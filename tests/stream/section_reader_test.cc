@@ -28,10 +28,10 @@ class SectionReader : public ::testing::Test {
   void SetUp() override {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
-    options.gszBaseFilename = dir.file("out");
+    options.output_base = dir.file("out");
   }
   void TearDown() override {
-    gbNewGenerationRequested = 0;
+    new_generation_requested = 0;
     ::setenv("TZ", "UTC", 1);
     ::tzset();
   }
@@ -74,7 +74,7 @@ TEST_F(SectionReader, HeaderLineDecodingAndSkipping) {
     EXPECT_EQ(h.convert(adcdf_get_generic), c.result);
     EXPECT_EQ(h.trace.text(),
               "-> adcdf_get_generic\n" + c.trace + (c.result == 0 ? "<- adcdf_get_generic\n" : ""));
-    EXPECT_EQ(h.ctx.giLineno, c.lineno);
+    EXPECT_EQ(h.ctx.line_number, c.lineno);
     EXPECT_EQ(next_line(h), c.next);
     if (c.result == 1) {
       EXPECT_TRUE(h.ctx.last == kNoRotation);
@@ -89,13 +89,13 @@ TEST_F(SectionReader, CheckpointEqualConvertsOneBelowSkips) {
   for (long time : {1700000000L, 1699999999L}) {
     SCOPED_TRACE(time);
     Harness h("h " + std::to_string(time) + "\nk v\n\nnext\n", options);
-    h.ctx.glGMTcheckpoint = 1700000000;
+    h.ctx.checkpoint = 1700000000;
     bool skipped = time < 1700000000;
     EXPECT_EQ(h.convert(adcdf_get_generic), skipped ? 1 : 0);
     // The last date is zero, so only the converted section starts a generation; the skipped one
     // leaves the last date as it was.
     EXPECT_EQ(h.ctx.output.rotation.has_value(), !skipped);
-    EXPECT_EQ(h.ctx.giLineno, skipped ? 3 : 1);
+    EXPECT_EQ(h.ctx.line_number, skipped ? 3 : 1);
     EXPECT_TRUE(h.ctx.last == (skipped ? LocalTime{} : LocalTime{123, 11, 15, 7, 13, 20}));
   }
 }
@@ -145,15 +145,15 @@ TEST_F(SectionReader, NewGenerationRequestRotatesAtNextDatedSection) {
   const std::string dated = "h 1700000000\n";  // converted: its converter reads the rest
   Harness h("h\n\nh 99999999999999999999\n\n" + dated + dated, options);
   h.ctx.last = LocalTime{123, 11, 14, 0, 0, 0};  // same day: no rotation of its own
-  gbNewGenerationRequested = 1;
+  new_generation_requested = 1;
   // Headers without a usable time leave the request pending.
   EXPECT_EQ(h.convert(adcdf_get_generic), 1);
   EXPECT_EQ(h.convert(adcdf_get_generic), 1);
   EXPECT_FALSE(h.ctx.output.rotation);
-  EXPECT_EQ(gbNewGenerationRequested, 1);
+  EXPECT_EQ(new_generation_requested, 1);
   EXPECT_EQ(h.convert(adcdf_get_generic), 0);
   EXPECT_TRUE(h.ctx.output.rotation);
-  EXPECT_EQ(gbNewGenerationRequested, 0);
+  EXPECT_EQ(new_generation_requested, 0);
   h.ctx.output.rotation.reset();
   EXPECT_EQ(h.convert(adcdf_get_generic), 0);
   EXPECT_FALSE(h.ctx.output.rotation);
