@@ -13,6 +13,7 @@
 #include "stream/audit_input.h"
 #include "stream/context.h"
 #include "stream/line_reader.h"
+#include "stream/section_reader.h"
 #include "support/trace.h"
 #include "temp_dir.h"
 
@@ -91,14 +92,14 @@ struct Harness {
   }
 
   // Runs a routine of the section reader as a converter would: the name line has just been read.
-  int convert(int (*routine)(Context&)) {
+  Header convert(Header (*routine)(Context&)) {
     ctx.line = "section\n";
     return routine(ctx);
   }
   // Converts the section of `name_line` as the processing loop would, that line just read.
-  int convert(std::string_view name_line) {
+  void convert(std::string_view name_line) {
     ctx.line = name_line;
-    return converter.convert(ctx, *find_section(name_line));
+    converter.convert(ctx, *find_section(name_line));
   }
   // The count of the section kind labelled `label` in the statistics.
   int counted(std::string_view label) const {

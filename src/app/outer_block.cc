@@ -22,7 +22,7 @@ constexpr const char* kOuterBlock = "main: ADCDF Daemon Outer Block";
 
 void adcdf_Init(int /*service*/, int /*component*/) {}
 
-int outer_block(int argc, char** argv, Tracer& trace) {
+void outer_block(int argc, char** argv, Tracer& trace) {
   if (argc < 3) {
     trace.write(kUsageText);
     throw ProcessExit{1};
@@ -41,7 +41,6 @@ int outer_block(int argc, char** argv, Tracer& trace) {
   record_pid(program, ctx.options.output_base);
   adcdf_process_file(ctx);
   remove_pid(program);
-  return 0;
 }
 
 // Descriptors 0, 1 and 2 that were closed at start point to /dev/null, so that no file the

@@ -123,7 +123,7 @@ bool convert_section(Context& ctx, SectionConverter& converter, const SectionKin
 
 }  // namespace
 
-int adcdf_process_file(Context& ctx) {
+void adcdf_process_file(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_process_file");
   ctx.input.set_report([&ctx](const AuditTrouble& trouble) { report_audit_trouble(ctx, trouble); });
   start_run(ctx);
@@ -171,7 +171,6 @@ int adcdf_process_file(Context& ctx) {
   ctx.generations.close();
   ctx.errlog.close();
   scope.done();
-  return 0;
 }
 
 }  // namespace adcdf

@@ -8,6 +8,6 @@ namespace adcdf {
 
 // Starts the run (see stream/restart.h), then converts sections until a stop is requested.
 // Prints the statistics in debug mode and closes the files.
-int adcdf_process_file(Context& ctx);
+void adcdf_process_file(Context& ctx);
 
 }  // namespace adcdf

@@ -25,7 +25,7 @@ class Converter {
   Converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work)
       : ctx_(ctx), def_(def), counter_(counter), w_(work), rules_{ctx.trace, ctx.options.upshift} {}
 
-  int run();
+  void run();
 
  private:
   void reset_values();
@@ -48,7 +48,7 @@ class Converter {
   bool read_whole_ = false;  // the blank line has been read
 };
 
-int Converter::run() {
+void Converter::run() {
   TraceScope scope(ctx_.trace, def_.name);
   int& counter = counter_;
   if (def_.counting == Counting::kPassedOver) {
@@ -56,7 +56,7 @@ int Converter::run() {
     }
     count_up(counter);
     scope.done();
-    return 0;
+    return;
   }
   bool counted = false;
   try {
@@ -66,7 +66,7 @@ int Converter::run() {
       counted = true;
     }
     if (def_.recipients == RecipientArrayUse::kBeforeHeader) begin_recipients();
-    if (adcdf_get_generic(ctx_) == 1) return 0;
+    if (adcdf_get_generic(ctx_) == Header::kSkip) return;
     if (def_.counting == Counting::kAfterHeader) {
       count_up(counter);
       counted = true;
@@ -99,7 +99,6 @@ int Converter::run() {
     w_.recipients.for_each([this](Recipient& r) { write(*def_.recipient_record, &r); });
   }
   scope.done();
-  return 0;
 }
 
 void Converter::reset_values() {
@@ -292,8 +291,8 @@ void Converter::write(const Layout& layout, Recipient* recipient) {
 
 }  // namespace
 
-int run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work) {
-  return Converter(ctx, def, counter, work).run();
+void run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work) {
+  Converter(ctx, def, counter, work).run();
 }
 
 }  // namespace adcdf

@@ -86,8 +86,8 @@ std::string statistics_text(const Counters& counters) {
   return text + "\n";
 }
 
-int SectionConverter::convert(Context& ctx, const SectionKind& kind) {
-  return run_converter(ctx, *kind.def, ctx.counters[static_cast<size_t>(&kind - kKinds)], work_);
+void SectionConverter::convert(Context& ctx, const SectionKind& kind) {
+  run_converter(ctx, *kind.def, ctx.counters[static_cast<size_t>(&kind - kKinds)], work_);
 }
 
 }  // namespace adcdf

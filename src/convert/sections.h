@@ -30,7 +30,7 @@ std::string statistics_text(const Counters& counters);
 class SectionConverter {
  public:
   // Converts the section of `kind`, whose name line is ctx.line, and counts it.
-  int convert(Context& ctx, const SectionKind& kind);
+  void convert(Context& ctx, const SectionKind& kind);
   ConverterWork& work() { return work_; }
 
  private:

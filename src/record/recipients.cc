@@ -100,8 +100,8 @@ const char* RecipientStore::unpack_one(const char* at, const char* end) {
   return at + 1 + sizeof slot_.ndn_reason;
 }
 
-int adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Recipient& recipient,
-                         int /*index*/) {
+void adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Recipient& recipient,
+                          int /*index*/) {
   TraceScope scope(rules.trace, "adcdf_get_recip_line");
   std::string_view line = without_newline(source);
   size_t hyphen = line.find('-');
@@ -134,10 +134,9 @@ int adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Recip
     recipient.recip.clear();
   }
   scope.done();
-  return 0;
 }
 
-int adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index) {
+void adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index) {
   TraceScope scope(ctx.trace, "adcdf_get_recip_info");
   FieldRules rules{ctx.trace, ctx.options.upshift};
   adcdf_get_recip_line(rules, ctx.line, recipient, index);
@@ -146,11 +145,10 @@ int adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index) {
   recipient.local = recipient.queue == "LOCAL";
   recipient.via_gateway = is_gateway_queue(recipient.queue);
   scope.done();
-  return 0;
 }
 
-int adcdf_process_user(const FieldRules& rules, std::string_view source, UserFields out,
-                       const UserLimits& limits) {
+void adcdf_process_user(const FieldRules& rules, std::string_view source, UserFields out,
+                        const UserLimits& limits) {
   TraceScope scope(rules.trace, "adcdf_process_user");
   std::string_view line = source;
   size_t ibreak4 = line.rfind(' ');
@@ -189,7 +187,6 @@ int adcdf_process_user(const FieldRules& rules, std::string_view source, UserFie
     assign_cut(out.name2, parts[3], limits.name2);
   }
   scope.done();
-  return 0;
 }
 
 }  // namespace adcdf

@@ -116,10 +116,10 @@ constexpr size_t kAckReqLimit = 2;
 constexpr size_t kQueueLimit = 127;
 constexpr size_t kRecipLimit = 849;
 
-int adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Recipient& recipient,
-                         int index);
+void adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Recipient& recipient,
+                          int index);
 // Fills the recipient from its line and from the two lines after it, which it reads.
-int adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index);
+void adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index);
 
 // The four values of a user line, with the most characters each may hold.
 struct UserFields {
@@ -131,7 +131,7 @@ struct UserFields {
 struct UserLimits {
   size_t number, mail_name, name1, name2;
 };
-int adcdf_process_user(const FieldRules& rules, std::string_view source, UserFields out,
-                       const UserLimits& limits);
+void adcdf_process_user(const FieldRules& rules, std::string_view source, UserFields out,
+                        const UserLimits& limits);
 
 }  // namespace adcdf

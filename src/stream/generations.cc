@@ -166,23 +166,21 @@ std::string header_record(std::time_t now, std::string_view host) {
   return record;
 }
 
-int adcdf_rename_files(Context& ctx) {
+void adcdf_rename_files(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_rename_files");
   // What the sections before this one produced belongs in the generation that is about to move.
   commit_output(ctx);
   ctx.output.rotation = ctx.generations.plan(ctx.trace);
   adcdf_writeheaderrec(ctx);
   scope.done();
-  return 0;
 }
 
-int adcdf_writeheaderrec(Context& ctx) {
+void adcdf_writeheaderrec(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_writeheaderrec");
   char host[kHeaderHostWidth + 1] = {};
   ::gethostname(host, kHeaderHostWidth);
   ctx.output.rotation->header = header_record(std::time(nullptr), host);
   scope.done();
-  return 0;
 }
 
 }  // namespace adcdf

@@ -87,8 +87,8 @@ class Generations {
 };
 
 // Plans a rotation for the section in hand, with its header record.
-int adcdf_rename_files(Context& ctx);
+void adcdf_rename_files(Context& ctx);
 // Sets the header record (today's date, this host) of the rotation the section starts.
-int adcdf_writeheaderrec(Context& ctx);
+void adcdf_writeheaderrec(Context& ctx);
 
 }  // namespace adcdf

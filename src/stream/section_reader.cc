@@ -27,10 +27,10 @@ bool day_changed(const EventTime& event, const LocalTime& last) {
 
 }  // namespace
 
-int adcdf_get_generic(Context& ctx) {
+Header adcdf_get_generic(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_get_generic");
   std::string_view line = ctx.next_section_line();
-  if (line.empty() || line == kBlankLine) return 1;
+  if (line.empty() || line == kBlankLine) return Header::kSkip;
 
   Tokenizer words(line);
   words.next(" ");
@@ -41,7 +41,7 @@ int adcdf_get_generic(Context& ctx) {
   }
   if (!pstr) {
     skip_loop(ctx);
-    return 1;
+    return Header::kSkip;
   }
 
   std::time_t ldate = parse_long(*pstr);
@@ -49,7 +49,7 @@ int adcdf_get_generic(Context& ctx) {
   struct tm ptime {};
   if (localtime_r(&ldate, &ptime) == nullptr) {
     skip_loop(ctx);
-    return 1;
+    return Header::kSkip;
   }
   ctx.event.year = ptime.tm_year;
   ctx.event.month = ptime.tm_mon + 1;
@@ -71,12 +71,12 @@ int adcdf_get_generic(Context& ctx) {
   if (ctx.event.since_epoch < ctx.checkpoint) {
     skip_loop(ctx);
     scope.done();
-    return 1;
+    return Header::kSkip;
   }
   if (day_changed(ctx.event, ctx.last)) adcdf_rename_files(ctx);
   ctx.last = ctx.event;
   scope.done();
-  return 0;
+  return Header::kConvert;
 }
 
 }  // namespace adcdf
