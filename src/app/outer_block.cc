@@ -20,8 +20,6 @@ namespace {
 
 constexpr const char* kOuterBlock = "main: ADCDF Daemon Outer Block";
 
-void adcdf_Init(int /*service*/, int /*component*/) {}
-
 void outer_block(int argc, char** argv, Tracer& trace) {
   if (argc < 3) {
     trace.write(kUsageText);
@@ -74,7 +72,6 @@ int run_daemon(int argc, char** argv) {
   static char stderr_buffer[1 << 16];
   std::setvbuf(stderr, stderr_buffer, _IOFBF, sizeof stderr_buffer);
   Tracer trace(stderr);
-  adcdf_Init(0, 0);
   trace.enter(kOuterBlock);
   bool fatal = false;
   try {

@@ -104,7 +104,7 @@ void Converter::run() {
 void Converter::reset_values() {
   if (w_.values.size() < def_.fields.size()) w_.values.resize(def_.fields.size());
   for (size_t i = 0; i < def_.fields.size(); ++i) {
-    w_.values[i] = def_.fields[i].numeric ? ctx_.unset_number : ctx_.unset_string;
+    w_.values[i] = def_.fields[i].numeric ? "0" : "";
   }
   w_.count = 0;
   w_.got_first = false;

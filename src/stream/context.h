@@ -88,8 +88,6 @@ struct Context {
   long checkpoint = 0;
   Counters counters{};
   Metrics metrics;
-  std::string unset_number = "0";
-  std::string unset_string;
 
   // Notes that everything read so far has been handled.
   void mark_handled() { handled = Handled{input.offset(), line_number, last}; }

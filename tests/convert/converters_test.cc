@@ -282,7 +282,7 @@ TEST(Converters, SectionsBeforeTheCheckpointCountOnlyWhereCountedBeforeTheHeader
     h.ctx.checkpoint = 100;
     h.convert(name_line);
     EXPECT_EQ(h.counted(label), counts_skipped ? 1 : 0);
-    EXPECT_TRUE(h.ctx.output.empty());
+    EXPECT_TRUE(h.ctx.output.complete_size() == 0 && !h.ctx.output.rotation);
     h.convert(name_line);
     EXPECT_EQ(h.counted(label), counts_skipped ? 2 : 1);
     EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");

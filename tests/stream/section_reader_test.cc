@@ -83,7 +83,7 @@ TEST_F(SectionReader, HeaderLineDecodingAndSkipping) {
     if (c.result == kSkip) {
       EXPECT_TRUE(h.ctx.last == kNoRotation);
     }
-    EXPECT_TRUE(h.ctx.output.empty());
+    EXPECT_TRUE(h.ctx.output.complete_size() == 0 && !h.ctx.output.rotation);
   }
 }
 
