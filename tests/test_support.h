@@ -103,8 +103,8 @@ struct Harness {
   }
   // The count of the section kind labelled `label` in the statistics.
   int counted(std::string_view label) const {
-    for (size_t i = 0; i < section_kinds().size(); ++i) {
-      if (section_kinds()[i].label == label) return ctx.counters[i];
+    for (size_t i = 0; i < std::size(kKinds); ++i) {
+      if (kKinds[i].label == label) return converter.counters()[i];
     }
     return -1;
   }

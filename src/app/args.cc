@@ -96,7 +96,6 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
 
 void adcdf_init_vars(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_init_vars");
-  ctx.counters = Counters{};
   install_handler(SIGUSR1, on_new_generation_signal);
   // An interrupt from the terminal and a hang-up stop the daemon the way SIGTERM does.
   for (int stop : {SIGTERM, SIGINT, SIGHUP}) install_handler(stop, on_stop_signal);

@@ -25,8 +25,7 @@ struct ParsedArgs {
 // process with status 2 (ProcessExit) when a name is missing or the audit file cannot be opened.
 ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace);
 
-// Zeroes the counters and installs the handlers of SIGUSR1 (a new generation) and of SIGTERM,
-// SIGINT and SIGHUP (stop).
+// Installs the handlers of SIGUSR1 (a new generation) and of SIGTERM, SIGINT and SIGHUP (stop).
 void adcdf_init_vars(Context& ctx);
 
 // "~/logs/audit" with "~" standing for $HOME (the empty string when it is unset).

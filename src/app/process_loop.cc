@@ -9,12 +9,11 @@
 #include "record/record_writer.h"
 #include "stream/commit.h"
 #include "stream/restart.h"
+#include "stream/section_reader.h"
 #include "support/notify.h"
 
 namespace adcdf {
 namespace {
-
-constexpr std::string_view kBlankLine = "\n";
 
 void report_unknown_section(Context& ctx) {
   Buffer& errors = ctx.output.errors;
@@ -60,7 +59,7 @@ void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
 // how far it has got, at most once a second, and that it stops.
 class Progress {
  public:
-  explicit Progress(Context& ctx) : ctx_(ctx), metrics_(ctx) {}
+  Progress(Context& ctx, const Counters& counters) : ctx_(ctx), metrics_(ctx, counters) {}
 
   void ready() {
     metrics_.write();
@@ -128,7 +127,7 @@ void adcdf_process_file(Context& ctx) {
   ctx.input.set_report([&ctx](const AuditTrouble& trouble) { report_audit_trouble(ctx, trouble); });
   start_run(ctx);
   SectionConverter converter;
-  Progress progress(ctx);
+  Progress progress(ctx, converter.counters());
   progress.ready();
   ctx.input.set_before_wait([&ctx, &progress] {
     commit_output(ctx);
@@ -164,7 +163,7 @@ void adcdf_process_file(Context& ctx) {
   commit_output(ctx);
   keep_position(ctx, PositionDue::kStop);
   progress.stopped();
-  if (ctx.trace.on()) ctx.trace.write(statistics_text(ctx.counters));
+  if (ctx.trace.on()) ctx.trace.write(statistics_text(converter.counters()));
   ctx.input.set_before_wait(nullptr);
   ctx.input.set_at_new_file(nullptr);
   ctx.input.set_report(nullptr);

@@ -1,5 +1,5 @@
-// The main loop: follows the audit file, hands each section to its converter, and commits what
-// the sections produced (see stream/commit.h).
+// The main loop: reads the audit file line by line between sections, hands each section to its
+// converter, reports unknown sections, and commits what the sections produced (stream/commit.h).
 #pragma once
 
 #include "stream/context.h"

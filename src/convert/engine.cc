@@ -18,8 +18,6 @@
 namespace adcdf {
 namespace {
 
-constexpr std::string_view kBlankLine = "\n";
-
 class Converter {
  public:
   Converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work)
@@ -52,7 +50,7 @@ void Converter::run() {
   TraceScope scope(ctx_.trace, def_.name);
   int& counter = counter_;
   if (def_.counting == Counting::kPassedOver) {
-    while (ctx_.next_section_line() != kBlankLine) {
+    while (next_section_line(ctx_) != kBlankLine) {
     }
     count_up(counter);
     scope.done();
@@ -75,7 +73,7 @@ void Converter::run() {
     if (def_.announce_read) ctx_.trace.printf("Starting record read...\n");
 
     for (;;) {
-      std::string_view line = ctx_.next_section_line();
+      std::string_view line = next_section_line(ctx_);
       if (const Keyword* match = def_.index.match(line)) {
         apply(*match, line);
       } else if (line == kBlankLine) {

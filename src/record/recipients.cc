@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "stream/context.h"
+#include "stream/section_reader.h"
 
 namespace adcdf {
 namespace {
@@ -52,7 +52,7 @@ void RecipientStore::begin_section(const std::string& spill_directory) {
   count_ = 0;
   unpacked_ = false;
   packed_.clear();
-  packed_.room(4096);
+  packed_.room(Buffer::kMinCapacity);
   spill_.clear();
   spill_.set_directory(spill_directory);
 }
@@ -140,8 +140,8 @@ void adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index) {
   TraceScope scope(ctx.trace, "adcdf_get_recip_info");
   FieldRules rules{ctx.trace, ctx.options.upshift};
   adcdf_get_recip_line(rules, ctx.line, recipient, index);
-  adcdf_get_item(rules, ctx.next_section_line(), 2, recipient.ack_req, kAckReqLimit);
-  adcdf_get_varstring(rules, ctx.next_section_line(), 2, recipient.queue, kQueueLimit);
+  adcdf_get_item(rules, next_section_line(ctx), 2, recipient.ack_req, kAckReqLimit);
+  adcdf_get_varstring(rules, next_section_line(ctx), 2, recipient.queue, kQueueLimit);
   recipient.local = recipient.queue == "LOCAL";
   recipient.via_gateway = is_gateway_queue(recipient.queue);
   scope.done();

@@ -88,7 +88,7 @@ void RecipientStore::for_each(Visit&& visit) {
     // Read back in pieces as large as the memory kept; a piece's last recipient may be cut, and
     // is then read again at the front of the next.
     Buffer piece;
-    const size_t room = memory_limit < 4096 ? 4096 : memory_limit;
+    const size_t room = std::max(memory_limit, Buffer::kMinCapacity);
     for (long long at = 0; at < spill_.size();) {
       size_t got = spill_.read_at(piece.room(room), room, at);
       piece.commit_to(piece.view().data() + got);

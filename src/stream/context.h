@@ -2,11 +2,11 @@
 //
 // One Context lives for a whole run. It holds the command-line settings, the current line and
 // its number, the event time of the section in hand and of the last one, the checkpoint, the
-// section counters, the output not yet committed, how far the audit file has been handled and
-// committed, and the error and position files.
+// output not yet committed, how far the audit file has been handled and committed, and the
+// generations, error and position files. The section counters live with the section table
+// (convert/sections.h).
 #pragma once
 
-#include <array>
 #include <string>
 #include <string_view>
 
@@ -39,39 +39,17 @@ struct Handled {
   LocalTime last;
 };
 
-// One counter per section kind, in the order of the section table (convert/sections.h).
-inline constexpr size_t kSectionKinds = 23;
-using Counters = std::array<int, kSectionKinds>;
-
 // Adds `by` to a count, wrapping past the limits of int as a 32-bit counter does instead of
 // overflowing: the line numbers and section counts of a daemon that runs for years.
 constexpr void count_up(int& n, int by = 1) {
   n = static_cast<int>(static_cast<unsigned>(n) + static_cast<unsigned>(by));
 }
 
-struct Context;
-// Commits the complete sections pending once the oldest has waited long enough (commit.h).
-void commit_when_late(Context& ctx);
-
 struct Context {
   Context(Options opts, Tracer& tracer, AuditInput& audit)
       : options(std::move(opts)), trace(tracer), input(audit) {
     output.records_spill.set_directory(spill_directory);
     output.errors_spill.set_directory(spill_directory);
-  }
-
-  // Reads the next line of the section in hand into `line` and counts it (waits at the end of
-  // the file; throws SectionAbandoned on a stop, noticed at the latest 1024 lines on).
-  std::string_view next_section_line() {
-    // A long section does not hold back the sections completed before it.
-    count_up(line_number);
-    if ((line_number & 1023) == 0) {
-      commit_when_late(*this);
-      // Nor does it hold back a stop when it does not end: it is abandoned as at a wait.
-      if (!input.keep_going()) throw SectionAbandoned{};
-    }
-    line = input.read_section_line();
-    return line;
   }
 
   Options options;
@@ -86,7 +64,6 @@ struct Context {
   EventTime event;
   LocalTime last;
   long checkpoint = 0;
-  Counters counters{};
   Metrics metrics;
 
   // Notes that everything read so far has been handled.

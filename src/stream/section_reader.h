@@ -1,4 +1,5 @@
-// The section header: event time, checkpoint skip and change of day.
+// Reading a section: its lines, one at a time, and its header (event time, checkpoint skip and
+// change of day, which commits what is pending and plans the rotation of the generations).
 //
 // adcdf_get_generic reads the header line that follows a section name line. It answers kConvert
 // when the section is to be converted (the event time is set, and a rotation is planned when the
@@ -8,9 +9,18 @@
 // while it reads abandons the section (SectionAbandoned), as it does anywhere in a section.
 #pragma once
 
+#include <string_view>
+
+#include "stream/context.h"
+
 namespace adcdf {
 
-struct Context;
+// The line that ends a section.
+inline constexpr std::string_view kBlankLine = "\n";
+
+// Reads the next line of the section in hand into ctx.line and counts it (waits at the end of
+// the file; throws SectionAbandoned on a stop, noticed at the latest 1024 lines on).
+std::string_view next_section_line(Context& ctx);
 
 enum class Header { kConvert, kSkip };
 

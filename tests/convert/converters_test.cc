@@ -274,7 +274,7 @@ TEST(Converters, SectionsBeforeTheCheckpointCountOnlyWhereCountedBeforeTheHeader
   for (const auto& [label, counts_skipped] : kinds) {
     SCOPED_TRACE(label);
     std::string_view name_line;
-    for (const SectionKind& kind : section_kinds()) {
+    for (const SectionKind& kind : kKinds) {
       if (kind.label == label) name_line = kind.name_line;
     }
     Harness h("hdr 99\nrecipient-to a\nbogus\n\nhdr 100\n\nnext\n");
