@@ -40,8 +40,7 @@ class SectionReader : public ::testing::Test {
   Options options;
 };
 
-constexpr Header kConvert = Header::kConvert;
-constexpr Header kSkip = Header::kSkip;
+using enum Header;
 
 struct HeaderCase {
   const char* name;
