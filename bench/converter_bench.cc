@@ -149,15 +149,15 @@ size_t convert_all(std::string_view text) {
   SectionConverter converter;
   size_t produced = 0;
   while (auto line = input.read_line()) {
-    ctx.gszLine = *line;
-    if (ctx.gszLine != "\n") {
-      if (const SectionKind* kind = find_section(ctx.gszLine)) {
+    ctx.line = *line;
+    if (ctx.line != "\n") {
+      if (const SectionKind* kind = find_section(ctx.line)) {
         converter.convert(ctx, *kind);
         produced += ctx.output.records.size();
         ctx.output.forget_complete();
       }
     }
-    ++ctx.giLineno;
+    ++ctx.line_number;
   }
   return produced;
 }
@@ -195,8 +195,8 @@ void BM_ProcessFile(benchmark::State& state) {
     AuditInput input(source, waiter);
     Tracer trace(stderr);
     Options options;
-    options.gszBaseFilename = (dir / "cdf").string();
-    options.giMaxgen = 100;
+    options.output_base = (dir / "cdf").string();
+    options.max_generations = 100;
     Context ctx(options, trace, input);
     state.ResumeTiming();
     adcdf_process_file(ctx);

@@ -217,12 +217,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool in_pieces = flags & 0x80;
 
   adcdf::Options options;
-  options.gszAuditFilename = "fuzz.audit";
-  options.gszBaseFilename = g_dir + "/cdf";
+  options.audit_file = "fuzz.audit";
+  options.output_base = g_dir + "/cdf";
   options.debug = debug;
-  options.gbUpshift = !(flags & 0x02);
+  options.upshift = !(flags & 0x02);
   options.noerr = flags & 0x04;
-  options.giMaxgen = (flags >> 4) & 0x03;
+  options.max_generations = (flags >> 4) & 0x03;
 
   const bool started_clean = !keep_files || dir_bytes() > kKeptBytesLimit;
   if (started_clean) clear_dir();
@@ -235,7 +235,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   RunResult result =
       run(options, memory_trace, in_pieces ? std::string() : std::string(audit), pieces);
-  check_outputs("cdf", options.giMaxgen, started_clean);
+  check_outputs("cdf", options.max_generations, started_clean);
   if (options.noerr && started_clean && result.files.contains("cdf.ERR")) {
     fail("error file written with noerr", g_dir, result.files["cdf.ERR"]);
   }

@@ -4,7 +4,7 @@
 // Input layout:
 //   byte 0     bit 0: upshift, bit 1: debug trace (to /dev/null)
 //   byte 1     word position, -1..6
-//   bytes 2-3  limit (little-endian, 0..1299); byte 2 alone also gives the MaxLen of the _sz
+//   bytes 2-3  limit (little-endian, 0..1299); byte 2 alone also gives the max_len of the _sz
 //              variant as a signed value, so negative limits are tried too
 //   bytes 4-7  the four limits of a user line
 //   the rest   the line
@@ -142,12 +142,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CHECK(varstring == unescape_by_rule(mta), "adcdf_get_varstring",
         "not the mta value with its escapes removed", line, varstring);
 
-  // adcdf_get_varstring_sz: as adcdf_get_varstring, a negative MaxLen holding nothing.
+  // adcdf_get_varstring_sz: as adcdf_get_varstring, a negative max_len holding nothing.
   const size_t sz_limit = max_len < 0 ? 0 : static_cast<size_t>(max_len);
   std::string sz = run_both("adcdf_get_varstring_sz", line, [&](std::string& d) {
     adcdf::adcdf_get_varstring_sz(rules, line, pos, d, max_len);
   });
-  CHECK(sz.size() <= sz_limit, "adcdf_get_varstring_sz", "value longer than MaxLen", line, sz);
+  CHECK(sz.size() <= sz_limit, "adcdf_get_varstring_sz", "value longer than max_len", line, sz);
   std::string expected_sz;
   adcdf::adcdf_get_varstring(rules, line, pos, expected_sz, sz_limit);
   CHECK(sz == expected_sz, "adcdf_get_varstring_sz", "differs from adcdf_get_varstring", line, sz);
@@ -189,7 +189,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         "escapes removed wrongly", line, text);
 
   // adcdf_get_recip_line: a category digit and a cleaned address within 849 characters.
-  adcdf::recrep recipient;
+  adcdf::Recipient recipient;
   recipient.recip = kStale;
   recipient.category = "x";
   adcdf::adcdf_get_recip_line(rules, line, recipient, 0);

@@ -13,6 +13,7 @@
 #include "stream/audit_input.h"
 #include "stream/context.h"
 #include "stream/line_reader.h"
+#include "stream/section_reader.h"
 #include "support/trace.h"
 #include "temp_dir.h"
 
@@ -91,19 +92,19 @@ struct Harness {
   }
 
   // Runs a routine of the section reader as a converter would: the name line has just been read.
-  int convert(int (*routine)(Context&)) {
-    ctx.gszLine = "section\n";
+  Header convert(Header (*routine)(Context&)) {
+    ctx.line = "section\n";
     return routine(ctx);
   }
   // Converts the section of `name_line` as the processing loop would, that line just read.
-  int convert(std::string_view name_line) {
-    ctx.gszLine = name_line;
-    return converter.convert(ctx, *find_section(name_line));
+  void convert(std::string_view name_line) {
+    ctx.line = name_line;
+    converter.convert(ctx, *find_section(name_line));
   }
   // The count of the section kind labelled `label` in the statistics.
   int counted(std::string_view label) const {
-    for (size_t i = 0; i < section_kinds().size(); ++i) {
-      if (section_kinds()[i].label == label) return ctx.counters[i];
+    for (size_t i = 0; i < std::size(kKinds); ++i) {
+      if (kKinds[i].label == label) return converter.counters()[i];
     }
     return -1;
   }

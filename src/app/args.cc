@@ -38,7 +38,7 @@ namespace {
 
 }  // namespace
 
-std::string util_GetActualFName(const std::string& configured) {
+std::string expand_home(const std::string& configured) {
   if (configured.empty() || configured[0] != '~') return configured;
   const char* home = std::getenv("HOME");
   return std::string(home ? home : "") + configured.substr(1);
@@ -48,7 +48,7 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
   TraceScope scope(trace, "adcdf_parse_args");
   ParsedArgs parsed;
   Options& o = parsed.options;
-  o.gszAuditFilename = util_GetActualFName("~/logs/audit");
+  o.audit_file = expand_home("~/logs/audit");
   bool audit_given = false;
   for (int i = 1; i < argc; ++i) {
     std::string_view arg = argv[i];
@@ -56,19 +56,19 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
     if (arg == "-a") {
       ++i;
       if (value == nullptr || *value == '\0') fail(trace, "\nAuditFile name missing.\n");
-      o.gszAuditFilename = value;
-      parsed.audit = FileSource::open(o.gszAuditFilename);
+      o.audit_file = value;
+      parsed.audit = FileSource::open(o.audit_file);
       if (!parsed.audit) fail(trace, "\nFailed to open the audit file.\n");
       audit_given = true;
     } else if (arg == "-b") {
       ++i;
       if (value == nullptr || *value == '\0') fail(trace, "\nBaseFile name missing.\n");
-      o.gszBaseFilename = value;
+      o.output_base = value;
     } else if (arg == "-g") {
       ++i;
-      if (value != nullptr) o.giMaxgen = std::min(static_cast<int>(parse_long(value)), 100);
+      if (value != nullptr) o.max_generations = std::min(static_cast<int>(parse_long(value)), 100);
     } else if (arg == "-x") {
-      o.gbUpshift = false;
+      o.upshift = false;
     } else if (arg == "-d") {
       o.debug = true;
       trace.set_debug(true);
@@ -82,13 +82,13 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
     }
   }
   if (!audit_given) {
-    parsed.audit = FileSource::open(o.gszAuditFilename);
+    parsed.audit = FileSource::open(o.audit_file);
     if (!parsed.audit) fail(trace, "\nFailed to open the audit file.\n");
   }
   trace.printf(
       "Current args:\n Auditfilename     = %s\n Basefilename      = %s\n Maxgenerations    = "
       "%d\n Upshift addresses = %s\n Debug mode        = %s\n\n",
-      o.gszAuditFilename.c_str(), o.gszBaseFilename.c_str(), o.giMaxgen, o.gbUpshift ? "Yes" : "No",
+      o.audit_file.c_str(), o.output_base.c_str(), o.max_generations, o.upshift ? "Yes" : "No",
       o.debug ? "On" : "Off");
   scope.done();
   return parsed;
@@ -96,12 +96,9 @@ ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace) {
 
 void adcdf_init_vars(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_init_vars");
-  ctx.counters = Counters{};
-  ctx.gszInitNum = "0";
-  ctx.gszInitString.clear();
-  util_Signal(SIGUSR1, adcdf_sighandler1);
+  install_handler(SIGUSR1, on_new_generation_signal);
   // An interrupt from the terminal and a hang-up stop the daemon the way SIGTERM does.
-  for (int stop : {SIGTERM, SIGINT, SIGHUP}) util_Signal(stop, adcdf_sighandler2);
+  for (int stop : {SIGTERM, SIGINT, SIGHUP}) install_handler(stop, on_stop_signal);
   scope.done();
 }
 

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "stream/context.h"
 #include "stream/audit_sources.h"
+#include "stream/context.h"
 #include "support/trace.h"
 
 namespace adcdf {
@@ -25,11 +25,10 @@ struct ParsedArgs {
 // process with status 2 (ProcessExit) when a name is missing or the audit file cannot be opened.
 ParsedArgs adcdf_parse_args(int argc, char** argv, Tracer& trace);
 
-// Zeroes the counters, sets the default texts and installs the handlers of SIGUSR1 (a new
-// generation) and of SIGTERM, SIGINT and SIGHUP (stop).
+// Installs the handlers of SIGUSR1 (a new generation) and of SIGTERM, SIGINT and SIGHUP (stop).
 void adcdf_init_vars(Context& ctx);
 
 // "~/logs/audit" with "~" standing for $HOME (the empty string when it is unset).
-std::string util_GetActualFName(const std::string& configured);
+std::string expand_home(const std::string& configured);
 
 }  // namespace adcdf

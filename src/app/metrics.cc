@@ -4,20 +4,18 @@
 
 #include <algorithm>
 
-#include "convert/sections.h"
 #include "support/clock.h"
 #include "support/error.h"
 #include "support/textfile.h"
 
 namespace adcdf {
 
-std::string metrics_text(Context& ctx) {
+std::string metrics_text(Context& ctx, const Counters& counters) {
   const Metrics& m = ctx.metrics;
-  Textfile t("base", ctx.options.gszBaseFilename);
+  Textfile t("base", ctx.options.output_base);
   t.metric("ekadcdf_sections_converted_total", "counter",
            "Audit file sections converted (or passed over), by kind.");
-  const auto kinds = section_kinds();
-  for (size_t i = 0; i < kinds.size(); ++i) t.sample(ctx.counters[i], "kind", kinds[i].label);
+  for (size_t i = 0; i < counters.size(); ++i) t.sample(counters[i], "kind", kKinds[i].label);
   t.metric("ekadcdf_records_written_total", "counter",
            "CDF records written to the current generation.");
   t.sample(m.records);
@@ -50,7 +48,7 @@ void MetricsFile::write() {
   if (ctx_.options.metrics.empty()) return;
   written_ = coarse_now();
   try {
-    write_textfile(ctx_.options.metrics, metrics_text(ctx_));
+    write_textfile(ctx_.options.metrics, metrics_text(ctx_, counters_));
   } catch (const AdcdfError&) {
     // Not a reason to stop converting; the next write tries again.
   }

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <string>
 
+#include "convert/sections.h"
 #include "stream/context.h"
 
 namespace adcdf {
@@ -17,11 +18,11 @@ namespace adcdf {
 inline constexpr std::chrono::seconds kMetricsEvery{5};
 
 // The textfile text of the daemon's figures now.
-std::string metrics_text(Context& ctx);
+std::string metrics_text(Context& ctx, const Counters& counters);
 
 class MetricsFile {
  public:
-  explicit MetricsFile(Context& ctx) : ctx_(ctx) {}
+  MetricsFile(Context& ctx, const Counters& counters) : ctx_(ctx), counters_(counters) {}
   // Writes the file now (nothing without --metrics).
   void write();
   // Writes it when kMetricsEvery has passed since the last write.
@@ -29,6 +30,7 @@ class MetricsFile {
 
  private:
   Context& ctx_;
+  const Counters& counters_;
   std::chrono::steady_clock::time_point written_{};
 };
 

@@ -20,28 +20,25 @@ namespace {
 
 constexpr const char* kOuterBlock = "main: ADCDF Daemon Outer Block";
 
-void adcdf_Init(int /*service*/, int /*component*/) {}
-
-int outer_block(int argc, char** argv, Tracer& trace) {
+void outer_block(int argc, char** argv, Tracer& trace) {
   if (argc < 3) {
     trace.write(kUsageText);
     throw ProcessExit{1};
   }
   ParsedArgs args = adcdf_parse_args(argc, argv, trace);
   PollWaiter waiter(trace, args.options.once);
-  AuditInput input(*args.audit, waiter, &trace, args.options.gszAuditFilename);
+  AuditInput input(*args.audit, waiter, &trace, args.options.audit_file);
   Context ctx(args.options, trace, input);
   adcdf_init_vars(ctx);
   // Every name is checked before any file is created. One daemon per base name: the lock comes
   // before the process-list entry and before any output file is opened, so a daemon refused
   // here has touched nothing.
-  ctx.generations.names().check(ctx.options.giMaxgen, ctx.options.noerr);
+  ctx.generations.names().check(ctx.options.max_generations, ctx.options.noerr);
   ctx.positions.lock(ctx.generations.names().position());
-  const std::string program = util_BaseName(argv[0]);
-  proc_RecordMyPid(program, ctx.options.gszBaseFilename);
+  const std::string program = file_name_of(argv[0]);
+  record_pid(program, ctx.options.output_base);
   adcdf_process_file(ctx);
-  proc_RemoveMyPid(program);
-  return 0;
+  remove_pid(program);
 }
 
 // Descriptors 0, 1 and 2 that were closed at start point to /dev/null, so that no file the
@@ -70,12 +67,11 @@ int run_daemon(int argc, char** argv) {
     std::fputs(kAddedOptions, stdout);
     return 0;
   }
-  bContinue = 1;
+  keep_running = 1;
   // Full buffering: the trace is flushed before every sleep and at exit.
   static char stderr_buffer[1 << 16];
   std::setvbuf(stderr, stderr_buffer, _IOFBF, sizeof stderr_buffer);
   Tracer trace(stderr);
-  adcdf_Init(0, 0);
   trace.enter(kOuterBlock);
   bool fatal = false;
   try {
@@ -86,11 +82,11 @@ int run_daemon(int argc, char** argv) {
     return exit.status;
   } catch (const AdcdfError& error) {
     std::printf("adcdf error: %d %d %s\n", error.group(), error.reason(),
-                msg_GetAnyMsg(error).c_str());
+                error_message(error).c_str());
     fatal = true;
   } catch (const std::bad_alloc&) {
     std::printf("adcdf error: %d %d %s\n", kGroupMemory, kReasonAlloc,
-                msg_GetAnyMsg(AdcdfError(kGroupMemory, kReasonAlloc, "no memory left")).c_str());
+                error_message(AdcdfError(kGroupMemory, kReasonAlloc, "no memory left")).c_str());
     fatal = true;
   }
   trace.leave(kOuterBlock);

@@ -9,20 +9,19 @@
 #include "record/record_writer.h"
 #include "stream/commit.h"
 #include "stream/restart.h"
+#include "stream/section_reader.h"
 #include "support/notify.h"
 
 namespace adcdf {
 namespace {
 
-constexpr std::string_view kBlankLine = "\n";
-
 void report_unknown_section(Context& ctx) {
   Buffer& errors = ctx.output.errors;
   const size_t from = errors.size();
   errors.append("Unknown audit file section: line ");
-  append_number(errors, ctx.giLineno);
+  append_number(errors, ctx.line_number);
   errors.push_back('\n');
-  errors.append(ctx.gszLine);
+  errors.append(ctx.line);
   errors.push_back('\n');
   ++ctx.metrics.errors.unknown_section;
   if (ctx.trace.on()) ctx.trace.write(errors.view().substr(from));
@@ -39,7 +38,7 @@ void report_cut_section(Context& ctx, int name_line) {
 
 // Audit data the daemon could not read: one entry, and the same debug line.
 void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
-  const std::string& name = ctx.options.gszAuditFilename;
+  const std::string& name = ctx.options.audit_file;
   std::string entry;
   if (trouble.unreadable) {
     entry = "Audit file " + name + " cannot be read: " + *trouble.unreadable + "\n";
@@ -47,7 +46,7 @@ void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
   } else {
     ++ctx.metrics.errors.audit_data_lost;
     entry = "Audit data lost after line ";
-    append_number(entry, trouble.after_line >= 0 ? trouble.after_line : ctx.giLineno - 1);
+    append_number(entry, trouble.after_line >= 0 ? trouble.after_line : ctx.line_number - 1);
     entry += " of " + name;
     if (trouble.lost >= 0) entry += ": " + std::to_string(trouble.lost) + " bytes";
     entry.push_back('\n');
@@ -60,7 +59,7 @@ void report_audit_trouble(Context& ctx, const AuditTrouble& trouble) {
 // how far it has got, at most once a second, and that it stops.
 class Progress {
  public:
-  explicit Progress(Context& ctx) : ctx_(ctx), metrics_(ctx) {}
+  Progress(Context& ctx, const Counters& counters) : ctx_(ctx), metrics_(ctx, counters) {}
 
   void ready() {
     metrics_.write();
@@ -94,9 +93,9 @@ class Progress {
   std::chrono::steady_clock::time_point told_;
 };
 
-// Converts the section whose name line is in gszLine. False when a stop abandoned it.
+// Converts the section whose name line is ctx.line. False when a stop abandoned it.
 bool convert_section(Context& ctx, SectionConverter& converter, const SectionKind& kind) {
-  const int name_line = ctx.giLineno;
+  const int name_line = ctx.line_number;
   ctx.output.begin_section();
   try {
     converter.convert(ctx, kind);
@@ -112,23 +111,23 @@ bool convert_section(Context& ctx, SectionConverter& converter, const SectionKin
     return true;
   }
   ctx.output.end_section();
-  ctx.metrics.last_event = ctx.event.glGMT;
+  ctx.metrics.last_event = ctx.event.since_epoch;
   if (ctx.output.rotation) {
     rotate_for_section(ctx);
     ++ctx.metrics.rotations;
   }
-  count_up(ctx.giLineno);
+  count_up(ctx.line_number);
   return true;
 }
 
 }  // namespace
 
-int adcdf_process_file(Context& ctx) {
+void adcdf_process_file(Context& ctx) {
   TraceScope scope(ctx.trace, "adcdf_process_file");
   ctx.input.set_report([&ctx](const AuditTrouble& trouble) { report_audit_trouble(ctx, trouble); });
   start_run(ctx);
   SectionConverter converter;
-  Progress progress(ctx);
+  Progress progress(ctx, converter.counters());
   progress.ready();
   ctx.input.set_before_wait([&ctx, &progress] {
     commit_output(ctx);
@@ -141,20 +140,20 @@ int adcdf_process_file(Context& ctx) {
 
   while (ctx.input.keep_going()) {
     std::optional<std::string_view> line = ctx.input.read_line();
-    ctx.gszLine = line ? *line : kBlankLine;
+    ctx.line = line ? *line : kBlankLine;
     if (ctx.trace.on()) {
-      ctx.trace.printf("gszLine: %.*s\n", static_cast<int>(ctx.gszLine.size()), ctx.gszLine.data());
+      ctx.trace.printf("gszLine: %.*s\n", static_cast<int>(ctx.line.size()), ctx.line.data());
     }
     if (!line) break;  // stopped at the end of the file: the empty read is not a line
-    if (ctx.gszLine == kBlankLine) {
-      count_up(ctx.giLineno);
-    } else if (const SectionKind* kind = find_section(ctx.gszLine)) {
+    if (ctx.line == kBlankLine) {
+      count_up(ctx.line_number);
+    } else if (const SectionKind* kind = find_section(ctx.line)) {
       if (!convert_section(ctx, converter, *kind)) break;
       count_up(progress.sections);
       progress.update();
     } else {
       report_unknown_section(ctx);
-      count_up(ctx.giLineno);
+      count_up(ctx.line_number);
     }
     ctx.mark_handled();
     commit_when_due(ctx);
@@ -164,14 +163,13 @@ int adcdf_process_file(Context& ctx) {
   commit_output(ctx);
   keep_position(ctx, PositionDue::kStop);
   progress.stopped();
-  if (ctx.trace.on()) ctx.trace.write(statistics_text(ctx.counters));
+  if (ctx.trace.on()) ctx.trace.write(statistics_text(converter.counters()));
   ctx.input.set_before_wait(nullptr);
   ctx.input.set_at_new_file(nullptr);
   ctx.input.set_report(nullptr);
   ctx.generations.close();
   ctx.errlog.close();
   scope.done();
-  return 0;
 }
 
 }  // namespace adcdf

@@ -1,5 +1,5 @@
-// The main loop: follows the audit file, hands each section to its converter, and commits what
-// the sections produced (see stream/commit.h).
+// The main loop: reads the audit file line by line between sections, hands each section to its
+// converter, reports unknown sections, and commits what the sections produced (stream/commit.h).
 #pragma once
 
 #include "stream/context.h"
@@ -8,6 +8,6 @@ namespace adcdf {
 
 // Starts the run (see stream/restart.h), then converts sections until a stop is requested.
 // Prints the statistics in debug mode and closes the files.
-int adcdf_process_file(Context& ctx);
+void adcdf_process_file(Context& ctx);
 
 }  // namespace adcdf

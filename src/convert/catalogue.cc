@@ -122,7 +122,7 @@ RecordType header() {
 
 std::vector<RecordType> build() {
   std::vector<RecordType> types;
-  for (const SectionKind& kind : section_kinds()) {
+  for (const SectionKind& kind : kKinds) {
     if (kind.def == nullptr) continue;
     add(types, kind.def->section_record, kind.def->fields);
     add(types, kind.def->recipient_record, kind.def->fields);

@@ -18,27 +18,21 @@
 namespace adcdf {
 namespace {
 
-constexpr std::string_view kBlankLine = "\n";
-
 class Converter {
  public:
   Converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work)
-      : ctx_(ctx),
-        def_(def),
-        counter_(counter),
-        w_(work),
-        rules_{ctx.trace, ctx.options.gbUpshift} {}
+      : ctx_(ctx), def_(def), counter_(counter), w_(work), rules_{ctx.trace, ctx.options.upshift} {}
 
-  int run();
+  void run();
 
  private:
   void reset_values();
   void begin_recipients();
-  recrep& next_recipient();
+  Recipient& next_recipient();
   void apply(const Keyword& keyword, std::string_view line);
   void take_tray(const Keyword& keyword, std::string_view line);
   void skipped(std::string_view line);
-  void write(const Layout& layout, recrep* recipient);
+  void write(const Layout& layout, Recipient* recipient);
   void bound_output() { bound_section_output(ctx_, read_whole_); }
   std::string& value(int field) { return w_.values[static_cast<size_t>(field)]; }
   size_t limit(int field) const { return def_.fields[static_cast<size_t>(field)].limit; }
@@ -52,15 +46,15 @@ class Converter {
   bool read_whole_ = false;  // the blank line has been read
 };
 
-int Converter::run() {
+void Converter::run() {
   TraceScope scope(ctx_.trace, def_.name);
   int& counter = counter_;
   if (def_.counting == Counting::kPassedOver) {
-    while (ctx_.next_section_line() != kBlankLine) {
+    while (next_section_line(ctx_) != kBlankLine) {
     }
     count_up(counter);
     scope.done();
-    return 0;
+    return;
   }
   bool counted = false;
   try {
@@ -70,7 +64,7 @@ int Converter::run() {
       counted = true;
     }
     if (def_.recipients == RecipientArrayUse::kBeforeHeader) begin_recipients();
-    if (adcdf_get_generic(ctx_) == 1) return 0;
+    if (adcdf_get_generic(ctx_) == Header::kSkip) return;
     if (def_.counting == Counting::kAfterHeader) {
       count_up(counter);
       counted = true;
@@ -79,7 +73,7 @@ int Converter::run() {
     if (def_.announce_read) ctx_.trace.printf("Starting record read...\n");
 
     for (;;) {
-      std::string_view line = ctx_.next_section_line();
+      std::string_view line = next_section_line(ctx_);
       if (const Keyword* match = def_.index.match(line)) {
         apply(*match, line);
       } else if (line == kBlankLine) {
@@ -100,16 +94,15 @@ int Converter::run() {
   if (ctx_.output.spilled()) write_section_part(ctx_);
   if (def_.section_record != nullptr) write(*def_.section_record, nullptr);
   if (def_.recipient_record != nullptr) {
-    w_.recipients.for_each([this](recrep& r) { write(*def_.recipient_record, &r); });
+    w_.recipients.for_each([this](Recipient& r) { write(*def_.recipient_record, &r); });
   }
   scope.done();
-  return 0;
 }
 
 void Converter::reset_values() {
   if (w_.values.size() < def_.fields.size()) w_.values.resize(def_.fields.size());
   for (size_t i = 0; i < def_.fields.size(); ++i) {
-    w_.values[i] = def_.fields[i].numeric ? ctx_.gszInitNum : ctx_.gszInitString;
+    w_.values[i] = def_.fields[i].numeric ? "0" : "";
   }
   w_.count = 0;
   w_.got_first = false;
@@ -130,7 +123,7 @@ void Converter::begin_recipients() {
   }
 }
 
-recrep& Converter::next_recipient() {
+Recipient& Converter::next_recipient() {
   try {
     return w_.recipients.next_slot();
   } catch (const std::bad_alloc&) {
@@ -173,14 +166,14 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
     case Take::kIgnore:
       break;
     case Take::kRecipient: {
-      recrep& recipient = next_recipient();
+      Recipient& recipient = next_recipient();
       adcdf_get_recip_line(rules_, line, recipient, w_.recipients.size());
       w_.recipients.store();
       count_up(w_.count);
       break;
     }
     case Take::kRecipientInfo: {
-      recrep& recipient = next_recipient();
+      Recipient& recipient = next_recipient();
       adcdf_get_recip_info(ctx_, recipient, w_.recipients.size());
       w_.recipients.store();
       count_up(w_.count);
@@ -189,7 +182,7 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
     case Take::kDeliveryReason:
       adcdf_get_varstring(rules_, line, 2, value(f), limit(f));
       if (!w_.recipients.empty()) {
-        w_.recipients.back().ndnReason = static_cast<int>(parse_long(value(f)));
+        w_.recipients.back().ndn_reason = static_cast<int>(parse_long(value(f)));
       }
       break;
     case Take::kSignonUser:
@@ -230,7 +223,7 @@ void Converter::take_tray(const Keyword& keyword, std::string_view line) {
 void Converter::skipped(std::string_view line) {
   Buffer& errors = ctx_.output.errors;
   errors.append("Skipped line: ");
-  append_number(errors, ctx_.giLineno);
+  append_number(errors, ctx_.line_number);
   errors.append("\nLine = ");
   errors.append(line);
   errors.push_back('\n');
@@ -239,7 +232,7 @@ void Converter::skipped(std::string_view line) {
   bound_output();
 }
 
-void Converter::write(const Layout& layout, recrep* recipient) {
+void Converter::write(const Layout& layout, Recipient* recipient) {
   if (w_.event.empty()) append_event_columns(w_.event, ctx_.event);
   Buffer& out = ctx_.output.records;
   const size_t room = kNumberBytes + 1 + w_.event.size() + def_.record_bound;
@@ -281,10 +274,10 @@ void Converter::write(const Layout& layout, recrep* recipient) {
         line.bare(recipient->local ? "1" : "0");
         break;
       case Col::kGateway:
-        line.bare(recipient->brindleRoute ? "1" : "0");
+        line.bare(recipient->via_gateway ? "1" : "0");
         break;
       case Col::kReason:
-        line.number(recipient->ndnReason);
+        line.number(recipient->ndn_reason);
         break;
     }
   }
@@ -296,8 +289,8 @@ void Converter::write(const Layout& layout, recrep* recipient) {
 
 }  // namespace
 
-int run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work) {
-  return Converter(ctx, def, counter, work).run();
+void run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work) {
+  Converter(ctx, def, counter, work).run();
 }
 
 }  // namespace adcdf

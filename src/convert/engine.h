@@ -325,6 +325,6 @@ struct ConverterWork {
 };
 
 // Converts the section whose name line has just been read, counting it in `counter`.
-int run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work);
+void run_converter(Context& ctx, const ConverterDef& def, int& counter, ConverterWork& work);
 
 }  // namespace adcdf

@@ -5,39 +5,9 @@
 #include <cstdint>
 #include <string>
 
-#include "convert/converters.h"
-
 namespace adcdf {
 namespace {
 
-using namespace converters;
-
-constexpr SectionKind kKinds[] = {
-    {"Bulletin", "bulletin\n", &kBulletin},
-    {"Delivery", "delivery\n", &kDelivery},
-    {"Desk-in", "desk-in\n", &kDeskIn},
-    {"Desk-out", "desk-out\n", &kDeskOut},
-    {"DirSync-in", "dirsync-in\n", &kDirSyncIn},
-    {"DirSync-out", "dirsync-out\n", &kDirSyncOut},
-    {"Fax-gateway", "fax\n", &kFax},
-    {"Ekscan", "ekscan\n", &kEkscan},
-    {"Request-server", "request\n", &kRequest},
-    {"Routing", "routing\n", &kRouting},
-    {"Routing-summary", "", nullptr},
-    {"Subsystem-start", "subsystem-start\n", &kSubsystemStart},
-    {"Subsystem-stop", "subsystem-stop\n", &kSubsystemStop},
-    {"Unix-in", "unix-in\n", &kUnixIn},
-    {"Unix-out", "unix-out\n", &kUnixOut},
-    {"User-signoff", "user-signoff\n", &kUserSignoff},
-    {"User-signon", "user-signon\n", &kUserSignon},
-    {"X400-in", "x400-in\n", &kX400In},
-    {"X400-out", "x400-out\n", &kX400Out},
-    {"SMS-in", "sms-in\n", &kSmsIn},
-    {"SMS-out", "sms-out\n", &kSmsOut},
-    {"NOTES-in", "notes-in\n", &kNotesIn},
-    {"NOTES-out", "notes-out\n", &kNotesOut},
-};
-static_assert(std::size(kKinds) == kSectionKinds);
 static_assert(std::ranges::all_of(kKinds, [](const SectionKind& kind) {
   return kind.label.size() < 23 && (kind.name_line.empty() || kind.name_line.ends_with('\n'));
 }));
@@ -62,10 +32,6 @@ constexpr NameIndex kNameIndex;
 
 }  // namespace
 
-std::span<const SectionKind> section_kinds() {
-  return kKinds;
-}
-
 const SectionKind* find_section(std::string_view line) {
   if (line.empty()) return nullptr;
   for (uint8_t row : kNameIndex.kinds[static_cast<unsigned char>(line[0])]) {
@@ -78,7 +44,7 @@ const SectionKind* find_section(std::string_view line) {
 std::string statistics_text(const Counters& counters) {
   std::string text =
       "Statistics:\n\nSection name           Number\n-----------------------------\n";
-  for (size_t i = 0; i < kSectionKinds; ++i) {
+  for (size_t i = 0; i < counters.size(); ++i) {
     std::string label(kKinds[i].label);
     label.resize(23, ' ');
     text += label + std::to_string(counters[i]) + "\n";
@@ -86,8 +52,8 @@ std::string statistics_text(const Counters& counters) {
   return text + "\n";
 }
 
-int SectionConverter::convert(Context& ctx, const SectionKind& kind) {
-  return run_converter(ctx, *kind.def, ctx.counters[static_cast<size_t>(&kind - kKinds)], work_);
+void SectionConverter::convert(Context& ctx, const SectionKind& kind) {
+  run_converter(ctx, *kind.def, counters_[static_cast<size_t>(&kind - kKinds)], work_);
 }
 
 }  // namespace adcdf

@@ -38,19 +38,10 @@ void remove_escapes(std::string& text) {
   text.resize(out);
 }
 
-int get_varstring(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
-                  size_t limit) {
-  TraceScope scope(rules.trace, "adcdf_get_varstring");
-  assign_cut(dest, varstring_value(source, pos), limit);
-  adcdf_special_processing(rules.trace, dest);
-  scope.done();
-  return 0;
-}
-
 }  // namespace
 
-int adcdf_get_item(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
-                   size_t limit) {
+void adcdf_get_item(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                    size_t limit) {
   TraceScope scope(rules.trace, "adcdf_get_item");
   if (pos == 1) {
     assign_cut(dest, source, limit);
@@ -61,39 +52,39 @@ int adcdf_get_item(const FieldRules& rules, std::string_view source, int pos, st
     assign_cut(dest, word.value_or(std::string_view{}), limit);
   }
   scope.done();
-  return 0;
 }
 
-int adcdf_get_varstring(const FieldRules& rules, std::string_view source, int pos,
-                        std::string& dest, size_t limit) {
-  return get_varstring(rules, source, pos, dest, limit);
+void adcdf_get_varstring(const FieldRules& rules, std::string_view source, int pos,
+                         std::string& dest, size_t limit) {
+  TraceScope scope(rules.trace, "adcdf_get_varstring");
+  assign_cut(dest, varstring_value(source, pos), limit);
+  adcdf_special_processing(rules.trace, dest);
+  scope.done();
 }
 
-int adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
-                           std::string& dest, int MaxLen) {
-  return get_varstring(rules, source, pos, dest, static_cast<size_t>(std::max(MaxLen, 0)));
+void adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
+                            std::string& dest, int max_len) {
+  adcdf_get_varstring(rules, source, pos, dest, static_cast<size_t>(std::max(max_len, 0)));
 }
 
-int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
-                            std::string& dest, size_t limit) {
+void adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
+                             std::string& dest, size_t limit) {
   TraceScope scope(rules.trace, "adcdf_get_varstring_mta");
   assign_cut(dest, varstring_value(source, pos), limit);
   scope.done();
-  return 0;
 }
 
-int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
-                      size_t limit) {
+void adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                       size_t limit) {
   TraceScope scope(rules.trace, "adcdf_get_address");
   // The varstring goes through `dest` itself, which the cleaning then rewrites in place.
-  get_varstring(rules, source, pos, dest, kAddressWorkLimit);
+  adcdf_get_varstring(rules, source, pos, dest, kAddressWorkLimit);
   adcdf_clean_address(rules, dest, dest, limit);
   scope.done();
-  return 0;
 }
 
-int adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
-                        size_t limit) {
+void adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
+                         size_t limit) {
   TraceScope scope(rules.trace, "adcdf_clean_address");
   size_t take = std::min(source.size(), limit > 0 ? limit - 1 : 0);
   dest.resize(take);
@@ -105,14 +96,12 @@ int adcdf_clean_address(const FieldRules& rules, std::string_view source, std::s
   if (limit > 0) dest.push_back(' ');
   adcdf_special_processing(rules.trace, dest);
   scope.done();
-  return 0;
 }
 
-int adcdf_special_processing(Tracer& trace, std::string& text) {
+void adcdf_special_processing(Tracer& trace, std::string& text) {
   TraceScope scope(trace, "adcdf_special_processing");
   remove_escapes(text);
   scope.done();
-  return 0;
 }
 
 }  // namespace adcdf

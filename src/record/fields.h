@@ -29,22 +29,22 @@ struct FieldRules {
 // Capacity of the work buffer an address passes through before it is cleaned.
 constexpr size_t kAddressWorkLimit = 849;
 
-int adcdf_get_item(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
-                   size_t limit);
-int adcdf_get_varstring(const FieldRules& rules, std::string_view source, int pos,
-                        std::string& dest, size_t limit);
+void adcdf_get_item(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                    size_t limit);
+void adcdf_get_varstring(const FieldRules& rules, std::string_view source, int pos,
+                         std::string& dest, size_t limit);
 // As adcdf_get_varstring, with the limit given as the routine's own argument (and traced under
 // the same name).
-int adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
-                           std::string& dest, int MaxLen);
-int adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
-                            std::string& dest, size_t limit);
-int adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
-                      size_t limit);
+void adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
+                            std::string& dest, int max_len);
+void adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
+                             std::string& dest, size_t limit);
+void adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
+                       size_t limit);
 // `source` may be a view of `dest`: the address is cleaned in place.
-int adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
-                        size_t limit);
-int adcdf_special_processing(Tracer& trace, std::string& text);
+void adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
+                         size_t limit);
+void adcdf_special_processing(Tracer& trace, std::string& text);
 
 // a-z to A-Z; every other byte unchanged, whatever the locale.
 inline char upper_ascii(char c) {

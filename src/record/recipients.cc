@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "stream/context.h"
+#include "stream/section_reader.h"
 
 namespace adcdf {
 namespace {
@@ -52,24 +52,24 @@ void RecipientStore::begin_section(const std::string& spill_directory) {
   count_ = 0;
   unpacked_ = false;
   packed_.clear();
-  packed_.room(4096);
+  packed_.room(Buffer::kMinCapacity);
   spill_.clear();
   spill_.set_directory(spill_directory);
 }
 
-recrep& RecipientStore::next_slot() {
+Recipient& RecipientStore::next_slot() {
   if (unpacked_) pack(slot_);
   unpacked_ = false;
   slot_.category.clear();
   slot_.ack_req.clear();
   slot_.queue.clear();
   slot_.recip.clear();
-  slot_.local = slot_.brindleRoute = false;
-  slot_.ndnReason = 0;
+  slot_.local = slot_.via_gateway = false;
+  slot_.ndn_reason = 0;
   return slot_;
 }
 
-void RecipientStore::pack(const recrep& r) {
+void RecipientStore::pack(const Recipient& r) {
   // The texts are cut to their limits when they are taken, far below what two bytes count.
   const size_t bytes =
       kFixedBytes + r.category.size() + r.ack_req.size() + r.queue.size() + r.recip.size();
@@ -81,9 +81,9 @@ void RecipientStore::pack(const recrep& r) {
   for (const std::string* text : {&r.category, &r.ack_req, &r.queue, &r.recip}) {
     at = put_text(at, *text);
   }
-  *at++ = static_cast<char>((r.local ? 1 : 0) | (r.brindleRoute ? 2 : 0));
-  std::memcpy(at, &r.ndnReason, sizeof r.ndnReason);
-  packed_.commit_to(at + sizeof r.ndnReason);
+  *at++ = static_cast<char>((r.local ? 1 : 0) | (r.via_gateway ? 2 : 0));
+  std::memcpy(at, &r.ndn_reason, sizeof r.ndn_reason);
+  packed_.commit_to(at + sizeof r.ndn_reason);
 }
 
 const char* RecipientStore::unpack_one(const char* at, const char* end) {
@@ -91,19 +91,19 @@ const char* RecipientStore::unpack_one(const char* at, const char* end) {
     if (at == nullptr) return nullptr;
     at = get_text(at, end, *text);
   }
-  if (at == nullptr || end - at < static_cast<ptrdiff_t>(1 + sizeof slot_.ndnReason)) {
+  if (at == nullptr || end - at < static_cast<ptrdiff_t>(1 + sizeof slot_.ndn_reason)) {
     return nullptr;
   }
   slot_.local = (*at & 1) != 0;
-  slot_.brindleRoute = (*at & 2) != 0;
-  std::memcpy(&slot_.ndnReason, at + 1, sizeof slot_.ndnReason);
-  return at + 1 + sizeof slot_.ndnReason;
+  slot_.via_gateway = (*at & 2) != 0;
+  std::memcpy(&slot_.ndn_reason, at + 1, sizeof slot_.ndn_reason);
+  return at + 1 + sizeof slot_.ndn_reason;
 }
 
-int adcdf_get_recip_line(const FieldRules& rules, std::string_view pszSource, recrep& recipient,
-                         int /*index*/) {
+void adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Recipient& recipient,
+                          int /*index*/) {
   TraceScope scope(rules.trace, "adcdf_get_recip_line");
-  std::string_view line = without_newline(pszSource);
+  std::string_view line = without_newline(source);
   size_t hyphen = line.find('-');
   std::string_view category;
   bool has_address = false;
@@ -134,25 +134,23 @@ int adcdf_get_recip_line(const FieldRules& rules, std::string_view pszSource, re
     recipient.recip.clear();
   }
   scope.done();
-  return 0;
 }
 
-int adcdf_get_recip_info(Context& ctx, recrep& recipient, int index) {
+void adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index) {
   TraceScope scope(ctx.trace, "adcdf_get_recip_info");
-  FieldRules rules{ctx.trace, ctx.options.gbUpshift};
-  adcdf_get_recip_line(rules, ctx.gszLine, recipient, index);
-  adcdf_get_item(rules, ctx.next_section_line(), 2, recipient.ack_req, kAckReqLimit);
-  adcdf_get_varstring(rules, ctx.next_section_line(), 2, recipient.queue, kQueueLimit);
+  FieldRules rules{ctx.trace, ctx.options.upshift};
+  adcdf_get_recip_line(rules, ctx.line, recipient, index);
+  adcdf_get_item(rules, next_section_line(ctx), 2, recipient.ack_req, kAckReqLimit);
+  adcdf_get_varstring(rules, next_section_line(ctx), 2, recipient.queue, kQueueLimit);
   recipient.local = recipient.queue == "LOCAL";
-  recipient.brindleRoute = is_gateway_queue(recipient.queue);
+  recipient.via_gateway = is_gateway_queue(recipient.queue);
   scope.done();
-  return 0;
 }
 
-int adcdf_process_user(const FieldRules& rules, std::string_view pszSource, UserFields out,
-                       const UserLimits& limits) {
+void adcdf_process_user(const FieldRules& rules, std::string_view source, UserFields out,
+                        const UserLimits& limits) {
   TraceScope scope(rules.trace, "adcdf_process_user");
-  std::string_view line = pszSource;
+  std::string_view line = source;
   size_t ibreak4 = line.rfind(' ');
   size_t ibreak3 = ibreak4 == 0 || ibreak4 == std::string_view::npos ? std::string_view::npos
                                                                      : line.rfind(' ', ibreak4 - 1);
@@ -189,7 +187,6 @@ int adcdf_process_user(const FieldRules& rules, std::string_view pszSource, User
     assign_cut(out.name2, parts[3], limits.name2);
   }
   scope.done();
-  return 0;
 }
 
 }  // namespace adcdf

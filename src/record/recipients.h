@@ -1,6 +1,6 @@
 // Recipients and user lines.
 //
-// A recipient line 'recipient-<category> <address>' fills a recrep: the category word after the
+// A recipient line 'recipient-<category> <address>' fills a Recipient: the category word after the
 // first hyphen gives "0" to "3" for to, cc, bcc, from and "4" for anything else; the rest of the
 // line is the address, cleaned. In a routing section the two lines after it (acknowledgement
 // request, then queue) belong to the recipient too.
@@ -26,14 +26,14 @@ namespace adcdf {
 
 struct Context;
 
-struct recrep {
-  std::string category;       // "0".."4"
-  std::string ack_req;        // at most 2 characters
-  std::string queue;          // at most 127 characters
-  std::string recip;          // cleaned address, at most 849 characters with its appended blank
-  bool local = false;         // queue is exactly "LOCAL"
-  bool brindleRoute = false;  // queue starts with a gateway queue name
-  int ndnReason = 0;
+struct Recipient {
+  std::string category;      // "0".."4"
+  std::string ack_req;       // at most 2 characters
+  std::string queue;         // at most 127 characters
+  std::string recip;         // cleaned address, at most 849 characters with its appended blank
+  bool local = false;        // queue is exactly "LOCAL"
+  bool via_gateway = false;  // queue starts with a gateway queue name
+  int ndn_reason = 0;
 };
 
 class RecipientStore {
@@ -45,7 +45,7 @@ class RecipientStore {
   void begin_section(const std::string& spill_directory);
   // The slot for the next recipient, reset to an empty recipient (reason 0). Throws
   // std::bad_alloc when the store cannot grow. The recipient counts once stored.
-  recrep& next_slot();
+  Recipient& next_slot();
   void store() {
     ++count_;
     unpacked_ = true;
@@ -54,8 +54,8 @@ class RecipientStore {
   int size() const { return static_cast<int>(count_); }
   bool empty() const { return count_ == 0; }
   // The recipient stored last.
-  recrep& back() { return slot_; }
-  // Calls visit(recrep&) with each stored recipient in reading order (in a slot it may change),
+  Recipient& back() { return slot_; }
+  // Calls visit(Recipient&) with each stored recipient in reading order (in a slot it may change),
   // once the section has been read; what a large section needed is given back after.
   template <typename Visit>
   void for_each(Visit&& visit);
@@ -65,7 +65,7 @@ class RecipientStore {
   static constexpr size_t kKeepBytes = 64 * 1024;
 
  private:
-  void pack(const recrep& recipient);
+  void pack(const Recipient& recipient);
   // Unpacks the whole recipients at the front of `packed` into slot_, visiting each; returns the
   // bytes they took.
   template <typename Visit>
@@ -73,7 +73,7 @@ class RecipientStore {
   // Reads one packed recipient from `at` into slot_; null when `end` comes first.
   const char* unpack_one(const char* at, const char* end);
 
-  recrep slot_;            // the recipient stored last, then the one being visited
+  Recipient slot_;         // the recipient stored last, then the one being visited
   bool unpacked_ = false;  // slot_ holds a stored recipient not packed yet
   Buffer packed_;
   SpillFile spill_;
@@ -88,7 +88,7 @@ void RecipientStore::for_each(Visit&& visit) {
     // Read back in pieces as large as the memory kept; a piece's last recipient may be cut, and
     // is then read again at the front of the next.
     Buffer piece;
-    const size_t room = memory_limit < 4096 ? 4096 : memory_limit;
+    const size_t room = std::max(memory_limit, Buffer::kMinCapacity);
     for (long long at = 0; at < spill_.size();) {
       size_t got = spill_.read_at(piece.room(room), room, at);
       piece.commit_to(piece.view().data() + got);
@@ -116,10 +116,10 @@ constexpr size_t kAckReqLimit = 2;
 constexpr size_t kQueueLimit = 127;
 constexpr size_t kRecipLimit = 849;
 
-int adcdf_get_recip_line(const FieldRules& rules, std::string_view pszSource, recrep& recipient,
-                         int index);
+void adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Recipient& recipient,
+                          int index);
 // Fills the recipient from its line and from the two lines after it, which it reads.
-int adcdf_get_recip_info(Context& ctx, recrep& recipient, int index);
+void adcdf_get_recip_info(Context& ctx, Recipient& recipient, int index);
 
 // The four values of a user line, with the most characters each may hold.
 struct UserFields {
@@ -131,7 +131,7 @@ struct UserFields {
 struct UserLimits {
   size_t number, mail_name, name1, name2;
 };
-int adcdf_process_user(const FieldRules& rules, std::string_view pszSource, UserFields out,
-                       const UserLimits& limits);
+void adcdf_process_user(const FieldRules& rules, std::string_view source, UserFields out,
+                        const UserLimits& limits);
 
 }  // namespace adcdf

@@ -8,12 +8,12 @@
 namespace adcdf {
 
 bool PollWaiter::keep_going() {
-  return bContinue != 0;
+  return keep_running != 0;
 }
 
 void PollWaiter::pause() {
   if (once_) {
-    bContinue = 0;
+    keep_running = 0;
     return;
   }
   trace_.printf("waiting...\n");

@@ -2,11 +2,11 @@
 //
 // One Context lives for a whole run. It holds the command-line settings, the current line and
 // its number, the event time of the section in hand and of the last one, the checkpoint, the
-// section counters, the output not yet committed, how far the audit file has been handled and
-// committed, and the error and position files.
+// output not yet committed, how far the audit file has been handled and committed, and the
+// generations, error and position files. The section counters live with the section table
+// (convert/sections.h).
 #pragma once
 
-#include <array>
 #include <string>
 #include <string_view>
 
@@ -20,11 +20,11 @@
 namespace adcdf {
 
 struct Options {
-  std::string gszAuditFilename;
-  std::string gszBaseFilename;
-  int giMaxgen = 7;
+  std::string audit_file;
+  std::string output_base;
+  int max_generations = 7;
   bool debug = false;
-  bool gbUpshift = true;
+  bool upshift = true;
   bool noerr = false;
   bool once = false;    // stop at the end of the audit file
   std::string metrics;  // the metrics file (--metrics), or empty
@@ -39,19 +39,11 @@ struct Handled {
   LocalTime last;
 };
 
-// One counter per section kind, in the order of the section table (convert/sections.h).
-inline constexpr size_t kSectionKinds = 23;
-using Counters = std::array<int, kSectionKinds>;
-
 // Adds `by` to a count, wrapping past the limits of int as a 32-bit counter does instead of
 // overflowing: the line numbers and section counts of a daemon that runs for years.
 constexpr void count_up(int& n, int by = 1) {
   n = static_cast<int>(static_cast<unsigned>(n) + static_cast<unsigned>(by));
 }
-
-struct Context;
-// Commits the complete sections pending once the oldest has waited long enough (commit.h).
-void commit_when_late(Context& ctx);
 
 struct Context {
   Context(Options opts, Tracer& tracer, AuditInput& audit)
@@ -60,39 +52,22 @@ struct Context {
     output.errors_spill.set_directory(spill_directory);
   }
 
-  // Reads the next line of the section in hand into gszLine and counts it (waits at the end of
-  // the file; throws SectionAbandoned on a stop, noticed at the latest 1024 lines on).
-  std::string_view next_section_line() {
-    // A long section does not hold back the sections completed before it.
-    count_up(giLineno);
-    if ((giLineno & 1023) == 0) {
-      commit_when_late(*this);
-      // Nor does it hold back a stop when it does not end: it is abandoned as at a wait.
-      if (!input.keep_going()) throw SectionAbandoned{};
-    }
-    gszLine = input.read_section_line();
-    return gszLine;
-  }
-
   Options options;
   Tracer& trace;
   AuditInput& input;
-  Generations generations{options.gszBaseFilename, options.giMaxgen};
+  Generations generations{options.output_base, options.max_generations};
   // Where what a large section produces is kept while it does not fit in memory.
-  const std::string spill_directory = directory_of(options.gszBaseFilename);
+  const std::string spill_directory = directory_of(options.output_base);
 
-  std::string_view gszLine;
-  int giLineno = 0;
+  std::string_view line;
+  int line_number = 0;
   EventTime event;
   LocalTime last;
-  long glGMTcheckpoint = 0;
-  Counters counters{};
+  long checkpoint = 0;
   Metrics metrics;
-  std::string gszInitNum = "0";
-  std::string gszInitString;
 
   // Notes that everything read so far has been handled.
-  void mark_handled() { handled = Handled{input.offset(), giLineno, last}; }
+  void mark_handled() { handled = Handled{input.offset(), line_number, last}; }
 
   PendingOutput output;  // converted, not yet committed
   Handled handled;

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "stream/commit.h"
-#include "stream/context.h"
 #include "stream/header_record.h"
 #include "support/error.h"
 
@@ -164,25 +162,6 @@ std::string header_record(std::time_t now, std::string_view host) {
   record.append(host).append("\",").append(kHeaderConstants);
   record.push_back('\n');
   return record;
-}
-
-int adcdf_rename_files(Context& ctx) {
-  TraceScope scope(ctx.trace, "adcdf_rename_files");
-  // What the sections before this one produced belongs in the generation that is about to move.
-  commit_output(ctx);
-  ctx.output.rotation = ctx.generations.plan(ctx.trace);
-  adcdf_writeheaderrec(ctx);
-  scope.done();
-  return 0;
-}
-
-int adcdf_writeheaderrec(Context& ctx) {
-  TraceScope scope(ctx.trace, "adcdf_writeheaderrec");
-  char host[kHeaderHostWidth + 1] = {};
-  ::gethostname(host, kHeaderHostWidth);
-  ctx.output.rotation->header = header_record(std::time(nullptr), host);
-  scope.done();
-  return 0;
 }
 
 }  // namespace adcdf

@@ -1,7 +1,7 @@
 // The output generations: <base>.000 (current) to <base>.NNN (oldest kept).
 //
 // A new generation is started when a section's date moves to a later day. The rotation is
-// decided and traced when the section's header is read (adcdf_rename_files), but carried out only
+// decided and traced when the section's header is read (section_reader.h), but carried out only
 // when the section is committed: the oldest generation is removed, every other one moves up by
 // one number (gaps stay where they are), and a new current generation starts with the type-999
 // header record. The section's records are then appended to it like any others.
@@ -49,8 +49,6 @@
 
 namespace adcdf {
 
-struct Context;
-
 class Generations {
  public:
   Generations(std::string base, int maxgen);
@@ -85,10 +83,5 @@ class Generations {
   int maxgen_;
   Appender current_;
 };
-
-// Plans a rotation for the section in hand, with its header record.
-int adcdf_rename_files(Context& ctx);
-// Sets the header record (today's date, this host) of the rotation the section starts.
-int adcdf_writeheaderrec(Context& ctx);
 
 }  // namespace adcdf

@@ -17,7 +17,7 @@ struct LocalTime {
 // The event time of the section in hand: its local date and time, and the seconds since the
 // epoch as its header gave them.
 struct EventTime : LocalTime {
-  long glGMT = 0;
+  long since_epoch = 0;
 };
 
 }  // namespace adcdf

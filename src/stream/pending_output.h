@@ -86,7 +86,6 @@ struct PendingOutput {
     errors_spill.clear();
   }
 
-  bool empty() const { return records.empty() && errors.empty() && !rotation; }
   // What complete sections produced.
   std::string_view complete_records() const {
     return records.view().substr(0, in_section_ ? records_mark_ : records.size());

@@ -14,7 +14,7 @@ void apply_prefix(Context& ctx, const PrefixValues& v) {
   for (int i = 1; i < v.count && i < 7; ++i) {
     *targets[i] = static_cast<int>(v.values[static_cast<size_t>(i)]);
   }
-  if (v.count == 8) ctx.glGMTcheckpoint = v.values[7];
+  if (v.count == 8) ctx.checkpoint = v.values[7];
 }
 
 // The last line of <base>.000, which a start reads whether it resumes or not.
@@ -72,10 +72,10 @@ void resume_at(Context& ctx, const Position& at, AuditInput::Resumed how) {
     report_unparsable(ctx, last_line(file));
   }
   ctx.last = at.last;
-  ctx.glGMTcheckpoint = at.checkpoint;
-  ctx.giLineno = at.line;
-  ctx.trace.printf("Check point time: %ld\n", ctx.glGMTcheckpoint);
-  ctx.trace.printf("Resuming at line %d of the audit file\n", ctx.giLineno);
+  ctx.checkpoint = at.checkpoint;
+  ctx.line_number = at.line;
+  ctx.trace.printf("Check point time: %ld\n", ctx.checkpoint);
+  ctx.trace.printf("Resuming at line %d of the audit file\n", ctx.line_number);
   // Truncated while the daemon was down, with no copy: what it held beyond the position is gone.
   if (how == AuditInput::Resumed::kAfterLoss) ctx.input.report(AuditTrouble{});
 }
@@ -108,9 +108,9 @@ void restore_checkpoint(Context& ctx) {
 }
 
 void start_run(Context& ctx) {
-  ctx.giLineno = 1;
+  ctx.line_number = 1;
   ctx.last = LocalTime{};
-  ctx.glGMTcheckpoint = 0;
+  ctx.checkpoint = 0;
   ctx.positions.lock(ctx.generations.names().position());
   ctx.generations.recover(ctx.positions);
   std::optional<Position> resume = ctx.positions.newest();
@@ -129,7 +129,7 @@ void start_run(Context& ctx) {
     resume_at(ctx, *resume, how);
   } else {
     restore_checkpoint(ctx);
-    ctx.trace.printf("Check point time: %ld\n", ctx.glGMTcheckpoint);
+    ctx.trace.printf("Check point time: %ld\n", ctx.checkpoint);
     if (lost_after >= 0) ctx.input.report(AuditTrouble{-1, std::nullopt, lost_after});
   }
   ctx.generations.open_current();
@@ -148,7 +148,7 @@ Position position_now(Context& ctx) {
   at.current_size = ctx.generations.current().size();
   if (!ctx.options.noerr) at.errors_size = ctx.errlog.size();
   at.last = ctx.committed.last;
-  at.checkpoint = ctx.glGMTcheckpoint;
+  at.checkpoint = ctx.checkpoint;
   return at;
 }
 

@@ -5,7 +5,7 @@
 namespace adcdf {
 
 void Buffer::grow(size_t n) {
-  size_t capacity = std::max({2 * capacity_, size_ + n, size_t{4096}});
+  size_t capacity = std::max({2 * capacity_, size_ + n, kMinCapacity});
   auto data = std::make_unique_for_overwrite<char[]>(capacity);
   if (size_ > 0) std::memcpy(data.get(), data_.get(), size_);
   data_ = std::move(data);

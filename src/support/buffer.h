@@ -15,6 +15,9 @@ namespace adcdf {
 
 class Buffer {
  public:
+  // The least a buffer allocates: one memory page.
+  static constexpr size_t kMinCapacity = 4 * 1024;
+
   std::string_view view() const { return {data_.get(), size_}; }
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }

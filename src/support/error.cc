@@ -8,7 +8,7 @@ void raise_file_error(int reason, const std::string& what, const std::string& na
   throw AdcdfError(kGroupFile, reason, what + " " + name + ": " + std::strerror(err));
 }
 
-std::string msg_GetAnyMsg(const AdcdfError& error) {
+std::string error_message(const AdcdfError& error) {
   const char* head = "unexpected failure";
   if (error.group() == kGroupMemory) {
     head = "out of memory";

@@ -58,7 +58,7 @@ class AdcdfError : public std::runtime_error {
 
 // The message text printed for an error: the catalogue entry for its group and reason,
 // followed by the details the error carries.
-std::string msg_GetAnyMsg(const AdcdfError& error);
+std::string error_message(const AdcdfError& error);
 
 struct ProcessExit {
   int status;

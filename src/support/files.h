@@ -111,7 +111,6 @@ class Appender {
 
   const std::string& name() const { return file_.name(); }
   int fd() const { return file_.fd(); }
-  bool is_open() const { return file_.fd() >= 0; }
   long long size() const { return size_; }
   FileId id() const { return file_.id(); }
 

@@ -38,7 +38,7 @@ bool create(const std::string& path) {
 
 }  // namespace
 
-std::string util_BaseName(const std::string& path) {
+std::string file_name_of(const std::string& path) {
   auto slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
@@ -51,7 +51,7 @@ std::string pid_file_path(const std::string& name) {
   return directory + "/" + name + ".pid";
 }
 
-void proc_RecordMyPid(const std::string& name, const std::string& base) {
+void record_pid(const std::string& name, const std::string& base) {
   std::string path = pid_file_path(name);
   std::string prefix = base + ".";
   if (path.compare(0, prefix.size(), prefix) == 0) return;
@@ -65,7 +65,7 @@ void proc_RecordMyPid(const std::string& name, const std::string& base) {
   }
 }
 
-void proc_RemoveMyPid(const std::string& name) {
+void remove_pid(const std::string& name) {
   std::string path = pid_file_path(name);
   if (pid_in(path) == ::getpid()) ::unlink(path.c_str());
 }

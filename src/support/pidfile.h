@@ -14,11 +14,11 @@ std::string pid_file_path(const std::string& name);
 
 // Both return silently on failure. `base` is the output files' base name: an entry whose path
 // would start with "<base>." is not written.
-void proc_RecordMyPid(const std::string& name, const std::string& base);
+void record_pid(const std::string& name, const std::string& base);
 // Removes the entry, but only while it still names this process.
-void proc_RemoveMyPid(const std::string& name);
+void remove_pid(const std::string& name);
 
 // The part of `path` after its last '/'.
-std::string util_BaseName(const std::string& path);
+std::string file_name_of(const std::string& path);
 
 }  // namespace adcdf

@@ -5,18 +5,18 @@
 
 namespace adcdf {
 
-volatile std::sig_atomic_t bContinue = 1;
-volatile std::sig_atomic_t gbNewGenerationRequested = 0;
+volatile std::sig_atomic_t keep_running = 1;
+volatile std::sig_atomic_t new_generation_requested = 0;
 
-void adcdf_sighandler1(int) {
-  gbNewGenerationRequested = 1;
+void on_new_generation_signal(int) {
+  new_generation_requested = 1;
 }
 
-void adcdf_sighandler2(int) {
-  bContinue = 0;
+void on_stop_signal(int) {
+  keep_running = 0;
 }
 
-void util_Signal(int signo, void (*handler)(int)) {
+void install_handler(int signo, void (*handler)(int)) {
   struct sigaction action {};
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);

@@ -18,7 +18,7 @@ class Tracer {
   bool on() const { return debug_; }
   void set_debug(bool on) { debug_ = on; }
 
-  // adcdf_LogProc / adcdf_LogEndProc: the entry and exit lines.
+  // The entry and exit lines.
   void enter(std::string_view name) {
     if (debug_) line("-> ", name);
   }

@@ -149,8 +149,8 @@ std::string days(int count) {
 // generations.
 void run_once(const TempDir& dir, const std::string& audit) {
   Options options;
-  options.gszBaseFilename = dir.file("cdf");
-  options.giMaxgen = 3;
+  options.output_base = dir.file("cdf");
+  options.max_generations = 3;
   Harness h(audit, options);
   adcdf_process_file(h.ctx);
 }

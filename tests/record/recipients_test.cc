@@ -30,7 +30,7 @@ TEST(Recipients, CategoryAndCleanedAddress) {
   for (const auto& [line, category, recip] : cases) {
     SCOPED_TRACE(line);
     TraceCapture capture;
-    recrep r{"9", "", "", "OLD ", false, false, 0};
+    Recipient r{"9", "", "", "OLD ", false, false, 0};
     adcdf_get_recip_line({capture.tracer(), true}, line, r, 3);
     EXPECT_EQ(r.category, category);
     EXPECT_EQ(r.recip, recip);
@@ -59,16 +59,16 @@ TEST(Recipients, AcknowledgementAndQueueLinesAndTheirFlags) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.lines);
     Harness h(c.lines + "next\n");
-    h.ctx.gszLine = "recipient-to Bob\n";
-    h.ctx.giLineno = 10;
-    recrep r{"", "old", "old", "", true, true, 0};
+    h.ctx.line = "recipient-to Bob\n";
+    h.ctx.line_number = 10;
+    Recipient r{"", "old", "old", "", true, true, 0};
     adcdf_get_recip_info(h.ctx, r, 0);
     EXPECT_EQ(r.recip, "BOB ");
     EXPECT_EQ(r.ack_req, c.ack);
     EXPECT_EQ(r.queue, c.queue);
     EXPECT_EQ(r.local, c.local);
-    EXPECT_EQ(r.brindleRoute, c.gateway);
-    EXPECT_EQ(h.ctx.giLineno, 12);
+    EXPECT_EQ(r.via_gateway, c.gateway);
+    EXPECT_EQ(h.ctx.line_number, 12);
   }
 }
 

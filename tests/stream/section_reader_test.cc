@@ -28,10 +28,10 @@ class SectionReader : public ::testing::Test {
   void SetUp() override {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
-    options.gszBaseFilename = dir.file("out");
+    options.output_base = dir.file("out");
   }
   void TearDown() override {
-    gbNewGenerationRequested = 0;
+    new_generation_requested = 0;
     ::setenv("TZ", "UTC", 1);
     ::tzset();
   }
@@ -40,31 +40,34 @@ class SectionReader : public ::testing::Test {
   Options options;
 };
 
+using enum Header;
+
 struct HeaderCase {
   const char* name;
   std::string audit;  // from the header line on
-  int result;
-  std::string trace;  // after the entry line; the exit line follows when the result is 0
+  Header result;
+  std::string trace;  // after the entry line; the exit line follows when the section converts
   int lineno;
   const char* next;  // the line the loop would read next
 };
 
 TEST_F(SectionReader, HeaderLineDecodingAndSkipping) {
   const HeaderCase cases[] = {
-      {"time with newline", "h 1700000000\nk v\n\nnext\n", 0,
+      {"time with newline", "h 1700000000\nk v\n\nnext\n", kConvert,
        "pstr = 1700000000\n\nldate = 1700000000\n", 1, "k v\n"},
-      {"blank second word", "header \nk v\n\nnext\n", 0, "pstr = \n\nldate = 0\n", 1, "k v\n"},
-      {"tab is no separator", "h\tx 5\n\n", 0, "pstr = 5\n\nldate = 5\n", 1, "\n"},
-      {"sign and trailing junk", "  h   +42abc more\n\n", 0, "pstr = +42abc\nldate = 42\n", 1,
-       "\n"},
-      {"no second word", "header\nk v\n\nnext\n", 1, "pstr = (null)\n", 3, "next\n"},
-      {"blank header", "\nk v\n\nnext\n", 1, "", 1, "k v\n"},
-      {"clamped high, localtime fails", "h 99999999999999999999\nk v\n\nnext\n", 1,
+      {"blank second word", "header \nk v\n\nnext\n", kConvert, "pstr = \n\nldate = 0\n", 1,
+       "k v\n"},
+      {"tab is no separator", "h\tx 5\n\n", kConvert, "pstr = 5\n\nldate = 5\n", 1, "\n"},
+      {"sign and trailing junk", "  h   +42abc more\n\n", kConvert, "pstr = +42abc\nldate = 42\n",
+       1, "\n"},
+      {"no second word", "header\nk v\n\nnext\n", kSkip, "pstr = (null)\n", 3, "next\n"},
+      {"blank header", "\nk v\n\nnext\n", kSkip, "", 1, "k v\n"},
+      {"clamped high, localtime fails", "h 99999999999999999999\nk v\n\nnext\n", kSkip,
        "pstr = 99999999999999999999\n\nldate = 9223372036854775807\n", 3, "next\n"},
-      {"clamped low, localtime fails", "h -99999999999999999999 x\n\nnext\n", 1,
+      {"clamped low, localtime fails", "h -99999999999999999999 x\n\nnext\n", kSkip,
        "pstr = -99999999999999999999\nldate = -9223372036854775808\n", 2, "next\n"},
-      {"NUL line ends the skip", std::string("h\nk v\n\0junk\nnext\n", 17), 1, "pstr = (null)\n", 3,
-       "next\n"},
+      {"NUL line ends the skip", std::string("h\nk v\n\0junk\nnext\n", 17), kSkip,
+       "pstr = (null)\n", 3, "next\n"},
   };
   for (const HeaderCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -72,14 +75,14 @@ TEST_F(SectionReader, HeaderLineDecodingAndSkipping) {
     Harness h(c.audit, options);
     h.ctx.last = kNoRotation;
     EXPECT_EQ(h.convert(adcdf_get_generic), c.result);
-    EXPECT_EQ(h.trace.text(),
-              "-> adcdf_get_generic\n" + c.trace + (c.result == 0 ? "<- adcdf_get_generic\n" : ""));
-    EXPECT_EQ(h.ctx.giLineno, c.lineno);
+    EXPECT_EQ(h.trace.text(), "-> adcdf_get_generic\n" + c.trace +
+                                  (c.result == kConvert ? "<- adcdf_get_generic\n" : ""));
+    EXPECT_EQ(h.ctx.line_number, c.lineno);
     EXPECT_EQ(next_line(h), c.next);
-    if (c.result == 1) {
+    if (c.result == kSkip) {
       EXPECT_TRUE(h.ctx.last == kNoRotation);
     }
-    EXPECT_TRUE(h.ctx.output.empty());
+    EXPECT_TRUE(h.ctx.output.complete_size() == 0 && !h.ctx.output.rotation);
   }
 }
 
@@ -89,13 +92,13 @@ TEST_F(SectionReader, CheckpointEqualConvertsOneBelowSkips) {
   for (long time : {1700000000L, 1699999999L}) {
     SCOPED_TRACE(time);
     Harness h("h " + std::to_string(time) + "\nk v\n\nnext\n", options);
-    h.ctx.glGMTcheckpoint = 1700000000;
+    h.ctx.checkpoint = 1700000000;
     bool skipped = time < 1700000000;
-    EXPECT_EQ(h.convert(adcdf_get_generic), skipped ? 1 : 0);
+    EXPECT_EQ(h.convert(adcdf_get_generic), skipped ? kSkip : kConvert);
     // The last date is zero, so only the converted section starts a generation; the skipped one
     // leaves the last date as it was.
     EXPECT_EQ(h.ctx.output.rotation.has_value(), !skipped);
-    EXPECT_EQ(h.ctx.giLineno, skipped ? 3 : 1);
+    EXPECT_EQ(h.ctx.line_number, skipped ? 3 : 1);
     EXPECT_TRUE(h.ctx.last == (skipped ? LocalTime{} : LocalTime{123, 11, 15, 7, 13, 20}));
   }
 }
@@ -129,7 +132,7 @@ TEST_F(SectionReader, DayChangeComparesYearMonthDayEachOnItsOwn) {
     SCOPED_TRACE(c.name);
     Harness h("h " + std::to_string(c.event) + "\n\n", options);
     h.ctx.last = c.last;
-    ASSERT_EQ(h.convert(adcdf_get_generic), 0);
+    ASSERT_EQ(h.convert(adcdf_get_generic), kConvert);
     EXPECT_EQ(h.ctx.output.rotation.has_value(), c.rotates);
     if (c.rotates) {
       EXPECT_TRUE(h.ctx.output.rotation->header.starts_with("999,"));
@@ -145,17 +148,17 @@ TEST_F(SectionReader, NewGenerationRequestRotatesAtNextDatedSection) {
   const std::string dated = "h 1700000000\n";  // converted: its converter reads the rest
   Harness h("h\n\nh 99999999999999999999\n\n" + dated + dated, options);
   h.ctx.last = LocalTime{123, 11, 14, 0, 0, 0};  // same day: no rotation of its own
-  gbNewGenerationRequested = 1;
+  new_generation_requested = 1;
   // Headers without a usable time leave the request pending.
-  EXPECT_EQ(h.convert(adcdf_get_generic), 1);
-  EXPECT_EQ(h.convert(adcdf_get_generic), 1);
+  EXPECT_EQ(h.convert(adcdf_get_generic), kSkip);
+  EXPECT_EQ(h.convert(adcdf_get_generic), kSkip);
   EXPECT_FALSE(h.ctx.output.rotation);
-  EXPECT_EQ(gbNewGenerationRequested, 1);
-  EXPECT_EQ(h.convert(adcdf_get_generic), 0);
+  EXPECT_EQ(new_generation_requested, 1);
+  EXPECT_EQ(h.convert(adcdf_get_generic), kConvert);
   EXPECT_TRUE(h.ctx.output.rotation);
-  EXPECT_EQ(gbNewGenerationRequested, 0);
+  EXPECT_EQ(new_generation_requested, 0);
   h.ctx.output.rotation.reset();
-  EXPECT_EQ(h.convert(adcdf_get_generic), 0);
+  EXPECT_EQ(h.convert(adcdf_get_generic), kConvert);
   EXPECT_FALSE(h.ctx.output.rotation);
 }
 
