@@ -12,6 +12,8 @@
 #include <string>
 
 #include "stream/restart.h"
+#include "support/clock.h"
+#include "support/faults.h"
 #include "test_support.h"
 
 namespace adcdf {
@@ -103,6 +105,64 @@ TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
   }
 }
 
+// A reader beside the daemon, looking before each write and at the end (look()): each time the
+// current generation shows another count of records, that count and the error file's entries.
+struct LiveReader : FaultInjector {
+  explicit LiveReader(const TempDir& d) : dir(d) { set_fault_injector(this); }
+  ~LiveReader() override { set_fault_injector(nullptr); }
+  int fail(const FileEvent& e, size_t*) override {
+    if (e.op == FileOp::kWrite) look();
+    return 0;
+  }
+  void look() {
+    const std::string current = dir.read("b.000");
+    const size_t records = testing::count_of(current, "\n") - current.starts_with("999,");
+    if (records > 0 && (seen.empty() || seen.back().first != records)) {
+      seen.push_back({records, testing::count_of(dir.read("b.ERR"), "\n\n")});
+    }
+  }
+  const TempDir& dir;
+  std::vector<std::pair<size_t, size_t>> seen;
+};
+
+// The clock the commit rule reads, in the test below: one millisecond per audit line read.
+const Context* g_clock_ctx = nullptr;
+std::chrono::steady_clock::time_point line_clock() {
+  return std::chrono::steady_clock::time_point(std::chrono::milliseconds(g_clock_ctx->giLineno));
+}
+
+// While catching up, sections are committed together once the oldest has waited 50 ms (here 50
+// lines), and a section larger than memory is written on its own; either way a reader never sees
+// a record before the error entries of the lines before it (each section has a skipped line).
+TEST_F(ProcessLoop, CommitsWhenTheOldestSectionHasWaitedAndErrorEntriesComeFirst) {
+  const int kSections = 30;
+  std::string audit;
+  for (int i = 0; i < kSections; ++i) audit += section(kT1 + i, "subsystem 3\nuser sysadm\njunk\n");
+  const struct {
+    const char* name;
+    size_t limit;
+    size_t per_commit;  // sections per commit, the last commit taking what is left
+  } cases[] = {{"catching up", PendingOutput::kSectionLimit, 10}, {"large sections", 0, 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir run_dir;
+    options.gszBaseFilename = run_dir.file("b");
+    Harness h(audit, options);
+    h.ctx.output.section_limit = c.limit;
+    g_clock_ctx = &h.ctx;
+    clock_for_tests = line_clock;
+    LiveReader reader(run_dir);
+    adcdf_process_file(h.ctx);
+    clock_for_tests = nullptr;
+    reader.look();
+    std::vector<std::pair<size_t, size_t>> expected;
+    for (size_t n = c.per_commit; n < kSections + c.per_commit; n += c.per_commit) {
+      expected.push_back({std::min<size_t>(n, kSections), std::min<size_t>(n, kSections)});
+    }
+    EXPECT_EQ(reader.seen, expected);
+  }
+}
+
 struct RestoreCase {
   const char* name;
   std::map<std::string, std::string> before;  // by suffix
@@ -159,37 +219,43 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
   const std::string added = section(kT2 + 60) + "bogus\n";
   const std::string junk = "Skipped line: 10\nLine = junk\n\n";
   const std::string bogus = "Unknown audit file section: line 17\nbogus\n\n";
+  const std::string kBlanks(4095, '\n');
   // The records after the header record.
   const std::string once = record(kT1) + record(kT2) + record(kT2 + 60);
   const std::string again = record(kT1) + record(kT2) + record(kT2) + record(kT2 + 60);
   const struct {
     const char* name;
     std::function<void(const TempDir&)> meddle;
-    std::string prefix;  // put before the audit file for the second run
+    std::string before_first, before_second;  // put before the audit file of each run
     bool noerr_before, noerr_after;
     std::string current, errors;
   } cases[] = {
-      {"resumes", [](const TempDir&) {}, "", false, false, once, junk + bogus},
-      {"without an error file, then with one", [](const TempDir&) {}, "", true, false, again,
+      {"resumes", [](const TempDir&) {}, "", "", false, false, once, junk + bogus},
+      {"without an error file, then with one", [](const TempDir&) {}, "", "", true, false, again,
        junk + bogus},
-      {"with an error file, then without", [](const TempDir&) {}, "", false, true, once, junk},
+      {"with an error file, then without", [](const TempDir&) {}, "", "", false, true, once, junk},
       {"current generation shorter",
-       [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", false, false,
+       [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", "", false, false,
        record(kT1) + record(kT1) + record(kT2) + record(kT2 + 60), junk + bogus},
       {"current generation replaced",
        [](const TempDir& d) {
          d.write("b.copy", d.read("b.000"));
          std::filesystem::rename(d.file("b.copy"), d.file("b.000"));
        },
-       "", false, false, again, junk + bogus},
+       "", "", false, false, again, junk + bogus},
       {"error file missing", [](const TempDir& d) { std::filesystem::remove(d.file("b.ERR")); }, "",
-       false, false, again, junk + bogus},
-      {"error file shorter", [](const TempDir& d) { d.write("b.ERR", "x"); }, "", false, false,
+       "", false, false, again, junk + bogus},
+      {"error file shorter", [](const TempDir& d) { d.write("b.ERR", "x"); }, "", "", false, false,
        again, junk + bogus},
       // The position's audit file is nowhere: what it held beyond the position is reported lost.
-      {"audit file begins otherwise", [](const TempDir&) {}, "\n", false, false, again,
+      {"audit file begins otherwise", [](const TempDir&) {}, "", "\n", false, false, again,
        "Audit data lost after line 11 of \nSkipped line: 11\nLine = junk\n\nUnknown audit file "
        "section: line 18\nbogus\n\n"},
+      // Only the audit file's 4096th byte tells it from the one the position names.
+      {"audit file differs in its 4096th byte", [](const TempDir&) {}, kBlanks + "x\n",
+       kBlanks + "y\n", false, false, again,
+       "Audit data lost after line 4107 of \nUnknown audit file section: line 4096\ny\n\n"
+       "Skipped line: 4106\nLine = junk\n\nUnknown audit file section: line 4113\nbogus\n\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -197,13 +263,13 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     options.gszBaseFilename = run_dir.file("b");
     options.noerr = c.noerr_before;
     {
-      Harness h(first_part, options);
+      Harness h(c.before_first + first_part, options);
       adcdf_process_file(h.ctx);
     }
     c.meddle(run_dir);
     options.noerr = c.noerr_after;
     options.debug = true;
-    Harness h(c.prefix + first_part + added, options);
+    Harness h(c.before_second + first_part + added, options);
     adcdf_process_file(h.ctx);
     options.debug = false;
     EXPECT_EQ(after_header(run_dir.read("b.000")), c.current);
