@@ -53,13 +53,6 @@ class ProcessLoop : public ::testing::Test {
     options.gszBaseFilename = dir.file("b");
   }
 
-  // The files named b.<suffix>, by suffix, but the position file.
-  std::map<std::string, std::string> outputs() const {
-    std::map<std::string, std::string> found;
-    for (const auto& [name, text] : dir.files("b.")) found[name.substr(2)] = text;
-    return found;
-  }
-
   // A rotated generation's content after its header record, which carries today's date.
   static std::string after_header(const std::string& text) {
     EXPECT_TRUE(text.starts_with("999,")) << text;
@@ -89,17 +82,17 @@ TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
               options);
     h.ctx.output.section_limit = limit;
     adcdf_process_file(h.ctx);
-    auto files = outputs();
+    auto files = dir.files("b.");
     ASSERT_EQ(files.size(), noerr ? 3u : 4u);  // 000, 001, 002 and ERR
-    EXPECT_EQ(files["002"], "");               // the empty generation created at start
-    EXPECT_EQ(after_header(files["001"]), record(kT1) + record(kT2));
-    EXPECT_EQ(after_header(files["000"]), record(kNextDay));
-    EXPECT_EQ(files["ERR"], noerr ? ""
-                                  : "Skipped line: 10\nLine = junk line\n\n"
-                                    "Unknown audit file section: line 12\nbogus\n\n"
-                                    "Unknown audit file section: line 13\nhdr 1\n\n"
-                                    "Unknown audit file section: line 18\nRouting\n\n"
-                                    "Skipped line: 23\nLine = stray\n\n");
+    EXPECT_EQ(files["b.002"], "");             // the empty generation created at start
+    EXPECT_EQ(after_header(files["b.001"]), record(kT1) + record(kT2));
+    EXPECT_EQ(after_header(files["b.000"]), record(kNextDay));
+    EXPECT_EQ(files["b.ERR"], noerr ? ""
+                                    : "Skipped line: 10\nLine = junk line\n\n"
+                                      "Unknown audit file section: line 12\nbogus\n\n"
+                                      "Unknown audit file section: line 13\nhdr 1\n\n"
+                                      "Unknown audit file section: line 18\nRouting\n\n"
+                                      "Skipped line: 23\nLine = stray\n\n");
     EXPECT_EQ(h.counted("Subsystem-start"), 3);
     EXPECT_EQ(h.counted("NOTES-in"), 1);
   }
@@ -229,11 +222,15 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     std::string before_first, before_second;  // put before the audit file of each run
     bool noerr_before, noerr_after;
     std::string current, errors;
+    int stop_after = -1;  // checks before the first run is stopped while it catches up
   } cases[] = {
       {"resumes", [](const TempDir&) {}, "", "", false, false, once, junk + bogus},
       {"without an error file, then with one", [](const TempDir&) {}, "", "", true, false, again,
        junk + bogus},
       {"with an error file, then without", [](const TempDir&) {}, "", "", false, true, once, junk},
+      // Stopped after the first section, before the end of the file: it resumes at the second.
+      {"stopped while catching up", [](const TempDir&) {}, "", "", false, false, once, junk + bogus,
+       1},
       {"current generation shorter",
        [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", "", false, false,
        record(kT1) + record(kT1) + record(kT2) + record(kT2 + 60), junk + bogus},
@@ -264,6 +261,7 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     options.noerr = c.noerr_before;
     {
       Harness h(c.before_first + first_part, options);
+      h.waiter.stop_after_checks(c.stop_after);
       adcdf_process_file(h.ctx);
     }
     c.meddle(run_dir);
@@ -279,23 +277,6 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
       EXPECT_NE(h.trace.text().find("Resuming at line 12 of the audit file\n"), std::string::npos);
     }
   }
-}
-
-// A stop while catching up, before the end of the file was reached, records where it stopped:
-// the next run resumes at the first line not yet handled.
-TEST_F(ProcessLoop, StopWhileCatchingUpRecordsTheFirstLineNotHandled) {
-  const std::string audit = section(kT1) + section(kT2) + section(kT2 + 60);
-  {
-    Harness h(audit, options);
-    h.waiter.stop_after_checks(2);  // two sections, then the stop
-    adcdf_process_file(h.ctx);
-    EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2));
-  }
-  options.debug = true;
-  Harness h(audit, options);
-  adcdf_process_file(h.ctx);
-  EXPECT_NE(h.trace.text().find("Resuming at line 11 of the audit file\n"), std::string::npos);
-  EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2) + record(kT2 + 60));
 }
 
 // A section abandoned at a stop leaves no trace: at a wait for its next line (its skipped line in
@@ -316,7 +297,8 @@ TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
     h.ctx.output.section_limit = limit;
     if (checks >= 0) h.waiter.stop_after_checks(checks);
     adcdf_process_file(h.ctx);
-    EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
+    EXPECT_EQ(dir.files("b."),
+              (std::map<std::string, std::string>{{"b.000", current}, {"b.ERR", ""}}));
     EXPECT_EQ(h.counted("Subsystem-start"), 0);
     EXPECT_EQ(h.input.offset() < static_cast<long long>(audit.size()), checks >= 0);
     EXPECT_FALSE(h.ctx.output.spilled());  // nothing of it left to be written with the next
