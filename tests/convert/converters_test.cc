@@ -4,8 +4,6 @@
 // waited for.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "test_support.h"
 
 namespace adcdf {
@@ -176,25 +174,6 @@ TEST(Converters, RecordsOfOneSection) {
     Converted out = convert(s.name_line, s.body);
     EXPECT_EQ(out.records, s.records);
     EXPECT_EQ(out.errors, s.errors);
-  }
-}
-
-// Keywords that one twin accepts and the other reports as skipped.
-TEST(Converters, TwinKeywordDifferences) {
-  const std::tuple<const char*, std::string_view, std::string_view> rows[] = {
-      {"type 1", "x400-in\n", "x400-out\n"},
-      {"mta-ack-id 1", "x400-out\n", "x400-in\n"},
-      {"hop-count 1", "unix-out\n", "unix-in\n"},
-      {"ack-id 1", "unix-out\n", "unix-in\n"},
-      {"desk-ack-id 1", "desk-in\n", "desk-out\n"},
-      {"mta-ack-id 1", "desk-out\n", "desk-in\n"},
-      {"duration 5", "subsystem-stop\n", "subsystem-start\n"}};
-  for (const auto& [line, accepts, skips] : rows) {
-    SCOPED_TRACE(line);
-    EXPECT_EQ(convert(accepts, std::string(line) + "\n\n").errors, "");
-    Converted refused = convert(skips, std::string(line) + "\n\n");
-    EXPECT_EQ(refused.errors, skipped(3, line));
-    EXPECT_EQ(std::count(refused.records.begin(), refused.records.end(), '\n'), 1);
   }
 }
 
