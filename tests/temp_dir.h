@@ -27,6 +27,12 @@ inline void write_file(const fs::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
+inline size_t count_of(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
 // Appends with one write, as the mail server would.
 inline void append_file(const fs::path& path, const std::string& text) {
   int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);

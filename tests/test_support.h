@@ -61,14 +61,12 @@ class ScriptedWaiter : public Waiter {
   // Stops the daemon at the check after the next `n`, wherever it reads: a stop while catching up.
   void stop_after_checks(int n) { checks_left_ = n; }
   void pause() override {
-    ++pauses_;
     if (next_ < chunks_.size()) {
       source_.append(chunks_[next_++]);
     } else if (stop_after_-- <= 0) {
       stopped_ = true;
     }
   }
-  int pauses() const { return pauses_; }
 
  private:
   MemorySource& source_;
@@ -76,7 +74,6 @@ class ScriptedWaiter : public Waiter {
   size_t next_ = 0;
   int stop_after_;
   int checks_left_ = -1;
-  int pauses_ = 0;
   bool stopped_ = false;
 };
 

@@ -12,6 +12,8 @@
 #include <string>
 
 #include "stream/restart.h"
+#include "support/clock.h"
+#include "support/faults.h"
 #include "test_support.h"
 
 namespace adcdf {
@@ -51,13 +53,6 @@ class ProcessLoop : public ::testing::Test {
     options.output_base = dir.file("b");
   }
 
-  // The files named b.<suffix>, by suffix, but the position file.
-  std::map<std::string, std::string> outputs() const {
-    std::map<std::string, std::string> found;
-    for (const auto& [name, text] : dir.files("b.")) found[name.substr(2)] = text;
-    return found;
-  }
-
   // A rotated generation's content after its header record, which carries today's date.
   static std::string after_header(const std::string& text) {
     EXPECT_TRUE(text.starts_with("999,")) << text;
@@ -88,20 +83,77 @@ TEST_F(ProcessLoop, ConvertsRotatesAndWritesSkippedLinesWithTheirSection) {
               options);
     h.ctx.output.section_limit = limit;
     adcdf_process_file(h.ctx);
-    auto files = outputs();
+    auto files = dir.files("b.");
     ASSERT_EQ(files.size(), noerr ? 3u : 4u);  // 000, 001, 002 and ERR
-    EXPECT_EQ(files["002"], "");               // the empty generation created at start
-    EXPECT_EQ(after_header(files["001"]), record(kT1) + record(kT2));
-    EXPECT_EQ(after_header(files["000"]), record(kNextDay));
-    EXPECT_EQ(files["ERR"], noerr ? ""
-                                  : "Skipped line: 10\nLine = junk line\n\n"
-                                    "Unknown audit file section: line 12\nbogus\n\n"
-                                    "Unknown audit file section: line 13\nhdr 1\n\n"
-                                    "Unknown audit file section: line 18\nRouting\n\n"
-                                    "Skipped line: 23\nLine = stray\n\n");
-    // The statistics the debug trace ends with.
-    EXPECT_NE(h.trace.text().find("\nSubsystem-start        3\n"), std::string::npos);
-    EXPECT_NE(h.trace.text().find("\nNOTES-in               1\n"), std::string::npos);
+    EXPECT_EQ(files["b.002"], "");             // the empty generation created at start
+    EXPECT_EQ(after_header(files["b.001"]), record(kT1) + record(kT2));
+    EXPECT_EQ(after_header(files["b.000"]), record(kNextDay));
+    EXPECT_EQ(files["b.ERR"], noerr ? ""
+                                    : "Skipped line: 10\nLine = junk line\n\n"
+                                      "Unknown audit file section: line 12\nbogus\n\n"
+                                      "Unknown audit file section: line 13\nhdr 1\n\n"
+                                      "Unknown audit file section: line 18\nRouting\n\n"
+                                      "Skipped line: 23\nLine = stray\n\n");
+    EXPECT_EQ(h.counted("Subsystem-start"), 3);
+    EXPECT_EQ(h.counted("NOTES-in"), 1);
+  }
+}
+
+// A reader beside the daemon, looking before each write and at the end (look()): each time the
+// current generation shows another count of records, that count and the error file's entries.
+struct LiveReader : FaultInjector {
+  explicit LiveReader(const TempDir& d) : dir(d) { set_fault_injector(this); }
+  ~LiveReader() override { set_fault_injector(nullptr); }
+  int fail(const FileEvent& e, size_t*) override {
+    if (e.op == FileOp::kWrite) look();
+    return 0;
+  }
+  void look() {
+    const std::string current = dir.read("b.000");
+    const size_t records = testing::count_of(current, "\n") - current.starts_with("999,");
+    if (records > 0 && (seen.empty() || seen.back().first != records)) {
+      seen.push_back({records, testing::count_of(dir.read("b.ERR"), "\n\n")});
+    }
+  }
+  const TempDir& dir;
+  std::vector<std::pair<size_t, size_t>> seen;
+};
+
+// The clock the commit rule reads, in the test below: one millisecond per audit line read.
+const Context* g_clock_ctx = nullptr;
+std::chrono::steady_clock::time_point line_clock() {
+  return std::chrono::steady_clock::time_point(std::chrono::milliseconds(g_clock_ctx->line_number));
+}
+
+// While catching up, sections are committed together once the oldest has waited 50 ms (here 50
+// lines), and a section larger than memory is written on its own; either way a reader never sees
+// a record before the error entries of the lines before it (each section has a skipped line).
+TEST_F(ProcessLoop, CommitsWhenTheOldestSectionHasWaitedAndErrorEntriesComeFirst) {
+  const int kSections = 30;
+  std::string audit;
+  for (int i = 0; i < kSections; ++i) audit += section(kT1 + i, "subsystem 3\nuser sysadm\njunk\n");
+  const struct {
+    const char* name;
+    size_t limit;
+    size_t per_commit;  // sections per commit, the last commit taking what is left
+  } cases[] = {{"catching up", PendingOutput::kSectionLimit, 10}, {"large sections", 0, 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir run_dir;
+    options.output_base = run_dir.file("b");
+    Harness h(audit, options);
+    h.ctx.output.section_limit = c.limit;
+    g_clock_ctx = &h.ctx;
+    clock_for_tests = line_clock;
+    LiveReader reader(run_dir);
+    adcdf_process_file(h.ctx);
+    clock_for_tests = nullptr;
+    reader.look();
+    std::vector<std::pair<size_t, size_t>> expected;
+    for (size_t n = c.per_commit; n < kSections + c.per_commit; n += c.per_commit) {
+      expected.push_back({std::min<size_t>(n, kSections), std::min<size_t>(n, kSections)});
+    }
+    EXPECT_EQ(reader.seen, expected);
   }
 }
 
@@ -161,37 +213,47 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
   const std::string added = section(kT2 + 60) + "bogus\n";
   const std::string junk = "Skipped line: 10\nLine = junk\n\n";
   const std::string bogus = "Unknown audit file section: line 17\nbogus\n\n";
+  const std::string kBlanks(4095, '\n');
   // The records after the header record.
   const std::string once = record(kT1) + record(kT2) + record(kT2 + 60);
   const std::string again = record(kT1) + record(kT2) + record(kT2) + record(kT2 + 60);
   const struct {
     const char* name;
     std::function<void(const TempDir&)> meddle;
-    std::string prefix;  // put before the audit file for the second run
+    std::string before_first, before_second;  // put before the audit file of each run
     bool noerr_before, noerr_after;
     std::string current, errors;
+    int stop_after = -1;  // checks before the first run is stopped while it catches up
   } cases[] = {
-      {"resumes", [](const TempDir&) {}, "", false, false, once, junk + bogus},
-      {"without an error file, then with one", [](const TempDir&) {}, "", true, false, again,
+      {"resumes", [](const TempDir&) {}, "", "", false, false, once, junk + bogus},
+      {"without an error file, then with one", [](const TempDir&) {}, "", "", true, false, again,
        junk + bogus},
-      {"with an error file, then without", [](const TempDir&) {}, "", false, true, once, junk},
+      {"with an error file, then without", [](const TempDir&) {}, "", "", false, true, once, junk},
+      // Stopped after the first section, before the end of the file: it resumes at the second.
+      {"stopped while catching up", [](const TempDir&) {}, "", "", false, false, once, junk + bogus,
+       1},
       {"current generation shorter",
-       [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", false, false,
+       [](const TempDir& d) { d.write("b.000", kHeader + record(kT1)); }, "", "", false, false,
        record(kT1) + record(kT1) + record(kT2) + record(kT2 + 60), junk + bogus},
       {"current generation replaced",
        [](const TempDir& d) {
          d.write("b.copy", d.read("b.000"));
          std::filesystem::rename(d.file("b.copy"), d.file("b.000"));
        },
-       "", false, false, again, junk + bogus},
+       "", "", false, false, again, junk + bogus},
       {"error file missing", [](const TempDir& d) { std::filesystem::remove(d.file("b.ERR")); }, "",
-       false, false, again, junk + bogus},
-      {"error file shorter", [](const TempDir& d) { d.write("b.ERR", "x"); }, "", false, false,
+       "", false, false, again, junk + bogus},
+      {"error file shorter", [](const TempDir& d) { d.write("b.ERR", "x"); }, "", "", false, false,
        again, junk + bogus},
       // The position's audit file is nowhere: what it held beyond the position is reported lost.
-      {"audit file begins otherwise", [](const TempDir&) {}, "\n", false, false, again,
+      {"audit file begins otherwise", [](const TempDir&) {}, "", "\n", false, false, again,
        "Audit data lost after line 11 of \nSkipped line: 11\nLine = junk\n\nUnknown audit file "
        "section: line 18\nbogus\n\n"},
+      // Only the audit file's 4096th byte tells it from the one the position names.
+      {"audit file differs in its 4096th byte", [](const TempDir&) {}, kBlanks + "x\n",
+       kBlanks + "y\n", false, false, again,
+       "Audit data lost after line 4107 of \nUnknown audit file section: line 4096\ny\n\n"
+       "Skipped line: 4106\nLine = junk\n\nUnknown audit file section: line 4113\nbogus\n\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -199,13 +261,14 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
     options.output_base = run_dir.file("b");
     options.noerr = c.noerr_before;
     {
-      Harness h(first_part, options);
+      Harness h(c.before_first + first_part, options);
+      h.waiter.stop_after_checks(c.stop_after);
       adcdf_process_file(h.ctx);
     }
     c.meddle(run_dir);
     options.noerr = c.noerr_after;
     options.debug = true;
-    Harness h(c.prefix + first_part + added, options);
+    Harness h(c.before_second + first_part + added, options);
     adcdf_process_file(h.ctx);
     options.debug = false;
     EXPECT_EQ(after_header(run_dir.read("b.000")), c.current);
@@ -215,23 +278,6 @@ TEST_F(ProcessLoop, RestartResumesAtAValidPositionElseFallsBackToTheCheckpoint) 
       EXPECT_NE(h.trace.text().find("Resuming at line 12 of the audit file\n"), std::string::npos);
     }
   }
-}
-
-// A stop while catching up, before the end of the file was reached, records where it stopped:
-// the next run resumes at the first line not yet handled.
-TEST_F(ProcessLoop, StopWhileCatchingUpRecordsTheFirstLineNotHandled) {
-  const std::string audit = section(kT1) + section(kT2) + section(kT2 + 60);
-  {
-    Harness h(audit, options);
-    h.waiter.stop_after_checks(2);  // two sections, then the stop
-    adcdf_process_file(h.ctx);
-    EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2));
-  }
-  options.debug = true;
-  Harness h(audit, options);
-  adcdf_process_file(h.ctx);
-  EXPECT_NE(h.trace.text().find("Resuming at line 11 of the audit file\n"), std::string::npos);
-  EXPECT_EQ(after_header(dir.read("b.000")), record(kT1) + record(kT2) + record(kT2 + 60));
 }
 
 // A section abandoned at a stop leaves no trace: at a wait for its next line (its skipped line in
@@ -252,7 +298,8 @@ TEST_F(ProcessLoop, SectionAbandonedAtStopLeavesFilesUntouched) {
     h.ctx.output.section_limit = limit;
     if (checks >= 0) h.waiter.stop_after_checks(checks);
     adcdf_process_file(h.ctx);
-    EXPECT_EQ(outputs(), (std::map<std::string, std::string>{{"000", current}, {"ERR", ""}}));
+    EXPECT_EQ(dir.files("b."),
+              (std::map<std::string, std::string>{{"b.000", current}, {"b.ERR", ""}}));
     EXPECT_EQ(h.counted("Subsystem-start"), 0);
     EXPECT_EQ(h.input.offset() < static_cast<long long>(audit.size()), checks >= 0);
     EXPECT_FALSE(h.ctx.output.spilled());  // nothing of it left to be written with the next

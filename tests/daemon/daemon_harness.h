@@ -30,14 +30,9 @@ namespace daemon_test {
 
 namespace fs = std::filesystem;
 using adcdf::testing::append_file;
+using adcdf::testing::count_of;
 using adcdf::testing::read_file;
 using adcdf::testing::write_file;
-
-inline size_t count_of(const std::string& text, const std::string& needle) {
-  size_t n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
 
 // Polls `condition` every `poll` seconds until it holds or `seconds` have passed.
 inline bool eventually(const std::function<bool()>& condition, double seconds = 20,

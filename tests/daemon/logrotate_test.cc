@@ -144,14 +144,7 @@ TEST_P(DaemonLogrotate, EveryRecordTheAuditFilesHoldOnce) {
   ASSERT_GT(whole.read("cdf.000").size(), 20000u);
   EXPECT_TRUE(daemon.wait_file("cdf.000", whole.read("cdf.000"), 30));
   EXPECT_EQ(daemon.stop(), 0);
-  for (const auto& [name, text] : whole.files()) {
-    const std::string got = box.read(name);
-    const auto [a, b] = std::mismatch(got.begin(), got.end(), text.begin(), text.end());
-    EXPECT_TRUE(a == got.end() && b == text.end())
-        << name << " differs at byte " << (a - got.begin()) << ": "
-        << got.substr(static_cast<size_t>(a - got.begin()), 80) << " instead of "
-        << text.substr(static_cast<size_t>(b - text.begin()), 80);
-  }
+  for (const auto& [name, text] : whole.files()) EXPECT_EQ(box.read(name), text) << name;
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, DaemonLogrotate, ::testing::ValuesIn(kModes),

@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
-"""The metrics files, read back the way Prometheus gets them: the daemon follows an audit file
-with --metrics, the exporter loads its base with --metrics, `promtool check metrics` accepts both
-files, and Debian's prometheus-node-exporter (textfile collector only, on 127.0.0.1 at a free
-port) serves their figures unchanged from /metrics, reading them as the package lays them out:
-through links in its textfile directory, which the atomic replacements must leave valid. Also checks the README's alert rules with
-`promtool check rules`."""
+"""The metrics files as Prometheus gets them: the daemon (--metrics) follows an audit file, the
+exporter (--metrics) loads its base, `promtool check metrics` accepts both files and Debian's
+prometheus-node-exporter (textfile collector only, 127.0.0.1, a free port) serves their figures
+unchanged through links, as the package lays them out. The README's alert rules pass `promtool
+check rules`."""
 import argparse, os, re, shutil, signal, socket, subprocess, sys, tempfile, time, urllib.request
 
 p = argparse.ArgumentParser()

@@ -1,47 +1,12 @@
 // Restarts through the real binary: after a kill inside a large write, and a second daemon on
-// the same base name. (Kills and power cuts at every step of a run: tests/app/faults_test.cc.)
+// the same base name. (Kills and power cuts at every step of a run, a rotation among them:
+// tests/app/faults_test.cc.)
 #include "daemon_harness.h"
 
 namespace daemon_test {
 namespace {
 
 const std::string kTail = "0,0,0,\"\",0,0,0,\"\",\"\"\n";
-
-// Stopped or killed while idle right after the first section of a new day (the output and the
-// position are on the disk before each wait): the restart converts nothing again and starts no
-// generation again, and goes on as one run would.
-TEST(DaemonRestart, AfterTheFirstSecondOfADayNothingIsConvertedOrRotatedAgain) {
-  auto section = [](long time) {
-    return "subsystem-stop\nh " + std::to_string(time) + "\nsubsystem 4\n\n";
-  };
-  const std::string day_one = section(1699952400) + section(1699956000);
-  const std::string first_of_day_two = section(1700006400);
-  const std::string rest = section(1700006460);
-  Sandbox reference;
-  reference.write("audit", day_one + first_of_day_two + rest);
-  Daemon whole(reference, {"-a", "audit", "-b", "cdf", "-d"});
-  ASSERT_TRUE(whole.wait_err("waiting...\n"));
-  EXPECT_EQ(whole.stop(), 0);
-
-  for (int signo : {SIGTERM, SIGKILL}) {
-    SCOPED_TRACE(signo);
-    Sandbox box;
-    box.write("audit", day_one + first_of_day_two);
-    Daemon first(box, {"-a", "audit", "-b", "cdf", "-d"});
-    ASSERT_TRUE(first.wait_err("waiting...\n"));
-    const auto files = box.files();
-    first.signal(signo);
-    first.wait_exit();
-    Daemon second(box, {"-a", "audit", "-b", "cdf", "-d"});
-    ASSERT_TRUE(second.wait_err("waiting...\n"));
-    EXPECT_NE(second.err().find("Resuming at line 13 of the audit file\n"), std::string::npos);
-    EXPECT_EQ(box.files(), files);
-    box.append("audit", rest);
-    ASSERT_TRUE(second.wait_err("waiting...\n", 2));
-    EXPECT_EQ(second.stop(), 0);
-    EXPECT_EQ(box.files(), reference.files());
-  }
-}
 
 // Killed while it writes the records of a section with 300,000 recipients (some 30 MB, more
 // than it keeps in memory: written in pieces after its rotation and its skipped line): the

@@ -18,11 +18,6 @@ using testing::Harness;
 using testing::kNoRotation;
 using testing::TempDir;
 
-std::string next_line(Harness& h) {
-  auto line = h.input.read_line();
-  return line ? std::string(*line) : std::string("<none>");
-}
-
 class SectionReader : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -78,28 +73,11 @@ TEST_F(SectionReader, HeaderLineDecodingAndSkipping) {
     EXPECT_EQ(h.trace.text(), "-> adcdf_get_generic\n" + c.trace +
                                   (c.result == kConvert ? "<- adcdf_get_generic\n" : ""));
     EXPECT_EQ(h.ctx.line_number, c.lineno);
-    EXPECT_EQ(next_line(h), c.next);
+    EXPECT_EQ(h.input.read_line().value_or("<none>"), c.next);
     if (c.result == kSkip) {
       EXPECT_TRUE(h.ctx.last == kNoRotation);
     }
     EXPECT_TRUE(h.ctx.output.complete_size() == 0 && !h.ctx.output.rotation);
-  }
-}
-
-TEST_F(SectionReader, CheckpointEqualConvertsOneBelowSkips) {
-  ::setenv("TZ", "JST-9", 1);  // the event time is broken down in local time
-  ::tzset();
-  for (long time : {1700000000L, 1699999999L}) {
-    SCOPED_TRACE(time);
-    Harness h("h " + std::to_string(time) + "\nk v\n\nnext\n", options);
-    h.ctx.checkpoint = 1700000000;
-    bool skipped = time < 1700000000;
-    EXPECT_EQ(h.convert(adcdf_get_generic), skipped ? kSkip : kConvert);
-    // The last date is zero, so only the converted section starts a generation; the skipped one
-    // leaves the last date as it was.
-    EXPECT_EQ(h.ctx.output.rotation.has_value(), !skipped);
-    EXPECT_EQ(h.ctx.line_number, skipped ? 3 : 1);
-    EXPECT_TRUE(h.ctx.last == (skipped ? LocalTime{} : LocalTime{123, 11, 15, 7, 13, 20}));
   }
 }
 

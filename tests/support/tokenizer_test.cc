@@ -4,28 +4,9 @@
 
 #include <climits>
 #include <string>
-#include <vector>
 
 namespace adcdf {
 namespace {
-
-std::vector<std::string> split(std::string_view text, std::string_view delimiters) {
-  std::vector<std::string> words;
-  Tokenizer tokens(text);
-  while (auto word = tokens.next(delimiters)) words.emplace_back(*word);
-  return words;
-}
-
-TEST(Tokenizer, SkipsRunsOfDelimitersAndKeepsOtherCharacters) {
-  using Words = std::vector<std::string>;
-  EXPECT_EQ(split("  a  b\tc \n", " "), (Words{"a", "b\tc", "\n"}));
-  EXPECT_EQ(split("a b\nc\n", " \n"), (Words{"a", "b", "c"}));
-  EXPECT_EQ(split("   ", " "), Words{});
-  Tokenizer trailing("word \n");
-  EXPECT_EQ(trailing.next(" "), "word");
-  EXPECT_EQ(trailing.rest(), "\n");
-  EXPECT_EQ(trailing.next(" \n"), std::nullopt);
-}
 
 TEST(ParseLong, BehavesLikeAtolWithClamping) {
   const std::pair<std::string, long> cases[] = {
