@@ -33,6 +33,7 @@ namespace {
 constexpr size_t kCopyAt = 4 << 20;    // bytes of rows sent to a table at once
 constexpr size_t kBuffered = 8 << 20;  // bytes of rows held for all tables, at most
 constexpr size_t kPiece = 256 << 10;   // bytes handed to libpq at once, which copies them
+constexpr size_t kEarly = 1 << 20;     // bytes of rows after which an idle server gets some
 constexpr std::string_view kSchemaLock = "ekadcdf-export schema";
 // COPY's binary format: signature, flags, length of the header extension.
 constexpr char kBinaryHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";
@@ -134,6 +135,11 @@ class Sender {
     rethrow();
     queue_.emplace_back(&command, std::move(rows));
     changed_.notify_all();
+  }
+  // Whether no batch waits or loads.
+  bool idle() {
+    std::lock_guard lock(mutex_);
+    return queue_.empty() && !busy_;
   }
   // Waits until every batch is loaded; throws the failure of one.
   void wait() {
@@ -310,12 +316,15 @@ class PostgresTarget final : public Target {
     buffered_ += out.size() - before;
     if (out.size() >= kCopyAt) {
       send(table);
-    } else if (buffered_ >= kBuffered) {
-      // Many tables each holding a little: the one holding most goes, so memory stays bounded
-      // while every COPY stays large (each costs the server a statement and a round trip).
+    } else if (buffered_ >= kBuffered || (buffered_ >= idle_check_ && sender_.idle())) {
+      // Many tables each holding a little, or a server with nothing to do (at the start, or
+      // loading faster than rows are made): the table holding most goes. Memory stays
+      // bounded while COPYs stay large (each costs the server a statement and a round trip).
       send(*std::max_element(tables_.begin(), tables_.end(), [](const Table& a, const Table& b) {
         return a.rows.size() < b.rows.size();
       }));
+    } else if (buffered_ >= idle_check_) {
+      idle_check_ = buffered_ + kEarly;
     }
   }
 
@@ -357,6 +366,7 @@ class PostgresTarget final : public Target {
   void abandon() override {
     for (Table& table : tables_) table.rows.clear();
     buffered_ = 0;
+    idle_check_ = kEarly;
     sender_.discard([this] { cancel(); });
     if (in_transaction_) PQclear(PQexec(conn_, "ROLLBACK"));
     in_transaction_ = false;
@@ -422,6 +432,7 @@ class PostgresTarget final : public Target {
 
   void send(Table& table) {
     buffered_ -= std::min(buffered_, table.rows.size());
+    idle_check_ = buffered_ + kEarly;
     put<int16_t>(table.rows, -1);  // the end of the rows
     sender_.send(table.copy, std::exchange(table.rows, {}));
   }
@@ -516,9 +527,10 @@ class PostgresTarget final : public Target {
   std::string conninfo_;
   PGconn* conn_ = nullptr;
   bool in_transaction_ = false;
-  size_t buffered_ = 0;      // bytes of rows not yet sent, over all tables
-  bool sizes_read_ = false;  // since the connection was made
-  bool created_ = false;     // this run created the tables
+  size_t buffered_ = 0;         // bytes of rows not yet sent, over all tables
+  size_t idle_check_ = kEarly;  // when buffered_ reaches it, an idle sender gets rows
+  bool sizes_read_ = false;     // since the connection was made
+  bool created_ = false;        // this run created the tables
   std::array<Table, kRecordTypeLimit> tables_;
   std::string scratch_;
   std::string verbatim_;
