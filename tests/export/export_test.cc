@@ -244,12 +244,15 @@ void expect_origins(const Origins& origins, const Files& generations) {
   }
 }
 
-// Fails the first write into a committed output file after 7 of its bytes.
+// Fails the first write into an output file (side files end in ".tmp") after 7 of its bytes.
 struct TornAppend : adcdf::FaultInjector {
   TornAppend() { adcdf::set_fault_injector(this); }
   ~TornAppend() override { adcdf::set_fault_injector(nullptr); }
   int fail(const adcdf::FileEvent& e, size_t* partial) override {
-    if (hit || e.op != adcdf::FileOp::kWrite || e.name.ends_with(".tmp")) return 0;
+    if (hit || e.op != adcdf::FileOp::kWrite ||
+        !(e.name.ends_with(".csv") || e.name.ends_with(".jsonl"))) {
+      return 0;
+    }
     *partial = 7;
     hit = true;
     return EIO;
