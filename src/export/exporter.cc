@@ -1,8 +1,6 @@
 #include "export/exporter.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,10 +25,6 @@ constexpr size_t kBlock = 1 << 20;      // bytes read at once; no record is this
 constexpr size_t kRejectsAt = 1 << 16;  // bytes of rejected lines gathered before a write
 constexpr size_t kKeptGone = 1000;      // entries of generations no longer there that are kept
 
-std::string error_text(const std::string& what) {
-  return what + ": " + std::strerror(errno);
-}
-
 struct GenerationFile {
   File file;
   int64_t size;
@@ -46,7 +40,7 @@ std::vector<std::string> generation_names(const std::string& base) {
   auto [dir, prefix] = split_base(base);
   prefix.push_back('.');
   DIR* listing = ::opendir(dir.c_str());
-  if (listing == nullptr) throw ExportError(error_text("cannot read the directory " + dir));
+  if (listing == nullptr) raise_file_error(kReasonRead, "cannot read the directory", dir, errno);
   std::vector<std::pair<long, std::string>> numbered;
   while (const dirent* entry = ::readdir(listing)) {
     std::string_view name = entry->d_name;
@@ -66,44 +60,40 @@ std::vector<std::string> generation_names(const std::string& base) {
   return names;
 }
 
-// Opens a generation without blocking (a FIFO at its name would wait for a writer) and without
-// following a link; false when it was rotated away since the listing. Anything but a regular
-// file stops the run: it is no generation the daemon wrote.
-bool open_generation(const std::string& path, File& file, struct stat& st) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno == ENOENT) return false;
-    throw ExportError(error_text("cannot open " + path));
+// Opens a generation as the file layer opens every file (no link followed, without blocking,
+// a regular file only: anything else is no generation the daemon wrote, and stops the run);
+// nothing when it was rotated away since the listing.
+std::optional<File> open_generation(const std::string& path) {
+  try {
+    return File::read_only(path);
+  } catch (const AdcdfError& error) {
+    if (error.reason() == kReasonOpen && !file_exists(path)) return std::nullopt;
+    throw;
   }
-  const int status = ::fstat(fd, &st);
-  const int err = errno;
-  if (status == 0 && S_ISREG(st.st_mode)) file = File::duplicate(fd, path);
-  ::close(fd);
-  if (status != 0) throw ExportError("cannot examine " + path + ": " + std::strerror(err));
-  if (!S_ISREG(st.st_mode)) throw ExportError(path + " is not a regular file");
-  return true;
 }
 
 // The generations of `base`, oldest first, opened at once: a rotation while they are opened
 // moves names, not contents, so a file opened twice under two names is kept once.
 std::vector<GenerationFile> scan(const std::string& base) {
   std::vector<GenerationFile> files;
-  std::set<std::pair<dev_t, ino_t>> seen;
+  std::vector<FileId> seen;
   for (const std::string& path : generation_names(base)) {
-    File file;
-    struct stat st {};
-    if (!open_generation(path, file, st) || !seen.insert({st.st_dev, st.st_ino}).second) continue;
-    std::string head(std::min<size_t>(kFingerprintBytes, static_cast<size_t>(st.st_size)), '\0');
-    head.resize(file.read_at(head.data(), head.size(), 0));
-    const int64_t size = std::max<int64_t>(st.st_size, static_cast<int64_t>(head.size()));
-    files.push_back(GenerationFile{std::move(file), size, std::move(head)});
+    std::optional<File> file = open_generation(path);
+    if (!file || std::find(seen.begin(), seen.end(), file->id()) != seen.end()) continue;
+    seen.push_back(file->id());
+    const int64_t size = file->size();
+    std::string head(std::min<size_t>(kFingerprintBytes, static_cast<size_t>(size)), '\0');
+    head.resize(file->read_at(head.data(), head.size(), 0));
+    files.push_back(GenerationFile{std::move(*file), std::max<int64_t>(size, std::ssize(head)),
+                                   std::move(head)});
   }
   return files;
 }
 
-// The content key of a generation's first bytes: their hash in hexadecimal.
+// The content key of a generation's first bytes (at most kFingerprintBytes): the hash of their
+// fingerprint, in hexadecimal.
 std::string key_of(std::string_view bytes) {
-  uint64_t hash = fnv1a(bytes);
+  uint64_t hash = fingerprint_of(bytes).hash;
   char text[17];
   static constexpr char kHex[] = "0123456789abcdef";
   for (int i = 15; i >= 0; --i, hash >>= 4) text[i] = kHex[hash & 15];
@@ -125,7 +115,7 @@ std::string source_of(const std::string& base) {
   auto [dir, name] = split_base(base);
   char resolved[PATH_MAX];
   if (::realpath(dir.c_str(), resolved) == nullptr) {
-    throw ExportError(error_text("cannot read the directory " + dir));
+    raise_file_error(kReasonRead, "cannot read the directory", dir, errno);
   }
   char host[256] = {};
   ::gethostname(host, sizeof host - 1);
@@ -265,7 +255,7 @@ class Reader {
         passed = static_cast<int64_t>(kept);
         kept = 0;
       }
-      if (stop_) throw ExportError("interrupted", Failure::kInterrupted);
+      if (stop_) raise_export_error("interrupted", kReasonInterrupted);
       progress_(totals_);
     }
     if (passed > 0) rejects_.cut(mark);  // the file ends inside it: read again next time
@@ -367,16 +357,21 @@ std::optional<Loaded> read_new_lines(const GenerationFile& file, const std::vect
   return entry;
 }
 
-// Opens the rejects file, which must be a regular file of one name.
-Appender open_rejects(const std::string& name) {
-  if (name.empty()) return {};
-  File file = File::append(name);
-  struct stat st {};
-  if (::fstat(file.fd(), &st) != 0) throw ExportError(error_text("cannot examine " + name));
-  if (!S_ISREG(st.st_mode) || st.st_nlink != 1) {
-    throw ExportError(name + " is not a regular file of one name");
+// Reads what is new in every generation into the target; returns the change of what the target
+// has loaded that commits it.
+LoadedChange read_new(const std::vector<GenerationFile>& files, const std::vector<Loaded>& known,
+                      const std::string& source, Target& target, Reader& reader, Totals& totals) {
+  std::vector<bool> used(known.size());
+  LoadedChange change;
+  for (const GenerationFile& file : files) {
+    if (std::optional<Loaded> entry = read_new_lines(file, known, used, target, reader)) {
+      entry->source = source;
+      change.entries.push_back(std::move(*entry));
+      ++totals.generations;
+    }
   }
-  return Appender(std::move(file));
+  change.forgotten = forgotten(known, used, source);
+  return change;
 }
 
 }  // namespace
@@ -389,39 +384,31 @@ Exporter::Exporter(std::string base, const std::string& rejects, bool wait,
       wait_(wait),
       stop_(stop) {
   if (!wait_ && generation_names(base_).empty()) {
-    throw ExportError("no generations " + base_ + ".000, " + base_ + ".001, ... found");
+    raise_export_error("no generations " + base_ + ".000, " + base_ + ".001, ... found");
   }
-  rejects_ = open_rejects(rejects);
+  // The file layer refuses anything but a regular file of one name.
+  if (keep_rejects_) rejects_ = Appender(File::append(rejects));
 }
 
 Totals Exporter::run(Target& target, const std::function<void(const Totals&)>& progress) {
   Totals totals;
-  std::vector<GenerationFile> files = scan(base_);
+  const std::vector<GenerationFile> files = scan(base_);
   if (files.empty()) {
-    if (!wait_) throw ExportError("the generations of " + base_ + " are gone");
+    if (!wait_) raise_export_error("the generations of " + base_ + " are gone");
     totals.no_generation = true;
     return totals;
   }
   Rejects rejects(keep_rejects_ ? &rejects_ : nullptr);
   const long long rejects_start = rejects.mark();
+  const std::vector<Loaded> known = target.begin(lock_keys(files));
   bool committing = false;
-  std::vector<Loaded> known = target.begin(lock_keys(files));
   try {
     Reader reader(target, totals, rejects, progress, stop_);
-    std::vector<bool> used(known.size());
-    LoadedChange change;
-    for (const GenerationFile& file : files) {
-      if (std::optional<Loaded> entry = read_new_lines(file, known, used, target, reader)) {
-        entry->source = source_;
-        change.entries.push_back(std::move(*entry));
-        ++totals.generations;
-      }
-    }
+    const LoadedChange change = read_new(files, known, source_, target, reader, totals);
     if (totals.bytes == 0) {
       target.abandon();
       return totals;
     }
-    change.forgotten = forgotten(known, used, source_);
     rejects.sync();  // the rejected lines are kept before the run that leaves them behind
     committing = true;
     target.commit(change);

@@ -23,6 +23,10 @@ struct Totals {
   int64_t bytes = 0;           // bytes of the lines read
   int64_t generations = 0;     // generations that had new lines
   bool no_generation = false;  // the base has no generation (yet)
+  Totals operator+(const Totals& b) const {
+    return {records + b.records, rejected + b.rejected, bytes + b.bytes,
+            generations + b.generations, no_generation};
+  }
 };
 
 // How one generation compares with the rows of it in the target.
@@ -39,13 +43,13 @@ class Exporter {
  public:
   // `rejects`: the file rejected lines are appended to, or empty. `wait`: a base without
   // generations is not (yet) an error. `stop`: set by a signal; a run that sees it abandons
-  // what it wrote. Throws ExportError.
+  // what it wrote. Throws AdcdfError.
   Exporter(std::string base, const std::string& rejects, bool wait,
            const volatile std::sig_atomic_t& stop);
 
   // Loads into `target` what the daemon wrote since the last run. `progress` is called after
   // every block read with the run's totals so far. Returns the run's totals; throws
-  // ExportError.
+  // AdcdfError.
   Totals run(Target& target, const std::function<void(const Totals&)>& progress);
 
   // Reads the generations again up to where the target has loaded them and compares.

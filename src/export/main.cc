@@ -18,8 +18,8 @@
 
 namespace {
 
-using adcdf::exporter::ExportError;
-using adcdf::exporter::Failure;
+using adcdf::AdcdfError;
+using adcdf::exporter::CountingTarget;
 using adcdf::exporter::Target;
 using adcdf::exporter::Totals;
 using Clock = std::chrono::steady_clock;
@@ -109,12 +109,12 @@ class Progress {
     const auto now = Clock::now();
     if (now - last_ < std::chrono::milliseconds(250)) return;
     last_ = now;
-    const Totals all = add(done_, run);
+    const Totals all = done_ + run;
     std::fprintf(stderr, "\r%lld records  %.1f MB  %.1f MB/s\033[K",
                  static_cast<long long>(all.records), all.bytes / 1e6, all.bytes / 1e6 / seconds());
   }
   void finish(const Totals& run) {
-    done_ = add(done_, run);
+    done_ = done_ + run;
     if (shown_) std::fprintf(stderr, "\r\033[K");
   }
   const Totals& done() const { return done_; }
@@ -123,13 +123,6 @@ class Progress {
   }
 
  private:
-  static Totals add(Totals a, const Totals& b) {
-    a.records += b.records;
-    a.rejected += b.rejected;
-    a.bytes += b.bytes;
-    a.generations += b.generations;
-    return a;
-  }
   bool shown_;
   Clock::time_point start_ = Clock::now();
   Clock::time_point last_{};
@@ -245,7 +238,7 @@ std::string target_label(const Options& o) {
 class Retry {
  public:
   explicit Retry(std::string target) : target_(std::move(target)) {}
-  void failed(const ExportError& error) {
+  void failed(const AdcdfError& error) {
     if (!failing_) {
       std::fprintf(stderr, "ekadcdf-export: %s; trying again until it works\n", error.what());
     }
@@ -265,14 +258,26 @@ class Retry {
   Clock::duration pause_ = kFirstPause;
 };
 
-// Loads once, or with --follow until a signal; throws ExportError for what ends the program.
+// Under --follow, whether the failure of a run is waited out (the target is opened again at the
+// next try); a signal ends the loading, without an error under --follow.
+bool waited_out(const Options& o, const AdcdfError& error, CountingTarget& target, Retry& retry) {
+  if (error.reason() == adcdf::kReasonInterrupted) {
+    if (!o.follow) adcdf::exporter::raise_export_error("interrupted; nothing of this run was kept");
+    return true;
+  }
+  if (!o.follow || error.reason() != adcdf::kReasonUnavailable) return false;
+  target.attach(nullptr);
+  retry.failed(error);
+  return true;
+}
+
+// Loads once, or with --follow until a signal; throws AdcdfError for what ends the program.
 void load(const Options& o, adcdf::exporter::Exporter& exporter, Progress& progress) {
-  // Counts what each run commits, for the metrics, across reconnections.
-  adcdf::exporter::CountingTarget target;
+  CountingTarget target;  // counts what each run commits, for the metrics, across reconnections
   Retry retry(target_label(o));
   bool said_waiting = false;
   adcdf::exporter::write_export_metrics(o.metrics, o.base, target, 0);
-  for (;;) {
+  do {
     try {
       if (!target.attached()) target.attach(open_target(o));
       const Totals run = exporter.run(target, [&](const Totals& t) { progress.update(t); });
@@ -285,20 +290,11 @@ void load(const Options& o, adcdf::exporter::Exporter& exporter, Progress& progr
                      o.base.c_str());
       }
       said_waiting = run.no_generation;
-      if (!o.follow) return;
-      pause_for(kPoll);
-      if (g_stop) return;
-    } catch (const ExportError& error) {
-      if (error.failure() == Failure::kInterrupted && o.follow) return;
-      if (error.failure() == Failure::kInterrupted) {
-        throw ExportError("interrupted; nothing of this run was kept");
-      }
-      if (!o.follow || error.failure() != Failure::kTransient) throw;
-      target.attach(nullptr);  // connected again, opened again, at the next try
-      retry.failed(error);
-      if (g_stop) return;
+      if (o.follow) pause_for(kPoll);
+    } catch (const AdcdfError& error) {
+      if (!waited_out(o, error, target, retry)) throw;
     }
-  }
+  } while (o.follow && !g_stop);
 }
 
 void print_summary(const Options& o, const Progress& progress) {
@@ -356,7 +352,7 @@ int main(int argc, char** argv) {
                                        options.follow, g_stop);
     if (options.verify) return verify(options, exporter);
     load(options, exporter, progress);
-  } catch (const std::exception& error) {  // ExportError, a failed file operation, no memory
+  } catch (const std::exception& error) {  // AdcdfError, or no memory
     progress.finish({});
     std::fprintf(stderr, "ekadcdf-export: %s\n", error.what());
     return 1;

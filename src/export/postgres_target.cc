@@ -424,7 +424,7 @@ class PostgresTarget final : public Target {
       if (ping != PQPING_OK) break;
     }
     if (PQstatus(conn_) != CONNECTION_OK) {
-      fail("cannot connect", ping == PQPING_OK ? Failure::kPermanent : Failure::kTransient);
+      fail("cannot connect", ping == PQPING_OK ? kReasonRefused : kReasonUnavailable);
     }
     PQsetNoticeProcessor(
         conn_, [](void*, const char*) {}, nullptr);
@@ -437,13 +437,13 @@ class PostgresTarget final : public Target {
     sender_.send(table.copy, std::exchange(table.rows, {}));
   }
 
-  [[noreturn]] void fail(const std::string& what, Failure failure) {
+  [[noreturn]] void fail(const std::string& what, ErrorReason reason) {
     std::string why = PQerrorMessage(conn_);
     while (!why.empty() && why.back() == '\n') why.pop_back();
-    throw ExportError("PostgreSQL: " + what + ": " + why, failure);
+    raise_export_error("PostgreSQL: " + what + ": " + why, reason);
   }
   [[noreturn]] void fail(const std::string& what, const PGresult* result) {
-    fail(what, transient(conn_, result) ? Failure::kTransient : Failure::kPermanent);
+    fail(what, transient(conn_, result) ? kReasonUnavailable : kReasonRefused);
   }
 
   Result check(PGresult* r, const std::string& what) {

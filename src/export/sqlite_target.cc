@@ -44,7 +44,7 @@ class SqliteTarget final : public Target {
                         nullptr) != SQLITE_OK) {
       std::string why = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
       sqlite3_close(db_);
-      throw ExportError("cannot open " + file + ": " + why);
+      raise_export_error("cannot open " + file + ": " + why);
     }
     sqlite3_busy_timeout(db_, 5000);
     // Pages of 16 KiB on a new file (an existing one keeps its own): a quarter of the pages
@@ -157,9 +157,9 @@ class SqliteTarget final : public Target {
   // Another writer's lock is waited out; anything else is for a person to fix.
   [[noreturn]] void fail(const std::string& what) {
     const int code = sqlite3_extended_errcode(db_) & 0xff;
-    throw ExportError(
+    raise_export_error(
         what + " in " + file_ + ": " + sqlite3_errmsg(db_),
-        code == SQLITE_BUSY || code == SQLITE_LOCKED ? Failure::kTransient : Failure::kPermanent);
+        code == SQLITE_BUSY || code == SQLITE_LOCKED ? kReasonUnavailable : kReasonRefused);
   }
   void forget_id(const Statement& forget, int64_t id) {
     sqlite3_bind_int64(forget.get(), 1, id);
@@ -230,7 +230,7 @@ class SqliteTarget final : public Target {
 Statement::Statement(sqlite3* db, const std::string& sql) {
   if (sqlite3_prepare_v3(db, sql.c_str(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
                          &s_, nullptr) != SQLITE_OK) {
-    throw ExportError("cannot prepare " + sql + ": " + sqlite3_errmsg(db));
+    raise_export_error("cannot prepare " + sql + ": " + sqlite3_errmsg(db));
   }
 }
 

@@ -9,33 +9,23 @@
 #include <map>
 #include <memory>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "convert/catalogue.h"
 #include "export/schema.h"
+#include "support/error.h"
 
 namespace adcdf::exporter {
 
-// Why a run failed. Nothing of a failed run is kept.
-enum class Failure {
-  kPermanent,    // for a person to fix: permissions, a full disk, a wrong schema or password
-  kTransient,    // what waiting cures: a database restarting or unreachable, a lock held
-  kInterrupted,  // stopped by a signal
-};
-
-// The one error the exporter throws.
-class ExportError : public std::runtime_error {
- public:
-  explicit ExportError(const std::string& what, Failure failure = Failure::kPermanent)
-      : std::runtime_error(what), failure_(failure) {}
-  Failure failure() const { return failure_; }
-
- private:
-  Failure failure_;
-};
+// What the exporter cannot go on from throws the project's AdcdfError: a file operation's
+// (support/files.h), or one of its own in kGroupExport, whose reason says whether waiting cures
+// it. Nothing of a failed run is kept.
+[[noreturn]] inline void raise_export_error(const std::string& text,
+                                            ErrorReason reason = kReasonRefused) {
+  throw AdcdfError(kGroupExport, reason, text);
+}
 
 // What a target has loaded of one generation. A generation is known by the hash of its first
 // bytes, not by its name, which changes at every rotation, nor by the path of its base.

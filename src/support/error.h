@@ -18,6 +18,7 @@ namespace adcdf {
 enum ErrorGroup : int {
   kGroupFile = 1,    // a file operation failed
   kGroupMemory = 2,  // memory could not be obtained
+  kGroupExport = 3,  // the exporter: its generations or its target
 };
 
 enum ErrorReason : int {
@@ -33,6 +34,10 @@ enum ErrorReason : int {
   kReasonJournal = 11,
   kReasonSpecial = 12,   // a FIFO, socket, device or directory at one of the daemon's names
   kReasonHardLink = 13,  // a file with other links at a name the daemon writes
+  // The exporter's own failures, by what ends them:
+  kReasonRefused = 14,      // a person: permissions, a full disk, a wrong schema or password
+  kReasonUnavailable = 15,  // waiting: a database restarting or unreachable, a lock held
+  kReasonInterrupted = 16,  // a signal stopped the run
 };
 
 class AdcdfError : public std::runtime_error {

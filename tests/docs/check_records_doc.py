@@ -1,34 +1,17 @@
 #!/usr/bin/env python3
 """Checks docs/records.md against the records the daemon really writes.
 
-The script generates an audit file with a section of every kind that carries none of its
-optional lines, runs the daemon on it in a temporary directory until it waits at the end of the
-file, stops it with SIGTERM and reads the output generations. It then checks, for the record
-reference:
-
-  * every documented record type was written, and every type written is documented;
-  * every record has exactly the documented number of columns, each quoted or bare as
-    documented (the values hold no comma and no double quote, so splitting on commas is exact);
-  * every column whose "absent" cell starts with a code span (`0`, `" "`, ...) holds exactly
-    that text;
-  * with --exporter, the record catalogue that the daemon and ekadcdf-export share (printed by
-    `ekadcdf-export --columns`) has the documented types, and per column the documented name,
-    bare or quoted, width ("up to N") and constant;
-  * with --exporter, every query of "Loading the output" gives, on a base whose events span
-    several months and days, loaded into SQLite (and into PostgreSQL when EKADCDF_TEST_POSTGRES
-    names the directory of a running server, as the ctest fixture does), what the CDF files
-    themselves give: the SQLite block and the PostgreSQL block, query by query.
-
-The reference is read from its "### <type>[, <type>] <name> (<N> columns)" headings, each followed
-by a table whose rows name a column ("9") or a run of columns ("1-8"), its name, what it holds,
-how it is written ("bare" or "quoted") and its value when the section had no line for it. The
-names of columns 1 to 8 are in the table "Columns 1 to 8".
-
-Exit status 0 when everything matches, 1 on a mismatch, 2 when the check could not run.
+The record reference (a "### <types> <name> (<N> columns)" heading over a table: column(s), name,
+holds, bare or quoted, value when absent) against a section of every kind without its optional
+lines; with --exporter, against `ekadcdf-export --columns`, and every query of "Loading the
+output", on a base spanning months and days loaded into SQLite and PostgreSQL (the server
+EKADCDF_TEST_POSTGRES names), against what the CDF files give. Exit status 1 on a mismatch, 2
+when the check could not run.
 """
 
 import argparse
 import collections
+import itertools
 import os
 import re
 import signal
@@ -40,99 +23,120 @@ import threading
 import time
 
 START = 1767261600  # 2026-01-01 10:00:00 UTC
-
-# Every section kind that writes records, with only what a record needs to exist: the sections
-# that write one record per recipient get a single recipient, all others nothing but their header.
-# Which columns each kind fills from its lines, and how, the catalogue check covers.
-SECTIONS = [(name, {
-    "routing": ["recipient-to r/hq", "ack-req 1", "queue LOCAL"],
-    "delivery": ["recipient-to r/hq"],
-    "fax": ["recipient-to r/hq"],
-}.get(name, [])) for name in (
-    "subsystem-start", "subsystem-stop", "user-signon", "user-signoff", "routing", "fax",
-    "delivery", "request", "unix-in", "unix-out", "desk-in", "desk-out", "x400-in", "x400-out",
-    "sms-in", "sms-out", "bulletin", "dirsync-in", "dirsync-out", "ekscan")]
-
+# Every section kind that writes records, with one recipient where records are per recipient.
+BODIES = {"routing": ["recipient-to r/hq", "ack-req 1", "queue LOCAL"],
+          "delivery": ["recipient-to r/hq"], "fax": ["recipient-to r/hq"]}
+KINDS = ("subsystem-start", "subsystem-stop", "user-signon", "user-signoff", "routing", "fax",
+         "delivery", "request", "unix-in", "unix-out", "desk-in", "desk-out", "x400-in",
+         "x400-out", "sms-in", "sms-out", "bulletin", "dirsync-in", "dirsync-out", "ekscan")
 HEADING = re.compile(r"^###\s+(\d+(?:\s*,\s*\d+)*)\s+(.+?)\s+\((\d+) columns\)\s*$")
 COLUMNS = re.compile(r"^(\d+)(?:\s*[-\u2013]\s*(\d+))?$")
 CODE_SPAN = re.compile(r"^`([^`]*)`")
-UP_TO = re.compile(r"up to (\d+)")
-ADDRESS_WIDTH = 850
 COMMON = re.compile(r"^\|\s*(\d)\s*\|\s*`(\w+)`\s*\|")
-
-
-class Mismatch(Exception):
-    pass
-
-
-def audit_text():
-    lines = []
-    for i, (name, body) in enumerate(SECTIONS):
-        lines += [name, f"audit {START + 10 * i} pid=4711", *body, ""]
-    return "\n".join(lines) + "\n"
+ADDRESS_WIDTH = 850  # an address passes through 849 characters, then gains a blank
 
 
 def parse_doc(path):
-    """Returns {type: (name, count, [(written, absent, column name, holds) for columns 1..count])}
-    with the names of columns 1 to 8 filled in from their own table."""
-    with open(path, encoding="utf-8") as f:
-        lines = f.read().splitlines()
-    types = {}
-    problems = []
-    common = dict((int(m.group(1)), m.group(2)) for m in map(COMMON.match, lines) if m)
-    i = 0
-    while i < len(lines):
-        m = HEADING.match(lines[i])
-        i += 1
+    """{type: (name, count, [(written, absent, column name, holds) per column])}, or problems."""
+    lines = open(path, encoding="utf-8").read().splitlines()
+    common = {int(m.group(1)): m.group(2) for m in map(COMMON.match, lines) if m}
+    types, problems = {}, []
+    for i, line in enumerate(lines):
+        m = HEADING.match(line)
         if not m:
             continue
-        rtypes = [int(t) for t in m.group(1).split(",")]
         name, count = m.group(2), int(m.group(3))
-        rtype = "/".join(str(t) for t in rtypes)
-        while i < len(lines) and not lines[i].startswith("|"):
-            i += 1
-        rows = []
-        while i < len(lines) and lines[i].startswith("|"):
-            rows.append([c.strip() for c in lines[i].strip().strip("|").split("|")])
-            i += 1
+        table = itertools.dropwhile(lambda l: not l.startswith("|"), lines[i + 1:])
+        rows = [[c.strip() for c in l.strip().strip("|").split("|")]
+                for l in itertools.takewhile(lambda l: l.startswith("|"), table)][2:]
         columns = [None] * count
-        for row in rows[2:]:  # after the header row and the separator row
-            where = f"type {rtype}, row '{'|'.join(row)}'"
-            cm = COLUMNS.match(row[0]) if row else None
-            if not cm or len(row) < 5:
-                problems.append(f"{where}: expected 'column | name | holds | written | absent'")
+        for row in rows:
+            cm = COLUMNS.match(row[0])
+            written = row[3].split()[0].lower() if len(row) >= 5 and row[3] else ""
+            if not cm or written not in ("bare", "quoted"):
+                problems.append(f"{m.group(1)}: row '{'|'.join(row)}' is no column")
                 continue
-            first = int(cm.group(1))
-            last = int(cm.group(2) or first)
-            written = row[3].split()[0].lower() if row[3] else ""
-            if written not in ("bare", "quoted"):
-                problems.append(f"{where}: written as '{row[3]}', not bare or quoted")
-                continue
-            absent = CODE_SPAN.match(row[4])
-            name = CODE_SPAN.match(row[1])
-            for c in range(first, last + 1):
-                if not 1 <= c <= count:
-                    problems.append(f"{where}: column {c} outside 1..{count}")
-                elif columns[c - 1] is not None:
-                    problems.append(f"{where}: column {c} documented twice")
-                else:
-                    columns[c - 1] = (written, absent.group(1) if absent else None,
-                                      name.group(1) if name else common.get(c), row[2])
-        missing = [str(c + 1) for c, v in enumerate(columns) if v is None]
-        if missing:
-            problems.append(f"type {rtype}: columns {', '.join(missing)} not documented")
-        for t in rtypes:
-            if t in types:
-                problems.append(f"type {t} is documented twice")
+            for c in range(int(cm.group(1)), int(cm.group(2) or cm.group(1)) + 1):
+                if not 1 <= c <= count or columns[c - 1]:
+                    problems.append(f"{m.group(1)}: column {c} outside 1..{count} or twice")
+                    continue
+                absent, col = CODE_SPAN.match(row[4]), CODE_SPAN.match(row[1])
+                columns[c - 1] = (written, absent and absent.group(1),
+                                  col.group(1) if col else common.get(c), row[2])
+        if None in columns:
+            problems.append(f"{m.group(1)}: column {columns.index(None) + 1} not documented")
+        for t in map(int, m.group(1).split(",")):
+            problems += [f"type {t} documented twice"] if t in types else []
             types[t] = (name, count, columns)
-    if problems:
-        raise Mismatch("the record reference is malformed:\n  " + "\n  ".join(problems))
-    if not types:
-        raise Mismatch(f"no '### <type> <name> (<N> columns)' headings found in {path}")
-    return types
+    return types, problems or ([] if types else ["no record type headings"])
 
 
-def queries_audit_text(now):
+def run_daemon(binary, workdir, text, timeout):
+    """The records the daemon writes from `text`, after it waits at the end of the file."""
+    open(os.path.join(workdir, "audit"), "w", encoding="ascii").write(text)
+    proc = subprocess.Popen([binary, "-a", "audit", "-b", "cdf", "-g", "100", "-d"], cwd=workdir,
+                            env=dict(os.environ, TZ="UTC", RUNTIME_DIRECTORY=workdir),
+                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                            stderr=subprocess.PIPE)
+    killer = threading.Timer(timeout, proc.kill)
+    killer.start()
+    for line in proc.stderr:  # the debug trace says "waiting..." at the end of the file
+        if line == b"waiting...\n":
+            proc.send_signal(signal.SIGTERM)
+            break
+    proc.stderr.read()
+    status = proc.wait()
+    killer.cancel()
+    errors = open(os.path.join(workdir, "cdf.ERR"), encoding="latin-1").read()
+    if status != 0 or errors:
+        raise RuntimeError(f"the daemon ended with status {status}, cdf.ERR: {errors!r}")
+    names = sorted(n for n in os.listdir(workdir) if re.fullmatch(r"cdf\.\d{3}", n))
+    paths = [os.path.join(workdir, n) for n in names]
+    return [l.rstrip("\n") for p in paths for l in open(p, encoding="latin-1")]
+
+
+def check_records(types, records):
+    problems, seen = [], set()
+    for line in records:
+        fields = line.split(",")  # the values hold no comma and no double quote
+        seen.add(int(fields[0]))
+        name, count, columns = types.get(int(fields[0]), (None, len(fields), []))
+        if len(fields) != count:
+            problems.append(f"{name}: {count} columns documented, written {len(fields)}: {line}")
+        for n, (value, (written, absent, _, _)) in enumerate(zip(fields, columns), start=1):
+            quoted = len(value) >= 2 and value[0] == value[-1] == '"'
+            if (quoted != (written == "quoted") or (written == "bare" and '"' in value)
+                    or absent not in (None, value)):
+                problems.append(f"{name} column {n}: {written}, absent {absent}, written {value}")
+    return problems + [f"type {t} is {'documented' if t in types else 'written'} only"
+                       for t in sorted(set(types) ^ seen)]
+
+
+def check_catalogue(exporter, types):
+    out = subprocess.run([exporter, "--columns"], check=True, capture_output=True, text=True)
+    catalogue = collections.defaultdict(list)
+    for line in out.stdout.splitlines()[1:]:
+        rtype, _, name, written, width, _, constant = line.split("\t")
+        catalogue[int(rtype)].append((name, written, int(width), constant))
+    problems = [f"type {t} is in one of the tables and the catalogue only"
+                for t in sorted(set(types) ^ set(catalogue))]
+    for t in sorted(set(types) & set(catalogue)):
+        documented = [(name, written, holds, absent)
+                      for written, absent, name, holds in types[t][2]]
+        if len(documented) != len(catalogue[t]):
+            problems.append(f"type {t}: {len(documented)} columns, catalogue {len(catalogue[t])}")
+        for n, ((name, written, holds, absent), (c_name, c_written, width, constant)) in enumerate(
+                zip(documented, catalogue[t]), start=1):
+            up_to = re.search(r"up to (\d+)", holds)
+            width = min(width, ADDRESS_WIDTH) if "address" in holds else width
+            if ((name, written) != (c_name, c_written) or (up_to and int(up_to.group(1)) != width)
+                    or constant not in ("-", absent)):
+                problems.append(f"type {t} column {n}: {name} {written} {holds} {absent}, "
+                                f"catalogue {c_name} {c_written} {width} {constant}")
+    return problems
+
+
+def history(now):
     """Routings, deliveries and sign-ons every 1.6 days back from `now` over about three months:
     a generation each (the daemon starts one per day)."""
     lines = []
@@ -150,193 +154,53 @@ def queries_audit_text(now):
     return "\n".join(lines) + "\n"
 
 
-def run_daemon(binary, workdir, timeout, text, generations=6):
-    with open(os.path.join(workdir, "audit"), "w", encoding="ascii") as f:
-        f.write(text)
-    env = dict(os.environ, TZ="UTC", RUNTIME_DIRECTORY=workdir)
-    proc = subprocess.Popen([binary, "-a", "audit", "-b", "cdf", "-g", str(generations), "-d"],
-                            cwd=workdir, env=env,
-                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE)
-    waiting = threading.Event()
-    stdout = []
-
-    def drain_stderr():
-        # Debug mode writes "waiting..." once the whole file has been read.
-        for line in proc.stderr:
-            if line == b"waiting...\n":
-                waiting.set()
-
-    def drain_stdout():
-        stdout.append(proc.stdout.read())
-
-    threads = [threading.Thread(target=drain_stderr, daemon=True),
-               threading.Thread(target=drain_stdout, daemon=True)]
-    for t in threads:
-        t.start()
-    deadline = time.monotonic() + timeout
-    while not waiting.is_set() and proc.poll() is None and time.monotonic() < deadline:
-        waiting.wait(0.1)
-    reached_end = waiting.is_set()
-    if proc.poll() is None:
-        proc.send_signal(signal.SIGTERM)
-    try:
-        status = proc.wait(timeout)
-    except subprocess.TimeoutExpired:
-        proc.kill()
-        proc.wait()
-        raise RuntimeError("the daemon did not stop within %d s of SIGTERM" % timeout)
-    for t in threads:
-        t.join(timeout)
-    if not reached_end:
-        raise RuntimeError("the daemon never reached the end of the audit file "
-                           f"(exit status {status}, stdout {b''.join(stdout)!r})")
-    if status != 0:
-        raise RuntimeError(f"the daemon exited with status {status}: {b''.join(stdout)!r}")
-    with open(os.path.join(workdir, "cdf.ERR"), encoding="latin-1") as f:
-        errors = f.read()
-    if errors:
-        raise RuntimeError("the daemon did not take every generated line; cdf.ERR holds:\n"
-                           + errors)
-    records = []
-    for name in sorted(os.listdir(workdir)):
-        if re.fullmatch(r"cdf\.\d{3}", name):
-            with open(os.path.join(workdir, name), encoding="latin-1") as f:
-                records += [line.rstrip("\n") for line in f]
-    return records
-
-
-def check(types, records):
-    problems = []
-    seen = set()
-    for line in records:
-        fields = line.split(",")
-        try:
-            rtype = int(fields[0])
-        except ValueError:
-            problems.append(f"record without a type code: {line}")
-            continue
-        seen.add(rtype)
-        if rtype not in types:
-            continue
-        name, count, columns = types[rtype]
-        if len(fields) != count:
-            problems.append(f"type {rtype} ({name}): documented with {count} columns, the "
-                            f"daemon wrote {len(fields)}: {line}")
-            continue
-        for n, (value, (written, absent, _, _)) in enumerate(zip(fields, columns), start=1):
-            quoted = len(value) >= 2 and value[0] == '"' and value[-1] == '"'
-            if quoted != (written == "quoted") or (written == "bare" and '"' in value):
-                problems.append(f"type {rtype} column {n}: documented {written}, written "
-                                f"{value}: {line}")
-            elif absent is not None and value != absent:
-                problems.append(f"type {rtype} column {n}: documented as {absent} when absent, "
-                                f"written {value}: {line}")
-    for rtype in sorted(set(types) - seen):
-        problems.append(f"type {rtype} ({types[rtype][0]}) is documented but was not written")
-    for rtype in sorted(seen - set(types)):
-        problems.append(f"type {rtype} was written but is not documented")
-    return problems
-
-
-def check_catalogue(exporter, types):
-    """The catalogue printed by `ekadcdf-export --columns` against the tables."""
-    out = subprocess.run([exporter, "--columns"], check=True, capture_output=True, text=True)
-    catalogue = {}
-    for line in out.stdout.splitlines()[1:]:
-        rtype, column, name, written, width, _, constant = line.split("\t")
-        catalogue.setdefault(int(rtype), []).append((name, written, int(width), constant))
-    problems = []
-    for rtype in sorted(set(types) ^ set(catalogue)):
-        problems.append(f"type {rtype} is in {'the tables' if rtype in types else 'the catalogue'}"
-                        " only")
-    for rtype in sorted(set(types) & set(catalogue)):
-        _, count, columns = types[rtype]
-        if count != len(catalogue[rtype]):
-            problems.append(f"type {rtype}: {count} columns documented, "
-                            f"{len(catalogue[rtype])} in the catalogue")
-            continue
-        for n, ((written, absent, doc_name, holds), (name, kind, width, constant)) in enumerate(
-                zip(columns, catalogue[rtype]), start=1):
-            up_to = UP_TO.search(holds)
-            if "address" in holds:  # an address passes through 849 characters, then gains a blank
-                width = min(width, ADDRESS_WIDTH)
-            if doc_name != name:
-                problems.append(f"type {rtype} column {n}: named {doc_name}, catalogue {name}")
-            if written != kind:
-                problems.append(f"type {rtype} column {n}: {written}, catalogue {kind}")
-            if up_to and int(up_to.group(1)) != width:
-                problems.append(f"type {rtype} column {n}: up to {up_to.group(1)}, "
-                                f"catalogue width {width}")
-            if constant != "-" and absent != constant:
-                problems.append(f"type {rtype} column {n}: {absent} when absent, "
-                                f"catalogue constant {constant}")
-    return problems
-
-
 def expected_answers(types, records, now):
     """What each documented query gives, computed from the CDF lines (values hold no comma)."""
-    rows = collections.defaultdict(list)
-    host = ""
+    rows, host = collections.defaultdict(list), ""
     for line in records:
         values = [v[1:-1] if len(v) >= 2 and v[0] == v[-1] == '"' else v for v in line.split(",")]
-        rtype = int(values[0])
-        if rtype == 999:
+        if values[0] == "999":
             host = values[8]
-            continue
-        names = [c[2] for c in types[rtype][2]]
-        rows[rtype].append(dict(zip(names, values), host=host))
+        else:
+            names = [c[2] for c in types[int(values[0])][2]]
+            rows[int(values[0])].append(dict(zip(names, values), host=host))
     day = lambda r: time.strftime("%Y-%m-%d", time.gmtime(int(r["epoch_seconds"])))
-    per_day, senders, reasons, signons = (collections.Counter() for _ in range(4))
-    recipients, sizes = collections.Counter(), collections.Counter()
+    per_day, recipients, senders, sizes, reasons, signons = (
+        collections.Counter() for _ in range(6))
     for r in rows[101]:
         per_day[(day(r), r["host"])] += 1
         recipients[(day(r), r["host"])] += int(r["recipient_count"])
         if int(r["epoch_seconds"]) >= now - 7 * 86400:
             senders[r["originator"]] += 1
             sizes[r["originator"]] += int(r["message_size"])
-    routed = {(r["host"], r["epoch_seconds"], r["ua_message_id"]): r for r in rows[101]}
-    joined = [(routed[k]["subject"], r["recipient"], r["queue"], r["local_queue"])
-              for r in rows[503]
-              for k in [(r["host"], r["epoch_seconds"], r["ua_message_id"])] if k in routed]
+    key = lambda r: (r["host"], r["epoch_seconds"], r["ua_message_id"])
+    routed = {key(r): r for r in rows[101]}
     for r in rows[504]:
-        if r["non_delivery_reason"] != "0":
-            reasons[r["non_delivery_reason"]] += 1
+        reasons[r["non_delivery_reason"]] += r["non_delivery_reason"] != "0"
     for r in rows[103]:
         signons[(r["user_name_1"], r["client_type"])] += 1
     as_text = lambda answer: sorted(tuple(str(v) for v in row) for row in answer)
-    return [as_text([(*k, n, recipients[k]) for k, n in sorted(per_day.items())]),
+    return [as_text((*k, n, recipients[k]) for k, n in per_day.items()),
             as_text(sorted(((o, n, sizes[o]) for o, n in senders.items()),
                            key=lambda row: -row[2])[:10]),
-            as_text(joined),
-            as_text(reasons.items()),
-            as_text([(*k, n) for k, n in signons.items()])]
-
-
-def documented_queries(doc):
-    """The SQLite and the PostgreSQL block of "Loading the output", as lists of statements."""
-    with open(doc, encoding="utf-8") as f:
-        text = f.read()
-    text = text[text.index("## Loading the output"):]
-    blocks = re.findall(r"```sql\n(.*?)```", text, re.S)
-    statements = lambda block: [s.strip() for s in block.split(";") if s.strip()]
-    return [statements(b) for b in blocks[:2]]
+            as_text((routed[key(r)]["subject"], r["recipient"], r["queue"], r["local_queue"])
+                    for r in rows[503] if key(r) in routed),
+            as_text((k, n) for k, n in reasons.items() if n),
+            as_text((*k, n) for k, n in signons.items())]
 
 
 def check_queries(exporter, doc, types, workdir, records, now):
-    problems = []
-    sqlite_block, postgres_block = documented_queries(doc)
+    text = open(doc, encoding="utf-8").read()
+    blocks = re.findall(r"```sql\n(.*?)```", text[text.index("## Loading the output"):], re.S)
+    queries = [[s.strip() for s in b.split(";") if s.strip()] for b in blocks[:2]]
     expected = expected_answers(types, records, now)
-    if len(sqlite_block) != len(expected) or len(postgres_block) != len(expected):
-        return [f"expected {len(expected)} queries in each block, found {len(sqlite_block)} "
-                f"(SQLite) and {len(postgres_block)} (PostgreSQL)"]
+    if [len(q) for q in queries] != [len(expected)] * 2:
+        return [f"expected {len(expected)} queries per block, found {[len(q) for q in queries]}"]
     base = os.path.join(workdir, "cdf")
-    subprocess.run([exporter, "--sqlite", base + ".sqlite", base], check=True,
-                   capture_output=True)
+    subprocess.run([exporter, "--sqlite", base + ".sqlite", base], check=True, capture_output=True)
     db = sqlite3.connect(base + ".sqlite")
-    answers = {"SQLite": [db.execute(q).fetchall() for q in sqlite_block]}
-    db.close()
-    server = os.environ.get("EKADCDF_TEST_POSTGRES")
+    answers = {"SQLite": [db.execute(q).fetchall() for q in queries[0]]}
+    server, problems = os.environ.get("EKADCDF_TEST_POSTGRES"), []
     if server:
         psql = ["psql", "-X", "-q", "-A", "-t", "-F", "\t", "-v", "ON_ERROR_STOP=1"]
         database = f"records_doc_{os.getpid()}"
@@ -345,56 +209,46 @@ def check_queries(exporter, doc, types, workdir, records, now):
         conninfo = f"host={server} user=postgres dbname={database}"
         subprocess.run([exporter, "--postgres", conninfo, base], check=True, capture_output=True)
         answers["PostgreSQL"] = []
-        for q in postgres_block:
+        for q in queries[1]:
             out = subprocess.run(psql + [conninfo, "-c", q], capture_output=True, text=True)
-            if out.returncode != 0:
-                problems.append(f"PostgreSQL: {q}: {out.stderr.strip()}")
+            problems += [f"PostgreSQL: {q}: {out.stderr.strip()}"] if out.returncode else []
             answers["PostgreSQL"].append([line.split("\t") for line in out.stdout.splitlines()])
     for target, results in answers.items():
-        for n, (got, want) in enumerate(zip(results, expected)):
+        for n, (got, want) in enumerate(zip(results, expected), start=1):
             got = sorted(tuple("" if v is None else str(v) for v in row) for row in got)
             if got != want:
-                problems.append(f"{target}: query {n + 1} gives {got[:5]}..., the CDF files "
-                                f"{want[:5]}...")
+                problems.append(f"{target}: query {n} gives {got[:5]}..., the files {want[:5]}...")
         if len(results[1]) == 0 or len(results[0]) < 30:
-            problems.append(f"{target}: the base does not reach the queries' cases: "
-                            f"{[len(r) for r in results]}")
+            problems.append(f"{target}: the base misses the queries' cases: {results}")
     return problems
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--binary", required=True, help="path of the ekadcdf binary")
-    parser.add_argument("--doc", required=True, help="path of docs/records.md")
-    parser.add_argument("--exporter", help="path of the ekadcdf-export binary")
+    for option in ("--binary", "--doc", "--exporter"):  # ekadcdf, docs/records.md, ekadcdf-export
+        parser.add_argument(option, required=option != "--exporter")
     parser.add_argument("--timeout", type=int, default=60, help="seconds to wait for the daemon")
     args = parser.parse_args()
-    try:
-        types = parse_doc(args.doc)
-    except (OSError, Mismatch) as e:
-        print(f"records_doc: {e}", file=sys.stderr)
-        return 1
-    now = int(time.time())
+    types, problems = parse_doc(args.doc)
+    now, binary = int(time.time()), os.path.abspath(args.binary)
+    sections = [[k, f"audit {START + 10 * i} pid=4711", *BODIES.get(k, []), ""]
+                for i, k in enumerate(KINDS)]
     try:
         with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
-            records = run_daemon(os.path.abspath(args.binary), workdir, args.timeout,
-                                 audit_text())
+            records = run_daemon(binary, workdir, "\n".join(sum(sections, [])) + "\n", args.timeout)
         with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
-            history = run_daemon(os.path.abspath(args.binary), workdir, args.timeout,
-                                 queries_audit_text(now), generations=100)
-            problems = check(types, records)
-            if args.exporter and not problems:
-                problems = check_catalogue(args.exporter, types)
-            if args.exporter and not problems:
-                problems = check_queries(args.exporter, args.doc, types, workdir, history, now)
+            past = run_daemon(binary, workdir, history(now), args.timeout)
+            problems = problems or check_records(types, records)
+            if args.exporter:
+                problems = problems or check_catalogue(args.exporter, types)
+                problems = problems or check_queries(args.exporter, args.doc, types, workdir,
+                                                     past, now)
     except (OSError, RuntimeError, subprocess.CalledProcessError) as e:
         print(f"records_doc: could not run the daemon or the exporter: {e}", file=sys.stderr)
         return 2
     if problems:
-        print(f"records_doc: {args.doc} does not match the daemon's records or the catalogue:",
-              file=sys.stderr)
-        for p in problems:
-            print("  " + p, file=sys.stderr)
+        print(f"records_doc: {args.doc} does not match the records or the catalogue:\n  "
+              + "\n  ".join(problems), file=sys.stderr)
         return 1
     print(f"records_doc: {len(types)} record types, {len(records)} records checked")
     return 0

@@ -18,19 +18,18 @@
 
 namespace export_test {
 
-using daemon_test::fs::path;
-
 using Rows = std::vector<std::vector<std::string>>;
 
-// The result of `sql`; NULL reads as an empty string.
-inline Rows pg_query(const std::string& conninfo, const std::string& sql) {
+// The result of `sql` (NULL reads as an empty string); nothing when it fails, which only
+// `may_fail` allows.
+inline Rows pg_query(const std::string& conninfo, const std::string& sql, bool may_fail = false) {
   PGconn* conn = PQconnectdb(conninfo.c_str());
   PGresult* r = PQexec(conn, sql.c_str());
-  EXPECT_TRUE(PQresultStatus(r) == PGRES_TUPLES_OK || PQresultStatus(r) == PGRES_COMMAND_OK)
-      << sql << ": " << PQerrorMessage(conn);
-  Rows rows(static_cast<size_t>(PQntuples(r)));
-  for (int i = 0; i < PQntuples(r); ++i) {
-    for (int j = 0; j < PQnfields(r); ++j) rows[i].emplace_back(PQgetvalue(r, i, j));
+  const bool ok = PQresultStatus(r) == PGRES_TUPLES_OK || PQresultStatus(r) == PGRES_COMMAND_OK;
+  EXPECT_TRUE(ok || may_fail) << sql << ": " << PQerrorMessage(conn);
+  Rows rows(ok ? static_cast<size_t>(PQntuples(r)) : 0);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    for (int j = 0; j < PQnfields(r); ++j) rows[i].emplace_back(PQgetvalue(r, int(i), j));
   }
   PQclear(r);
   PQfinish(conn);
@@ -71,21 +70,18 @@ class PostgresServer {
   void start() {
     daemon_test::fs::create_directories(dir_);
     if (::geteuid() == 0 && ::chown(dir_.c_str(), 65534, 65534) != 0) ADD_FAILURE() << "chown";
-    run(std::string(POSTGRES_BIN) + "/initdb -D " + dir_ + "/data -U postgres --auth=trust " +
-        "-E UTF8 --no-locale -N");
+    run("/initdb -D " + dir_ + "/data -U postgres --auth=trust -E UTF8 --no-locale -N");
     resume();
   }
   // Starts the cluster made by start() again.
   void resume() {
-    run(std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir_ + "/data -l " + dir_ +
-        "/log -w start -o \"-c listen_addresses='' -c unix_socket_directories=" + dir_ +
-        " -c fsync=off\"");
+    run("/pg_ctl -D " + dir_ + "/data -l " + dir_ + "/log -w start -o \"-c listen_addresses='' " +
+        "-c unix_socket_directories=" + dir_ + " -c fsync=off\"");
   }
   // Stops it: "fast" ends the sessions, "immediate" is a crash.
   void stop(const std::string& mode) {
-    run(std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir_ + "/data -m " + mode + " -w stop");
+    run("/pg_ctl -D " + dir_ + "/data -m " + mode + " -w stop");
   }
-  const std::string& dir() const { return dir_; }
 
   std::string conninfo(const std::string& database = "postgres") const {
     return "host=" + dir_ + " user=postgres dbname=" + database;
@@ -99,12 +95,14 @@ class PostgresServer {
 
  private:
   void run(const std::string& command) const {
-    ASSERT_EQ(std::system((as_owner_ + command + " >>" + dir_ + "/setup.log 2>&1").c_str()), 0)
+    const std::string as_owner = ::geteuid() == 0 ? "runuser -u nobody -- " : "";
+    ASSERT_EQ(
+        std::system((as_owner + POSTGRES_BIN + command + " >>" + dir_ + "/setup.log 2>&1").c_str()),
+        0)
         << command << ", see " << dir_ << "/setup.log";
   }
   std::unique_ptr<adcdf::testing::TempDir> scratch_;
   std::string dir_;
-  std::string as_owner_ = ::geteuid() == 0 ? "runuser -u nobody -- " : "";
   int databases_ = 0;
 };
 
@@ -134,24 +132,33 @@ inline std::string cdf_line(const adcdf::RecordType& type, const std::vector<std
   return line + "|" + host;
 }
 
-// Integer columns hold integers exactly when their text is a plain integer; `type` is how a
-// target stored `value`: "integer" or "text".
-inline void expect_typed(const adcdf::RecordColumn& column, const std::string& value,
-                         const std::string& type) {
-  int64_t number;
-  const bool plain = adcdf::exporter::parse_integer(value, number);
-  EXPECT_EQ(type, column.type == adcdf::ValueType::kInteger && plain ? "integer" : "text")
-      << column.name << " = '" << value << "'";
+// Integer columns hold integers exactly when their text is a plain integer; `types[i]` is how a
+// target stored `values[i]`: "integer" or anything else.
+inline void expect_typed(const adcdf::RecordType& type, const std::vector<std::string>& values,
+                         const std::vector<std::string>& types) {
+  for (size_t i = 0; i < type.columns.size(); ++i) {
+    int64_t number;
+    const bool plain = adcdf::exporter::parse_integer(values[i], number);
+    EXPECT_EQ(types[i] == "integer", type.columns[i].type == adcdf::ValueType::kInteger && plain)
+        << type.columns[i].name << " = '" << values[i] << "'";
+  }
 }
 
-inline std::vector<std::string> column_texts(sqlite3_stmt* s, int from, int count) {
-  std::vector<std::string> values;
-  for (int i = from; i < from + count; ++i) {
-    const unsigned char* text = sqlite3_column_text(s, i);
-    values.emplace_back(text ? reinterpret_cast<const char*>(text) : "",
-                        static_cast<size_t>(sqlite3_column_bytes(s, i)));
+// The rows of a SQLite statement, as text; NULL reads as an empty string.
+inline Rows sqlite_rows(sqlite3* db, const std::string& sql, const std::string& bound = "") {
+  sqlite3_stmt* s = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  sqlite3_bind_text(s, 1, bound.data(), static_cast<int>(bound.size()), SQLITE_STATIC);
+  Rows rows;
+  while (s != nullptr && sqlite3_step(s) == SQLITE_ROW) {
+    rows.emplace_back();
+    for (int i = 0; i < sqlite3_column_count(s); ++i) {
+      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, i));
+      rows.back().emplace_back(text ? text : "", static_cast<size_t>(sqlite3_column_bytes(s, i)));
+    }
   }
-  return values;
+  sqlite3_finalize(s);
+  return rows;
 }
 
 // RFC 4180, lines ended by CR LF.
@@ -190,68 +197,47 @@ inline std::multiset<std::string> read_back(Kind kind, const std::string& where,
   sqlite3* db = nullptr;
   sqlite3_open(kind == Kind::kSqlite ? where.c_str() : ":memory:", &db);
   sqlite3_busy_timeout(db, 10000);
-  if (kind == Kind::kJsonl) {
-    std::istringstream in(daemon_test::read_file(where));
-    sqlite3_stmt* s;
-    sqlite3_prepare_v2(db, "SELECT value, type FROM json_each(?1) ORDER BY id", -1, &s, nullptr);
-    for (std::string json; std::getline(in, json);) {
-      sqlite3_bind_text(s, 1, json.data(), static_cast<int>(json.size()), SQLITE_STATIC);
-      std::vector<std::string> values, types;
-      while (sqlite3_step(s) == SQLITE_ROW) {
-        values.push_back(column_texts(s, 0, 1)[0]);
-        types.push_back(column_texts(s, 1, 1)[0]);
-      }
-      sqlite3_reset(s);
-      const adcdf::RecordType& type = *adcdf::find_record_type(std::stoi(values.at(0)));
-      for (size_t i = 0; i < type.columns.size(); ++i) {
-        expect_typed(type.columns[i], values[i], types[i] == "integer" ? "integer" : "text");
-      }
-      lines.insert(cdf_line(type, values, values.at(type.columns.size() + 1)));
-      if (origins != nullptr) {
-        const size_t n = type.columns.size();
-        origins->emplace(
-            std::pair{std::stoll(values.at(n + 3)), std::stoll(values.at(n + 4))},
-            cdf_line(type, values, "").substr(0, cdf_line(type, values, "").size() - 1));
-      }
+  std::istringstream in(kind == Kind::kJsonl ? daemon_test::read_file(where) : "");
+  for (std::string json; std::getline(in, json);) {
+    Rows fields = sqlite_rows(db, "SELECT value, type FROM json_each(?1) ORDER BY id", json);
+    std::vector<std::string> values, types;
+    for (const auto& field : fields) values.push_back(field[0]), types.push_back(field[1]);
+    const adcdf::RecordType& type = *adcdf::find_record_type(std::stoi(values.at(0)));
+    const size_t n = type.columns.size();
+    expect_typed(type, values, types);
+    lines.insert(cdf_line(type, values, values.at(n + 1)));
+    if (origins != nullptr) {
+      const std::string line = cdf_line(type, values, "");
+      origins->emplace(std::pair{std::stoll(values.at(n + 3)), std::stoll(values.at(n + 4))},
+                       line.substr(0, line.size() - 1));
     }
-    sqlite3_finalize(s);
   }
   for (const adcdf::RecordType& type : adcdf::record_catalogue()) {
     if (type.type == adcdf::kHeaderType || kind == Kind::kJsonl) continue;
     const std::string table = adcdf::exporter::table_name(type.type);
-    const int n = static_cast<int>(type.columns.size());
-    if (kind == Kind::kCsv) {
-      if (!daemon_test::fs::exists(where + "/" + table + ".csv")) continue;
-      Rows rows = parse_csv(daemon_test::read_file(where + "/" + table + ".csv"));
-      EXPECT_EQ(rows.at(0).size(), type.columns.size() + extras) << table;
-      for (size_t r = 1; r < rows.size(); ++r)
-        lines.insert(cdf_line(type, rows[r], rows[r][n + 1]));
-    } else if (kind == Kind::kSqlite) {
-      sqlite3_stmt* s;
-      std::string select = "SELECT *";
-      for (const adcdf::RecordColumn& c : type.columns) select += ", typeof(" + c.name + ")";
-      if (sqlite3_prepare_v2(db, (select + " FROM " + table).c_str(), -1, &s, nullptr) != 0) {
-        ADD_FAILURE() << sqlite3_errmsg(db);
-        continue;
-      }
-      while (sqlite3_step(s) == SQLITE_ROW) {
-        std::vector<std::string> values = column_texts(s, 0, n);
-        std::vector<std::string> types = column_texts(s, n + static_cast<int>(extras), n);
-        for (int i = 0; i < n; ++i) expect_typed(type.columns[i], values[i], types[i]);
-        lines.insert(cdf_line(type, values, column_texts(s, n + 1, 1)[0]));
-      }
-      sqlite3_finalize(s);
-    } else {
-      std::string select = "SELECT ";
-      for (const adcdf::RecordColumn& c : type.columns) {
-        select += c.type == adcdf::ValueType::kText
-                      ? c.name + ", "
-                      : "coalesce(" + c.name + "::text, verbatim->>'" + c.name + "'), ";
-      }
-      for (const std::vector<std::string>& row : pg_query(where, select + "host FROM " + table)) {
-        lines.insert(cdf_line(type, row, row.back()));
-      }
+    const size_t n = type.columns.size();
+    std::string select = "SELECT ";
+    for (const adcdf::RecordColumn& c : type.columns) {
+      select += kind == Kind::kSqlite ? "typeof(" + c.name + "), "
+                : c.type == adcdf::ValueType::kText
+                    ? c.name + ", "
+                    : "coalesce(" + c.name + "::text, verbatim->>'" + c.name + "'), ";
     }
+    Rows rows;
+    if (kind == Kind::kCsv && daemon_test::fs::exists(where + "/" + table + ".csv")) {
+      rows = parse_csv(daemon_test::read_file(where + "/" + table + ".csv"));
+      EXPECT_EQ(rows.at(0).size(), n + extras) << table;
+      rows.erase(rows.begin());
+    } else if (kind == Kind::kSqlite) {
+      rows = sqlite_rows(db, select + "* FROM " + table);
+      for (auto& row : rows) {
+        expect_typed(type, {row.begin() + n, row.end()}, row);
+        row.erase(row.begin(), row.begin() + n);
+      }
+    } else if (kind == Kind::kPostgres) {
+      rows = pg_query(where, select + "event_time, host FROM " + table);
+    }
+    for (const auto& row : rows) lines.insert(cdf_line(type, row, row.at(n + 1)));
   }
   sqlite3_close(db);
   return lines;

@@ -4,6 +4,7 @@
 // target is read back and must hold every record line once, byte for byte.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -55,8 +56,7 @@ const std::pair<const char*, const char*> kSections[] = {
     {"x400-out", "originator ann/hq\nmta_message-id M9\nrecipient-to a\nrecipient-cc b"},
     {"sms-in", "message-size 1234\nnon-delivery-reason 5"},
     {"sms-out", "message-size 99"},
-    {"dirsync-out", "recipient pat jones\noperation 2\ncommand sync\nrequest-id R12"},
-};
+    {"dirsync-out", "recipient pat jones\noperation 2\ncommand sync\nrequest-id R12"}};
 
 bool rejected(const std::string& line) {
   return line.find("AMB\",\"") != std::string::npos || line.find("sync,all") != std::string::npos;
@@ -130,135 +130,128 @@ class Export : public ::testing::Test {
 Files Export::generations_[2];
 std::string Export::host_;
 
-std::unique_ptr<adcdf::exporter::Target> target(Kind kind, const std::string& where) {
-  using namespace adcdf::exporter;
-  switch (kind) {
-    case Kind::kCsv:
-      return csv_target(where);
-    case Kind::kJsonl:
-      return jsonl_target(where);
-    case Kind::kSqlite:
-      return sqlite_target(where);
-    case Kind::kPostgres:
-      return postgres_target(where);
+// The file operations of a run in order. A commit of CSV or JSON Lines files is durable (the
+// directory synced after the state file's rename) before a committed file grows: else a power
+// cut could keep the grown files with the state before them, and the rows would be loaded again.
+// With `tear`, the first write into an output file fails 7 bytes in, as a kill leaves it.
+struct Recorder : adcdf::FaultInjector {
+  explicit Recorder(bool tear) : tear(tear) { adcdf::set_fault_injector(this); }
+  ~Recorder() override { adcdf::set_fault_injector(nullptr); }
+  int fail(const adcdf::FileEvent& e, size_t* partial) override {
+    if (tear && e.op == adcdf::FileOp::kWrite &&
+        (e.name.ends_with(".csv") || e.name.ends_with(".jsonl"))) {
+      tear = false;
+      *partial = 7;
+      return EIO;
+    }
+    const std::string name = e.to ? *e.to : e.name;
+    if (e.op == adcdf::FileOp::kRename) committing = name.ends_with("ekadcdf-export-state");
+    if (e.op == adcdf::FileOp::kSyncDirectory) committing = false;
+    if (e.op == adcdf::FileOp::kOpen && !fs::path(name).filename().string().starts_with('.')) {
+      EXPECT_FALSE(committing) << name << " grows before the commit is durable";
+    }
+    return 0;
   }
-  return nullptr;
-}
+  bool tear;
+  bool committing = false;
+};
 
 adcdf::exporter::Totals run(Kind kind, const std::string& where, const std::string& base,
-                            const std::string& rejects = "") {
+                            const std::string& rejects = "", bool tear = false) {
+  using namespace adcdf::exporter;
   static const volatile std::sig_atomic_t kNoStop = 0;
-  auto t = target(kind, where);
-  return adcdf::exporter::Exporter(base, rejects, false, kNoStop).run(*t, [](auto&) {});
+  auto t = kind == Kind::kCsv      ? csv_target(where)
+           : kind == Kind::kJsonl  ? jsonl_target(where)
+           : kind == Kind::kSqlite ? sqlite_target(where)
+                                   : postgres_target(where);
+  Recorder recorder(tear);
+  return Exporter(base, rejects, false, kNoStop).run(*t, [](auto&) {});
 }
 
 struct Target {
   const char* name;
   Kind kind;
   std::string where;
-  // Deletes one row and doubles another.
-  std::function<void(const std::string& where)> damage;
   std::string option() const {
     return std::string("--") + (kind == Kind::kPostgres ? "postgres" : name);
   }
 };
 
-// Drops the line before the last and writes the last twice: rows of one generation, whose
-// count stays the same.
-void damage_file(const std::string& file) {
-  std::string text = read_file(file);
-  const size_t last = text.rfind('\n', text.size() - 2) + 1;
-  const size_t before = text.rfind('\n', last - 2) + 1;
-  daemon_test::write_file(file, text.substr(0, before) + text.substr(last) + text.substr(last));
-}
-
-void sqlite_exec(const std::string& file, const std::string& sql) {
+// The rows of the last statement of `sql` in a SQLite file; NULL reads as an empty string.
+Rows sqlite_query(const std::string& file, const std::string& sql) {
   sqlite3* db;
   sqlite3_open(file.c_str(), &db);
   sqlite3_busy_timeout(db, 10000);
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-      << sqlite3_errmsg(db);
+  Rows rows;
+  const auto add = [](void* rows, int n, char** values, char**) {
+    static_cast<Rows*>(rows)->emplace_back();
+    for (int i = 0; i < n; ++i)
+      static_cast<Rows*>(rows)->back().emplace_back(values[i] ? values[i] : "");
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), add, &rows, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
   sqlite3_close(db);
+  return rows;
 }
 
-// The number a SQLite query gives; -1 when it cannot be asked (a table is missing).
-int64_t rows_of(const std::string& file, const std::string& sql) {
-  sqlite3* db;
-  sqlite3_stmt* s = nullptr;
-  sqlite3_open(file.c_str(), &db);
-  const int64_t n = sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr) == SQLITE_OK &&
-                            sqlite3_step(s) == SQLITE_ROW
-                        ? sqlite3_column_int64(s, 0)
-                        : -1;
-  sqlite3_finalize(s);
-  sqlite3_close(db);
-  return n;
-}
+// The exporter run as a process, as the daemon is.
+const Env kExporter = [] {
+  Env env;
+  env.binary = EKADCDF_EXPORT_BINARY;
+  return env;
+}();
 
 std::vector<Target> targets(const Sandbox& box) {
-  // The last row of the last generation in cdf_108 goes, another of it comes twice.
-  const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
-  const std::string damage =
-      "DELETE FROM cdf_108 WHERE generation_id = " + last +
-      " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
-      "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
-  std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv"),
-                              [](const std::string& dir) { damage_file(dir + "/cdf_108.csv"); }},
-                             {"jsonl", Kind::kJsonl, box.file("out.jsonl"),
-                              [](const std::string& file) { damage_file(file); }},
-                             {"sqlite", Kind::kSqlite, box.file("out.db"),
-                              [=](const std::string& file) { sqlite_exec(file, damage); }}};
+  std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv")},
+                             {"jsonl", Kind::kJsonl, box.file("out.jsonl")},
+                             {"sqlite", Kind::kSqlite, box.file("out.db")}};
   if (PostgresServer* pg = PostgresServer::get()) {
-    all.push_back({"postgres", Kind::kPostgres, pg->fresh(),
-                   [=](const std::string& db) { pg_query(db, damage); }});
+    all.push_back({"postgres", Kind::kPostgres, pg->fresh()});
   } else {
     ADD_FAILURE() << "PostgreSQL is not installed (scripts/install-deps.sh installs it)";
   }
   return all;
 }
 
-// Rows of one generation number all point into one generation file, each at the line that holds
-// its record, and no two numbers into the same file.
-void expect_origins(const Origins& origins, const Files& generations) {
-  std::set<std::string> used;
-  for (auto at = origins.begin(); at != origins.end();) {
-    const int64_t generation = at->first.first;
-    const auto end = origins.upper_bound({generation, INT64_MAX});
-    std::vector<std::string> matching;
-    for (const auto& [name, text] : generations) {
-      std::vector<std::string> file_lines(1);
-      std::istringstream in(text);
-      for (std::string line; std::getline(in, line);) file_lines.push_back(line);
-      if (std::all_of(at, end, [&](const auto& row) {
-            const auto n = static_cast<size_t>(row.first.second);
-            return n < file_lines.size() && file_lines[n] == row.second;
-          })) {
-        matching.push_back(name);
-      }
-    }
-    EXPECT_EQ(matching.size(), 1u) << "generation " << generation;
-    if (!matching.empty()) {
-      EXPECT_TRUE(used.insert(matching[0]).second) << matching[0];
-    }
-    at = end;
+// Deletes the last row of the last generation in cdf_108 and doubles another of it (the files:
+// drops the line before the last and writes the last twice), so the count stays the same.
+void damage(const Target& t) {
+  if (t.kind == Kind::kCsv || t.kind == Kind::kJsonl) {
+    const std::string file = t.kind == Kind::kCsv ? t.where + "/cdf_108.csv" : t.where;
+    const std::string text = read_file(file);
+    const size_t last = text.rfind('\n', text.size() - 2) + 1;
+    const size_t before = text.rfind('\n', last - 2) + 1;
+    daemon_test::write_file(file, text.substr(0, before) + text.substr(last) + text.substr(last));
+    return;
   }
+  const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
+  const std::string sql =
+      "DELETE FROM cdf_108 WHERE generation_id = " + last +
+      " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
+      "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
+  if (t.kind == Kind::kSqlite) sqlite_query(t.where, sql);
+  if (t.kind == Kind::kPostgres) pg_query(t.where, sql);
 }
 
-// Fails the first write into an output file (side files end in ".tmp") after 7 of its bytes.
-struct TornAppend : adcdf::FaultInjector {
-  TornAppend() { adcdf::set_fault_injector(this); }
-  ~TornAppend() override { adcdf::set_fault_injector(nullptr); }
-  int fail(const adcdf::FileEvent& e, size_t* partial) override {
-    if (hit || e.op != adcdf::FileOp::kWrite ||
-        !(e.name.ends_with(".csv") || e.name.ends_with(".jsonl"))) {
-      return 0;
-    }
-    *partial = 7;
-    hit = true;
-    return EIO;
+// Line `n` of `text`, from 1; empty past its end.
+std::string line_of(const std::string& text, int64_t n) {
+  std::istringstream in(text);
+  std::string line;
+  for (; n > 0 && std::getline(in, line); --n) {
   }
-  bool hit = false;
-};
+  return n == 0 ? line : "";
+}
+
+// Each row's line number points at its record's line in one of the generation files (which
+// generation a number stands for, --verify checks).
+void expect_origins(const Origins& origins, const Files& generations) {
+  for (const auto& [origin, line] : origins) {
+    EXPECT_TRUE(
+        std::any_of(generations.begin(), generations.end(),
+                    [&](const auto& file) { return line_of(file.second, origin.second) == line; }))
+        << origin.second << ": " << line;
+  }
+}
 
 TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
   Sandbox box;
@@ -268,11 +261,9 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
     for (int phase = 0; phase < 2; ++phase) {
       const std::string base = place(phase, box.file("base"));
       if (phase == 1 && (t.kind == Kind::kCsv || t.kind == Kind::kJsonl)) {
-        // Stopped inside its first append after the commit, a few bytes in: the next run ends
-        // the append, nothing twice.
-        TornAppend torn;
-        EXPECT_ANY_THROW(run(t.kind, t.where, base, rejects));
-        EXPECT_TRUE(torn.hit);
+        // Stopped inside its first append after the commit: the next run ends the append,
+        // nothing twice.
+        EXPECT_ANY_THROW(run(t.kind, t.where, base, rejects, true));
       }
       run(t.kind, t.where, base, rejects);
       if (phase == 0) {
@@ -294,35 +285,30 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
         listed.insert(line.substr(number_end + 1));
         if (phase == 1) continue;  // the generations have moved since
         const std::string name = fs::path(line.substr(0, name_end)).filename().string();
-        std::istringstream generation(generations_[0].at(name));
-        std::string at;
-        for (int n = std::stoi(line.substr(name_end + 1)); n > 0; --n) {
-          std::getline(generation, at);
-        }
-        EXPECT_EQ(at, line.substr(number_end + 1));
+        EXPECT_EQ(line_of(generations_[0].at(name), std::stoi(line.substr(name_end + 1))),
+                  line.substr(number_end + 1));
       }
       EXPECT_EQ(listed, lines(phase, true));
     }
-    // The databases derive the event time from column 8; a resumed generation keeps its date.
+    // The databases derive the event time from column 8 and index it; a resumed generation keeps
+    // its date.
+    const bool lite = t.kind == Kind::kSqlite;
     const std::string wrong =
-        "SELECT count(*) FROM cdf_108 WHERE generation_date IS NULL OR event_time IS DISTINCT "
-        "FROM " +
-        std::string(t.kind == Kind::kSqlite ? "datetime(epoch_seconds, 'unixepoch')"
-                                            : "to_timestamp(epoch_seconds)");
-    if (t.kind == Kind::kSqlite) {
-      EXPECT_EQ(rows_of(t.where, wrong), 0);
-    } else if (t.kind == Kind::kPostgres) {
-      EXPECT_EQ(pg_query(t.where, wrong), Rows{{"0"}});
-    }
+        "SELECT (SELECT count(*) FROM cdf_108 WHERE generation_date IS NULL OR event_time IS "
+        "DISTINCT FROM " +
+        std::string(lite ? "datetime(epoch_seconds, 'unixepoch')" : "to_timestamp(epoch_seconds)") +
+        ") + (SELECT 1 - count(*) FROM " +
+        (lite ? "sqlite_master WHERE name" : "pg_indexes WHERE indexname") +
+        " = 'cdf_108_event_time')";
+    EXPECT_EQ(t.kind == Kind::kSqlite     ? sqlite_query(t.where, wrong)
+              : t.kind == Kind::kPostgres ? pg_query(t.where, wrong)
+                                          : Rows{{"0"}},
+              Rows{{"0"}});
     // --verify: every generation agrees; then a row deleted and another doubled.
-    Env env;
-    env.binary = EKADCDF_EXPORT_BINARY;
     const std::string base = box.file("base/cdf");
     for (int damaged = 0; damaged < 2; ++damaged) {
-      if (damaged == 1) {
-        t.damage(t.where);
-      }
-      Daemon verify(box, {"--verify", t.option(), t.where, base}, env);
+      if (damaged == 1) damage(t);
+      Daemon verify(box, {"--verify", t.option(), t.where, base}, kExporter);
       EXPECT_EQ(verify.wait_exit(), damaged) << verify.out() << verify.err();
       EXPECT_NE(verify.out().find(damaged ? "DIFFERENT" : ", 0 differ"), std::string::npos)
           << verify.out();
@@ -353,8 +339,6 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
   for (std::string line; std::getline(in, line);) {
     big_records += !line.starts_with("999,") && !rejected(line);
   }
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
 
   for (const Target& t : targets(box)) {
     if (t.kind == Kind::kJsonl) continue;  // its files are committed as CSV's are
@@ -363,19 +347,18 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     const std::multiset<std::string> before = read_back(t.kind, t.where);
     const std::vector<std::string> args = {t.option(), t.where, box.file("big/cdf")};
     std::function<bool()> midway;
-    std::function<void()> release = [] {};
     std::unique_ptr<PGconn, void (*)(PGconn*)> locker(nullptr, PQfinish);
     std::atomic<bool> reading = false;
     std::atomic<int> refused = 0;
     std::thread reader;
     if (t.kind == Kind::kSqlite) {
-      sqlite_exec(t.where,
-                  "CREATE TRIGGER planted BEFORE INSERT ON ekadcdf_export_state "
-                  "BEGIN SELECT RAISE(ABORT, 'planted'); END");
-      Daemon failing(box, args, env);
+      sqlite_query(t.where,
+                   "CREATE TRIGGER planted BEFORE INSERT ON ekadcdf_export_state "
+                   "BEGIN SELECT RAISE(ABORT, 'planted'); END");
+      Daemon failing(box, args, kExporter);
       EXPECT_EQ(failing.wait_exit(120), 1) << failing.err();
       EXPECT_EQ(read_back(t.kind, t.where), before) << "rows kept without their state";
-      sqlite_exec(t.where, "DROP TRIGGER planted");
+      sqlite_query(t.where, "DROP TRIGGER planted");
       reading = true;
       reader = std::thread([&] {
         sqlite3* db;
@@ -397,117 +380,85 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
       midway = [&] {
         return pg_query(t.where, "SELECT count(*) FROM pg_locks WHERE NOT granted") != Rows{{"0"}};
       };
-      release = [&] { locker.reset(); };
     } else {
       midway = [&] {
-        for (const auto& entry : fs::directory_iterator(t.where)) {
-          if (entry.path().string().ends_with(".tmp")) return true;
-        }
-        return false;
+        return std::ranges::any_of(fs::directory_iterator(t.where), [](const auto& e) {
+          return e.path().string().ends_with(".tmp");
+        });
       };
     }
     {
-      Daemon exporter(box, args, env);
+      Daemon exporter(box, args, kExporter);
       EXPECT_TRUE(eventually(midway, 60, 0.0002));
       exporter.signal(SIGKILL);
       EXPECT_EQ(exporter.wait_exit(), 128 + SIGKILL) << "the run ended before it was killed";
     }
-    release();
+    locker.reset();
     EXPECT_EQ(read_back(t.kind, t.where), before);
-    Daemon again(box, args, env);
-    EXPECT_EQ(again.wait_exit(120), 0) << again.err();
-    EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
-    if (t.kind == Kind::kCsv) {
-      EXPECT_FALSE(midway()) << "what the killed run left is cleared";
+    // SQLite: under --follow, another connection holding the write lock at first (waited out).
+    sqlite3* writer = nullptr;
+    std::vector<std::string> again_args = args;
+    if (t.kind == Kind::kSqlite) {
+      sqlite3_open(t.where.c_str(), &writer);
+      EXPECT_EQ(sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+      again_args.insert(again_args.begin(), "--follow");
     }
+    Daemon again(box, again_args, kExporter);
+    if (writer != nullptr) {
+      EXPECT_TRUE(again.wait_err("trying again", 1, 30)) << again.err();
+      sqlite3_close(writer);
+      EXPECT_TRUE(again.wait_err("ekadcdf-export: loaded ", 1, 120)) << again.err();
+      EXPECT_TRUE(again.wait_err("works again")) << again.err();
+    }
+    EXPECT_EQ(writer != nullptr ? again.stop() : again.wait_exit(120), 0) << again.err();
+    EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
+    EXPECT_TRUE(t.kind != Kind::kCsv || !midway()) << "what the killed run left is cleared";
     reading = false;
     if (reader.joinable()) reader.join();
     EXPECT_EQ(refused, 0) << "queries refused while loading";
   }
 }
 
-// How many rows the tables of a SQLite file hold; -1 while it cannot tell.
-int64_t rows(const std::string& file) {
-  std::string sum = "SELECT 0";
-  adcdf::exporter::for_each_table([&](const adcdf::RecordType& type) {
-    sum += " + (SELECT count(*) FROM " + adcdf::exporter::table_name(type.type) + ")";
-  });
-  return rows_of(file, sum);
-}
-
-// Under --follow, a base with no generation yet is said once and waited for; each run that loads
-// something says so in a line (no terminal here), nothing while idle.
-TEST_F(Export, FollowLoadsWhatTheDaemonWritesUntilStopped) {
-  Sandbox box;
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon exporter(box, {"--follow", "--sqlite", "out.db", "cdf"}, env);
-  ASSERT_TRUE(exporter.wait_err("no generation")) << exporter.err();
-  box.write("audit", kAudit[0]);
-  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
-  for (int phase = 0; phase < 2; ++phase) {
-    if (phase == 1) {
-      // Another connection holds the write lock meanwhile: waited out, then loaded.
-      sqlite3* locker = nullptr;
-      sqlite3_open(box.file("out.db").c_str(), &locker);
-      EXPECT_EQ(sqlite3_exec(locker, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
-      box.append("audit", kAudit[1].substr(kAudit[0].size()));
-      EXPECT_TRUE(exporter.wait_err("trying again", 1, 30)) << exporter.err();
-      sqlite3_close(locker);
-    }
-    const auto expected = static_cast<int64_t>(lines(phase).size());
-    EXPECT_TRUE(eventually([&] { return rows(box.file("out.db")) == expected; }, 30))
-        << "phase " << phase;
-    EXPECT_EQ(read_back(Kind::kSqlite, box.file("out.db")), lines(phase));
-  }
-  EXPECT_EQ(exporter.stop(), 0) << exporter.err();
-  EXPECT_EQ(daemon.stop(), 0);
-  const std::string said = exporter.err();
-  EXPECT_EQ(daemon_test::count_of(said, "no generation"), 1u) << said;
-  EXPECT_EQ(daemon_test::count_of(said, "works again"), 1u) << said;
-  EXPECT_GE(daemon_test::count_of(said, "ekadcdf-export: loaded "), 2u) << said;
-}
-
-// The state's count of bytes loaded, "" while the database cannot be asked.
-std::string bytes_loaded(const std::string& conninfo) {
-  PGconn* conn = PQconnectdb(conninfo.c_str());
-  PGresult* r = PQexec(conn, "SELECT sum(bytes) FROM ekadcdf_export_state");
-  std::string sum = PQresultStatus(r) == PGRES_TUPLES_OK ? PQgetvalue(r, 0, 0) : "";
-  PQclear(r);
-  PQfinish(conn);
-  return sum;
-}
-
-// Under --follow, a PostgreSQL server that restarts, or is away for 5 s, is waited for: the
+// Under --follow: a base with no generation yet is said once and waited for; what the daemon
+// writes is loaded as it comes, with a line per run that loads something (no terminal here),
+// nothing while idle; a PostgreSQL server that restarts, or is away for 5 s, is waited for: the
 // exporter stays up, says when it fails and when it works again, and the target ends exact.
-TEST_F(Export, FollowWaitsOutADatabaseRestartAndOutage) {
+TEST_F(Export, FollowLoadsAsTheDaemonWritesAndWaitsOutADatabaseRestartAndOutage) {
   ASSERT_NE(PostgresServer::get(), nullptr);
   Sandbox box;
   PostgresServer server;  // of its own: it goes away
   server.start();
   const std::string db = server.fresh();
-  const std::string base = place(0, box.file("base"));
-  auto size = [](int phase) {
-    size_t total = 0;
-    for (const auto& [name, text] : generations_[phase]) total += text.size();
-    return std::to_string(total);
+  auto caught_up = [&] {  // the state's count of bytes loaded is the generations' size
+    size_t size = 0;
+    for (const auto& [name, text] : box.files("cdf.0")) size += text.size();
+    const Rows sum = pg_query(db, "SELECT sum(bytes) FROM ekadcdf_export_state", true);
+    return sum == Rows{{std::to_string(size)}};
   };
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon exporter(box, {"--follow", "--postgres", db, base}, env);
-  EXPECT_TRUE(eventually([&] { return bytes_loaded(db) == size(0); }, 30));
+  Daemon exporter(box, {"--follow", "--postgres", db, "cdf"}, kExporter);
+  ASSERT_TRUE(exporter.wait_err("no generation")) << exporter.err();
+  box.write("audit", kAudit[0]);
+  Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
+  ASSERT_TRUE(daemon.wait_err("waiting...")) << daemon.err();
+  EXPECT_TRUE(eventually(caught_up, 30)) << exporter.err();
+  EXPECT_EQ(read_back(Kind::kPostgres, db), lines(0));
   server.stop("fast");
   server.resume();
   EXPECT_TRUE(exporter.wait_err("works again", 1, 30)) << exporter.err();
   server.stop("fast");
-  place(1, box.file("base"));
+  box.append("audit", kAudit[1].substr(kAudit[0].size()));  // a rotation, the server away
   EXPECT_TRUE(exporter.wait_err("trying again", 2, 30)) << exporter.err();
   std::this_thread::sleep_for(std::chrono::seconds(5));  // the outage itself
   server.resume();
-  EXPECT_TRUE(eventually([&] { return bytes_loaded(db) == size(1); }, 30)) << exporter.err();
+  ASSERT_TRUE(daemon.wait_err("waiting...", 2)) << daemon.err();
+  EXPECT_TRUE(eventually(caught_up, 30)) << exporter.err();
   EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
   EXPECT_TRUE(exporter.wait_err("works again", 2)) << exporter.err();
   EXPECT_EQ(exporter.stop(), 0) << exporter.err();
+  EXPECT_EQ(daemon.stop(), 0);
+  const std::string said = exporter.err();
+  EXPECT_EQ(daemon_test::count_of(said, "no generation"), 1u) << said;
+  EXPECT_GE(daemon_test::count_of(said, "ekadcdf-export: loaded "), 2u) << said;
 }
 
 // The same generations under three paths (a directory, a link to it, a copy as on another host),
@@ -525,12 +476,10 @@ TEST_F(Export, OneBaseUnderThreePathsIsLoadedOnce) {
   fs::create_directory_symlink(box.file("base"), box.file("alias"));
   std::unique_ptr<PGconn, void (*)(PGconn*)> locker(PQconnectdb(db.c_str()), PQfinish);
   PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
   std::vector<std::unique_ptr<Daemon>> exporters;
   for (const char* path : {"base/cdf", "alias/cdf", "copy/cdf"}) {
     exporters.push_back(std::make_unique<Daemon>(
-        box, std::vector<std::string>{"--postgres", db, box.file(path)}, env));
+        box, std::vector<std::string>{"--postgres", db, box.file(path)}, kExporter));
   }
   EXPECT_TRUE(eventually([&] {
     return pg_query(db, "SELECT count(*) FROM pg_locks WHERE NOT granted") == Rows{{"3"}};
@@ -540,36 +489,16 @@ TEST_F(Export, OneBaseUnderThreePathsIsLoadedOnce) {
   EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
 }
 
-// Rejected lines are kept before the run that leaves them behind commits: a rejects file that
-// cannot grow (past a file size limit here) fails the run with the target unchanged, and the next
-// run writes them and loads.
-TEST_F(Export, ARejectsFileThatCannotGrowLeavesTheTargetUnchanged) {
-  Sandbox box;
-  const std::string base = place(0, box.file("base"));
-  const std::string rejects = box.file("rejects"), db = box.file("out.db");
-  daemon_test::write_file(rejects, std::string(1 << 20, '#') + "\n");
-  Env env;
-  env.binary = "/usr/bin/prlimit";
-  Daemon limited(box,
-                 {"--fsize=" + std::to_string((1 << 20) + 100), EKADCDF_EXPORT_BINARY, "--sqlite",
-                  db, "--rejects", rejects, base},
-                 env);
-  EXPECT_NE(limited.wait_exit(), 0);
-  EXPECT_LE(rows(db), 0) << "rows committed without their rejected lines";
-  env.binary = EKADCDF_EXPORT_BINARY;
-  Daemon again(box, {"--sqlite", db, "--rejects", rejects, base}, env);
-  EXPECT_EQ(again.wait_exit(), 0) << again.err();
-  EXPECT_EQ(rows(db), static_cast<int64_t>(lines(0).size()));
-  const std::string listed = read_file(rejects);
-  EXPECT_EQ(static_cast<size_t>(std::count(listed.begin(), listed.end(), '\n')),
-            1 + lines(0, true).size());
-}
-
 struct CommandLine {
   std::vector<std::string> args;
   int status;
   std::string message;  // in what it writes
+  std::string binary = EKADCDF_EXPORT_BINARY;
 };
+
+// Rejected lines are kept before the run that leaves them behind commits: a rejects file that
+// cannot grow (past a file size limit) fails the run with the target unchanged (or the next run
+// would find nothing new, and list no rejected line), and the next run writes them and loads.
 
 TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   Sandbox box;
@@ -584,7 +513,15 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   daemon_test::write_file(
       box.file("long/" + generations_[0].begin()->first),
       generation.substr(0, second_line) + long_line + "\n" + generation.substr(second_line));
+  const std::string full = box.file("full.rejects"), db = box.file("full.db");
+  daemon_test::write_file(full, std::string(1 << 20, '#') + "\n");
   const CommandLine cases[] = {
+      {{"--fsize=" + std::to_string((1 << 20) + 100), EKADCDF_EXPORT_BINARY, "--sqlite", db,
+        "--rejects", full, base},
+       128 + SIGXFSZ,
+       "",
+       "/usr/bin/prlimit"},
+      {{"--sqlite", db, "--rejects", full, base}, 0, "lines rejected, see"},
       {{"--help"}, 0, "Usage: ekadcdf-export"},
       {{"--version"}, 0, "ekadcdf-export "},
       {{"--columns"}, 0, "101\t24\tsubject\tquoted\t257\ttext\t-\n"},
@@ -608,39 +545,34 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
       {{base}, 0, "into " + base + ".sqlite"},
   };
   Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
   for (const CommandLine& c : cases) {
+    env.binary = c.binary;
     Daemon exporter(box, c.args, env);
     EXPECT_EQ(exporter.wait_exit(), c.status) << c.message;
     EXPECT_NE((exporter.out() + exporter.err()).find(c.message), std::string::npos)
         << exporter.out() << exporter.err();
   }
+  EXPECT_EQ(read_back(Kind::kSqlite, db), lines(0));
+  EXPECT_EQ(daemon_test::count_of(read_file(full), "\n"), 1 + lines(0, true).size());
   // The long line is rejected whole, with its line number; the records after it are loaded.
   const std::string listed = read_file(box.file("long.rejects"));
   EXPECT_NE(listed.find(":2:" + long_line + "\n"), std::string::npos);
   EXPECT_EQ(read_back(Kind::kJsonl, box.file("long.jsonl")), lines(0));
   // JSON Lines to standard output: every record, nothing remembered.
   for (int i = 0; i < 2; ++i) {
-    Daemon exporter(box, {"--jsonl", "-", base}, env);
+    Daemon exporter(box, {"--jsonl", "-", base}, kExporter);
     EXPECT_EQ(exporter.wait_exit(), 0);
     std::string out = exporter.out();
     EXPECT_EQ(static_cast<size_t>(std::count(out.begin(), out.end(), '\n')), lines(0).size());
   }
 }
 
-}  // namespace
-}  // namespace export_test
-
-namespace export_test {
-namespace {
-
 // The ctest fixture that starts and stops the server the exporter's tests share, in the
 // directory EKADCDF_TEST_POSTGRES names (CMakeLists.txt registers them).
 TEST(PostgresFixture, DISABLED_Start) {
   const std::string dir = std::getenv("EKADCDF_TEST_POSTGRES");
-  std::system((std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir + "/data -m immediate stop " +
-               ">/dev/null 2>&1")
-                  .c_str());  // one a killed run left behind
+  const std::string stop = std::string(POSTGRES_BIN) + "/pg_ctl -D " + dir + "/data -m immediate";
+  std::system((stop + " stop >/dev/null 2>&1").c_str());  // one a killed run left behind
   fs::remove_all(dir);
   PostgresServer(dir).start();
 }
