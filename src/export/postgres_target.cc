@@ -12,7 +12,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <functional>
@@ -30,6 +32,8 @@ namespace {
 
 constexpr size_t kCopyAt = 4 << 20;    // bytes of rows sent to a table at once
 constexpr size_t kBuffered = 8 << 20;  // bytes of rows held for all tables, at most
+constexpr size_t kPiece = 256 << 10;   // bytes handed to libpq at once, which copies them
+constexpr size_t kEarly = 1 << 20;     // bytes of rows after which an idle server gets some
 constexpr std::string_view kSchemaLock = "ekadcdf-export schema";
 // COPY's binary format: signature, flags, length of the header extension.
 constexpr char kBinaryHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";
@@ -37,16 +41,19 @@ constexpr int64_t kPostgresEpoch = 946684800;  // 2000-01-01, in seconds since 1
 
 // An integer in network byte order.
 template <typename T>
-void put(std::string& out, T value) {
-  char bytes[sizeof(T)];
-  for (size_t i = 0; i < sizeof(T); ++i) {
-    bytes[i] =
-        static_cast<char>(static_cast<std::make_unsigned_t<T>>(value) >> (8 * (sizeof(T) - 1 - i)));
+inline void put(std::string& out, T value) {
+  auto bits = static_cast<std::make_unsigned_t<T>>(value);
+  if constexpr (std::endian::native == std::endian::little) {
+    if constexpr (sizeof(T) == 2) bits = __builtin_bswap16(bits);
+    if constexpr (sizeof(T) == 4) bits = __builtin_bswap32(bits);
+    if constexpr (sizeof(T) == 8) bits = __builtin_bswap64(bits);
   }
+  char bytes[sizeof(T)];
+  std::memcpy(bytes, &bits, sizeof(T));
   out.append(bytes, sizeof(T));
 }
 
-void put_text(std::string& out, std::string_view text) {
+inline void put_text(std::string& out, std::string_view text) {
   put<int32_t>(out, static_cast<int32_t>(text.size()));
   out.append(text);
 }
@@ -65,13 +72,13 @@ void put_number(std::string& out, int64_t value) {
 }
 
 // Whether `value` fits an integer column of `size` bytes.
-bool fits(int64_t value, int size) {
+inline bool fits(int64_t value, int size) {
   return size == 8 || (size == 4 && value == static_cast<int32_t>(value)) ||
          (size == 2 && value == static_cast<int16_t>(value));
 }
 
 // An integer as a column of `size` bytes (smallint, integer or bigint) holds it.
-void put_sized(std::string& out, int64_t value, int size) {
+inline void put_sized(std::string& out, int64_t value, int size) {
   put<int32_t>(out, size);
   if (size == 2) {
     put<int16_t>(out, static_cast<int16_t>(value));
@@ -128,6 +135,11 @@ class Sender {
     rethrow();
     queue_.emplace_back(&command, std::move(rows));
     changed_.notify_all();
+  }
+  // Whether no batch waits or loads.
+  bool idle() {
+    std::lock_guard lock(mutex_);
+    return queue_.empty() && !busy_;
   }
   // Waits until every batch is loaded; throws the failure of one.
   void wait() {
@@ -304,11 +316,15 @@ class PostgresTarget final : public Target {
     buffered_ += out.size() - before;
     if (out.size() >= kCopyAt) {
       send(table);
-    } else if (buffered_ >= kBuffered) {
-      // Many tables each holding a little: send them all, so memory stays bounded.
-      for (Table& t : tables_) {
-        if (!t.rows.empty()) send(t);
-      }
+    } else if (buffered_ >= kBuffered || (buffered_ >= idle_check_ && sender_.idle())) {
+      // Many tables each holding a little, or a server with nothing to do (at the start, or
+      // loading faster than rows are made): the table holding most goes. Memory stays
+      // bounded while COPYs stay large (each costs the server a statement and a round trip).
+      send(*std::max_element(tables_.begin(), tables_.end(), [](const Table& a, const Table& b) {
+        return a.rows.size() < b.rows.size();
+      }));
+    } else if (buffered_ >= idle_check_) {
+      idle_check_ = buffered_ + kEarly;
     }
   }
 
@@ -350,6 +366,7 @@ class PostgresTarget final : public Target {
   void abandon() override {
     for (Table& table : tables_) table.rows.clear();
     buffered_ = 0;
+    idle_check_ = kEarly;
     sender_.discard([this] { cancel(); });
     if (in_transaction_) PQclear(PQexec(conn_, "ROLLBACK"));
     in_transaction_ = false;
@@ -415,6 +432,7 @@ class PostgresTarget final : public Target {
 
   void send(Table& table) {
     buffered_ -= std::min(buffered_, table.rows.size());
+    idle_check_ = buffered_ + kEarly;
     put<int16_t>(table.rows, -1);  // the end of the rows
     sender_.send(table.copy, std::exchange(table.rows, {}));
   }
@@ -449,10 +467,12 @@ class PostgresTarget final : public Target {
     Result start(PQexec(conn_, command.c_str()));
     const std::string what = "cannot load " + command.substr(5, command.find(' ', 5) - 5);
     if (PQresultStatus(start.get()) != PGRES_COPY_IN) fail(what, start.get());
-    if (PQputCopyData(conn_, rows.data(), static_cast<int>(rows.size())) != 1 ||
-        PQputCopyEnd(conn_, nullptr) != 1) {
-      fail(what, nullptr);
+    // In pieces: libpq copies each into a buffer that grows to the largest piece.
+    for (size_t at = 0; at < rows.size(); at += kPiece) {
+      const size_t n = std::min(kPiece, rows.size() - at);
+      if (PQputCopyData(conn_, rows.data() + at, static_cast<int>(n)) != 1) fail(what, nullptr);
     }
+    if (PQputCopyEnd(conn_, nullptr) != 1) fail(what, nullptr);
     std::unique_ptr<Result> failed;
     while (PGresult* r = PQgetResult(conn_)) {
       if (PQresultStatus(r) != PGRES_COMMAND_OK && !failed) {
@@ -473,11 +493,11 @@ class PostgresTarget final : public Target {
                           "') IS NULL OR NOT EXISTS (SELECT 1 FROM information_schema.columns "
                           "WHERE table_schema = current_schema() AND table_name = '" +
                           std::string(kStateTable) + "' AND column_name = 'id')";
-    std::string upgrade = upgrade_state(Dialect::kPostgres);
+    std::string names = "{" + std::string(kStateTable);
     for_each_table([&](const RecordType& type) {
       const std::string table = table_name(type.type);
       missing += " OR to_regclass('" + table + "') IS NULL";
-      upgrade += upgrade_table(Dialect::kPostgres, table);
+      names += "," + table;
     });
     size_t tables = 0;
     for_each_table([&](const RecordType&) { ++tables; });
@@ -489,16 +509,28 @@ class PostgresTarget final : public Target {
     exec("cannot lock the schema", "SELECT pg_advisory_xact_lock(hashtextextended($1, 0))",
          {std::string(kSchemaLock)});
     created_ = exec("cannot look for the tables", missing).text(0, 0) == "t";
-    check(PQexec(conn_, (create_tables(Dialect::kPostgres) + upgrade).c_str()),
-          "cannot create the tables");
+    // Only tables that were there already can lack an older exporter's columns: bringing new
+    // ones up to date would cost a lock and a catalogue change per table for nothing.
+    Result existing = exec("cannot look for the tables",
+                           "SELECT relname FROM pg_class WHERE relnamespace = "
+                           "current_schema()::regnamespace AND relname = ANY($1::text[])",
+                           {names + "}"});
+    std::string sql = create_tables(Dialect::kPostgres);
+    for (int i = 0; i < PQntuples(existing.get()); ++i) {
+      const std::string table = existing.text(i, 0);
+      sql += table == kStateTable ? upgrade_state(Dialect::kPostgres)
+                                  : upgrade_table(Dialect::kPostgres, table);
+    }
+    check(PQexec(conn_, sql.c_str()), "cannot create the tables");
   }
 
   std::string conninfo_;
   PGconn* conn_ = nullptr;
   bool in_transaction_ = false;
-  size_t buffered_ = 0;      // bytes of rows not yet sent, over all tables
-  bool sizes_read_ = false;  // since the connection was made
-  bool created_ = false;     // this run created the tables
+  size_t buffered_ = 0;         // bytes of rows not yet sent, over all tables
+  size_t idle_check_ = kEarly;  // when buffered_ reaches it, an idle sender gets rows
+  bool sizes_read_ = false;     // since the connection was made
+  bool created_ = false;        // this run created the tables
   std::array<Table, kRecordTypeLimit> tables_;
   std::string scratch_;
   std::string verbatim_;

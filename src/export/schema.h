@@ -32,8 +32,8 @@ std::string create_tables(Dialect dialect);
 std::string upgrade_state(Dialect dialect);
 // Adds to a record table of an older exporter its origin columns.
 std::string upgrade_table(Dialect dialect, const std::string& table);
-// Indexes every table on its event time, where the index is missing. Built at the end of a
-// load that created the tables: at once from the rows, not row by row.
+// Indexes every table on its event time, where the index is missing. PostgreSQL builds them
+// at the end of a load that created the tables, at once from the rows; SQLite before the rows.
 std::string create_indexes(Dialect dialect);
 
 // Per generation number, the rows of every table with their distinct line numbers and their sum.

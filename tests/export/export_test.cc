@@ -133,10 +133,17 @@ std::string Export::host_;
 // The file operations of a run in order. A commit of CSV or JSON Lines files is durable (the
 // directory synced after the state file's rename) before a committed file grows: else a power
 // cut could keep the grown files with the state before them, and the rows would be loaded again.
+// With `tear`, the first write into an output file fails 7 bytes in, as a kill leaves it.
 struct Recorder : adcdf::FaultInjector {
-  Recorder() { adcdf::set_fault_injector(this); }
+  explicit Recorder(bool tear) : tear(tear) { adcdf::set_fault_injector(this); }
   ~Recorder() override { adcdf::set_fault_injector(nullptr); }
-  int fail(const adcdf::FileEvent& e, size_t*) override {
+  int fail(const adcdf::FileEvent& e, size_t* partial) override {
+    if (tear && e.op == adcdf::FileOp::kWrite &&
+        (e.name.ends_with(".csv") || e.name.ends_with(".jsonl"))) {
+      tear = false;
+      *partial = 7;
+      return EIO;
+    }
     const std::string name = e.to ? *e.to : e.name;
     if (e.op == adcdf::FileOp::kRename) committing = name.ends_with("ekadcdf-export-state");
     if (e.op == adcdf::FileOp::kSyncDirectory) committing = false;
@@ -145,18 +152,19 @@ struct Recorder : adcdf::FaultInjector {
     }
     return 0;
   }
+  bool tear;
   bool committing = false;
 };
 
 adcdf::exporter::Totals run(Kind kind, const std::string& where, const std::string& base,
-                            const std::string& rejects = "") {
+                            const std::string& rejects = "", bool tear = false) {
   using namespace adcdf::exporter;
   static const volatile std::sig_atomic_t kNoStop = 0;
   auto t = kind == Kind::kCsv      ? csv_target(where)
            : kind == Kind::kJsonl  ? jsonl_target(where)
            : kind == Kind::kSqlite ? sqlite_target(where)
                                    : postgres_target(where);
-  Recorder recorder;
+  Recorder recorder(tear);
   return Exporter(base, rejects, false, kNoStop).run(*t, [](auto&) {});
 }
 
@@ -252,6 +260,11 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
     const std::string rejects = box.file(std::string(t.name) + ".rejects");
     for (int phase = 0; phase < 2; ++phase) {
       const std::string base = place(phase, box.file("base"));
+      if (phase == 1 && (t.kind == Kind::kCsv || t.kind == Kind::kJsonl)) {
+        // Stopped inside its first append after the commit: the next run ends the append,
+        // nothing twice.
+        EXPECT_ANY_THROW(run(t.kind, t.where, base, rejects, true));
+      }
       run(t.kind, t.where, base, rejects);
       if (phase == 0) {
         EXPECT_EQ(run(t.kind, t.where, base, rejects).records, 0) << "a second run adds nothing";
@@ -315,9 +328,17 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
   for (int i = 0; i < 400; ++i) {
     for (const auto& [name, text] : generations_[1]) big += text;
   }
+  // Over 4 MB of rows, then a new generation (of another host), numbered while they load.
+  std::string next = generations_[1].at("cdf.000");
+  next.replace(next.find(host_), host_.size(), "elsewhere");
   fs::create_directories(box.file("big"));
-  daemon_test::write_file(box.file("big/cdf.000"), big);
-  const size_t big_records = 400 * lines(1).size();
+  daemon_test::write_file(box.file("big/cdf.001"), big);
+  daemon_test::write_file(box.file("big/cdf.000"), next);
+  size_t big_records = 400 * lines(1).size();
+  std::istringstream in(next);
+  for (std::string line; std::getline(in, line);) {
+    big_records += !line.starts_with("999,") && !rejected(line);
+  }
 
   for (const Target& t : targets(box)) {
     if (t.kind == Kind::kJsonl) continue;  // its files are committed as CSV's are
@@ -374,8 +395,22 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     }
     locker.reset();
     EXPECT_EQ(read_back(t.kind, t.where), before);
-    Daemon again(box, args, kExporter);
-    EXPECT_EQ(again.wait_exit(120), 0) << again.err();
+    // SQLite: under --follow, another connection holding the write lock at first (waited out).
+    sqlite3* writer = nullptr;
+    std::vector<std::string> again_args = args;
+    if (t.kind == Kind::kSqlite) {
+      sqlite3_open(t.where.c_str(), &writer);
+      EXPECT_EQ(sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+      again_args.insert(again_args.begin(), "--follow");
+    }
+    Daemon again(box, again_args, kExporter);
+    if (writer != nullptr) {
+      EXPECT_TRUE(again.wait_err("trying again", 1, 30)) << again.err();
+      sqlite3_close(writer);
+      EXPECT_TRUE(again.wait_err("ekadcdf-export: loaded ", 1, 120)) << again.err();
+      EXPECT_TRUE(again.wait_err("works again")) << again.err();
+    }
+    EXPECT_EQ(writer != nullptr ? again.stop() : again.wait_exit(120), 0) << again.err();
     EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
     EXPECT_TRUE(t.kind != Kind::kCsv || !midway()) << "what the killed run left is cleared";
     reading = false;
