@@ -33,6 +33,13 @@ inline size_t count_of(const std::string& text, const std::string& needle) {
   return n;
 }
 
+// The size of a file; 0 when there is none.
+inline uintmax_t size_of(const fs::path& path) {
+  std::error_code error;
+  const uintmax_t size = fs::file_size(path, error);
+  return error ? 0 : size;
+}
+
 // Appends with one write, as the mail server would.
 inline void append_file(const fs::path& path, const std::string& text) {
   int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
@@ -71,7 +78,7 @@ class TempDir {
   bool exists(const std::string& name) const { return fs::exists(file(name)); }
   // Every file whose name starts with `prefix`, with its content; the position file, whose
   // content is the daemon's own business, is left out.
-  std::map<std::string, std::string> files(const std::string& prefix) const {
+  std::map<std::string, std::string> files(const std::string& prefix = "cdf.") const {
     std::map<std::string, std::string> found;
     for (const auto& entry : fs::directory_iterator(path_)) {
       std::string name = entry.path().filename().string();

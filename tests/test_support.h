@@ -46,13 +46,12 @@ class TraceCapture {
   Tracer tracer_;
 };
 
-// Stands in for the 2-second poll: each pause appends the next chunk (if any) to the source; once
-// the chunks are used up, `stop_after` further pauses are allowed before the daemon is told to
-// stop.
+// Stands in for the 2-second poll: each pause appends the next chunk (if any) to the source; the
+// first pause after the chunks are used up tells the daemon to stop.
 class ScriptedWaiter : public Waiter {
  public:
-  ScriptedWaiter(MemorySource& source, std::vector<std::string> chunks = {}, int stop_after = 0)
-      : source_(source), chunks_(std::move(chunks)), stop_after_(stop_after) {}
+  ScriptedWaiter(MemorySource& source, std::vector<std::string> chunks)
+      : source_(source), chunks_(std::move(chunks)) {}
 
   bool keep_going() override {
     if (checks_left_ >= 0 && checks_left_-- == 0) stopped_ = true;
@@ -63,7 +62,7 @@ class ScriptedWaiter : public Waiter {
   void pause() override {
     if (next_ < chunks_.size()) {
       source_.append(chunks_[next_++]);
-    } else if (stop_after_-- <= 0) {
+    } else {
       stopped_ = true;
     }
   }
@@ -72,7 +71,6 @@ class ScriptedWaiter : public Waiter {
   MemorySource& source_;
   std::vector<std::string> chunks_;
   size_t next_ = 0;
-  int stop_after_;
   int checks_left_ = -1;
   bool stopped_ = false;
 };

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <mutex>
-#include <optional>
 #include <set>
 
 #include "app/process_loop.h"
@@ -31,13 +30,13 @@ enum class Loss {
 };
 
 // The fault seam in power-loss mode, after LevelDB's fault-injection environment, installed while
-// it lives: the `nth` operation matching `op` (any when none) on a name ending with `suffix` fails,
-// after writing `partial` bytes, and with `power_cut` every later one too. It remembers what each
-// file held at its last sync, the names the directory held at its last sync and the name changes
-// since, so that crash() can leave the directory as the cut would; after that it lets all pass.
+// it lives: the `nth` file operation fails, after writing `partial` bytes, and with `power_cut`
+// every later one too. It remembers what each file held at its last sync, the names the directory
+// held at its last sync and the name changes since, so that crash() can leave the directory as
+// the cut would; after that it lets all pass.
 struct PowerCut : FaultInjector {
-  PowerCut(const TempDir& d, std::optional<FileOp> o, std::string s, int n, size_t p, bool cut)
-      : dir(d), op(o), suffix(std::move(s)), nth(n), partial(p), power_cut(cut), durable(names()) {
+  PowerCut(const TempDir& d, int n, size_t p, bool cut)
+      : dir(d), nth(n), partial(p), power_cut(cut), durable(names()) {
     for (const auto& [name, ino] : durable) synced[ino] = dir.read(name);
     set_fault_injector(this);
   }
@@ -46,7 +45,7 @@ struct PowerCut : FaultInjector {
   int fail(const FileEvent& e, size_t* written) override {
     std::lock_guard lock(mutex);
     if (off || crashed) return crashed ? 0 : EIO;
-    if ((!op || e.op == *op) && e.name.ends_with(suffix) && ++seen == nth) {
+    if (++seen == nth) {
       hit = true;
       off = power_cut;
       if (written != nullptr && partial != SIZE_MAX) *written = partial;
@@ -117,8 +116,6 @@ struct PowerCut : FaultInjector {
     ino_t ino;
   };
   const TempDir& dir;
-  std::optional<FileOp> op;
-  std::string suffix;
   int nth;
   size_t partial;
   bool power_cut;
@@ -235,7 +232,7 @@ TEST_F(FileFaults, FailureOrPowerCutAfterAnyStepLeavesWhatARestartRepairs) {
         TempDir dir;
         half_a_day_without_position(dir);
         const bool failed = loss == Loss::kNothing;
-        PowerCut cut(dir, std::nullopt, "", step, failed ? 10 : SIZE_MAX, !failed);
+        PowerCut cut(dir, step, failed ? 10 : SIZE_MAX, !failed);
         if (!cut_and_restart(dir, cut, loss, audit_days) || HasFailure()) break;
       }
     }

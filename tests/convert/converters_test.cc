@@ -1,7 +1,7 @@
 // The converters, one section at a time: the records each writes (columns from 9 on) and the
 // lines it reports as skipped, for the keyword rules that tell them apart (the conformance cases
-// hold every column of each); where each counts; and how a section at the end of the file is
-// waited for.
+// hold every column of each); and where each counts. (A section at the end of the file waits
+// for its lines: ProcessLoop.)
 #include <gtest/gtest.h>
 
 #include "test_support.h"
@@ -222,17 +222,6 @@ TEST(Converters, SectionsBeforeTheCheckpointCountOnlyWhereCountedBeforeTheHeader
     EXPECT_EQ(h.counted(label), counts_skipped ? 2 : 1);
     EXPECT_EQ(h.input.read_line().value_or("<end>"), "next\n");
   }
-}
-
-// A section still being written waits for its lines (one cut off by a stop: ProcessLoop).
-TEST(Converters, SectionAtTheEndOfTheFileWaitsForItsLines) {
-  ::setenv("TZ", "UTC", 1);
-  ::tzset();
-  Harness waits("hdr 1364913005\nsubsystem 3\n", {}, {"user sys", "adm\n", "\n"});
-  waits.ctx.last = kNoRotation;
-  waits.convert("subsystem-start\n");
-  EXPECT_EQ(waits.ctx.output.records.view(),
-            rec(105, "3,0,0,0,\"sysadm\",\"\",0,0,0,\"\",0,0,0,\"\",\"\""));
 }
 
 }  // namespace

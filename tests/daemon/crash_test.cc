@@ -59,16 +59,6 @@ std::string generate_audit() {
   return audit;
 }
 
-// Each file the daemon keeps in the working directory, the position file left out (its content
-// is the daemon's own business); any other file but the audit file is reported as unexpected.
-std::map<std::string, std::string> outputs(const Sandbox& box) {
-  for (const auto& entry : fs::directory_iterator(box.work())) {
-    std::string name = entry.path().filename().string();
-    EXPECT_TRUE(name == "audit" || name.rfind("cdf.", 0) == 0) << "unexpected file " << name;
-  }
-  return box.files();
-}
-
 // Whether the daemon's standard error ends with its idle line: it has converted all there was.
 bool idle(const Daemon& daemon) {
   return daemon.err().ends_with("waiting...\n");
@@ -83,12 +73,6 @@ bool rotating(const Sandbox& box) {
   return false;
 }
 
-uintmax_t trace_size(const Sandbox& box, int run) {
-  std::error_code error;
-  uintmax_t size = fs::file_size(box.root() / ("stderr." + std::to_string(run)), error);
-  return error ? 0 : size;
-}
-
 class DaemonCrash : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(DaemonCrash, KillsAtRandomLeaveTheFilesOfOneUninterruptedRun) {
@@ -100,7 +84,7 @@ TEST_P(DaemonCrash, KillsAtRandomLeaveTheFilesOfOneUninterruptedRun) {
   Daemon reference(reference_box, args);
   ASSERT_TRUE(eventually([&] { return idle(reference); }, 60));
   EXPECT_EQ(reference.stop(), 0);
-  const auto expected = outputs(reference_box);
+  const auto expected = reference_box.files("");  // the audit file too, any leftover shows
   ASSERT_GT(expected.at("cdf.ERR").size(), 0u);
   const uintmax_t full_trace = reference.err().size();
 
@@ -120,7 +104,7 @@ TEST_P(DaemonCrash, KillsAtRandomLeaveTheFilesOfOneUninterruptedRun) {
       written += more;
     }
     Daemon daemon(box, args);
-    const int run = Daemon::runs();
+    const fs::path trace = box.root() / ("stderr." + std::to_string(Daemon::runs()));
     const unsigned mode = rng() % 4;
     if (mode == 0) {
       std::this_thread::sleep_for(std::chrono::microseconds(rng() % 5000));
@@ -128,7 +112,7 @@ TEST_P(DaemonCrash, KillsAtRandomLeaveTheFilesOfOneUninterruptedRun) {
       eventually([&] { return rotating(box) || idle(daemon); }, 30, 0.0001);
     } else {
       const uintmax_t target = rng() % (full_trace / 6 + 1);
-      eventually([&] { return trace_size(box, run) >= target || idle(daemon); }, 30, 0.0001);
+      eventually([&] { return size_of(trace) >= target || idle(daemon); }, 30, 0.0001);
     }
     daemon.signal(SIGKILL);
     ASSERT_EQ(daemon.wait_exit(), 128 + SIGKILL);
@@ -146,8 +130,8 @@ TEST_P(DaemonCrash, KillsAtRandomLeaveTheFilesOfOneUninterruptedRun) {
   EXPECT_EQ(last.stop(), 0);
   EXPECT_EQ(last.out(), "");
   // File by file, so that a difference is shown as a diff of its lines.
-  auto got = outputs(box);
-  EXPECT_EQ(got.size(), expected.size());
+  auto got = box.files("");
+  EXPECT_EQ(got.size(), expected.size()) << "a file of its own left beside them";
   for (const auto& [name, text] : expected) EXPECT_EQ(got[name], text) << name;
 }
 

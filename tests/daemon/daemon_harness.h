@@ -32,6 +32,7 @@ namespace fs = std::filesystem;
 using adcdf::testing::append_file;
 using adcdf::testing::count_of;
 using adcdf::testing::read_file;
+using adcdf::testing::size_of;
 using adcdf::testing::write_file;
 
 // Polls `condition` every `poll` seconds until it holds or `seconds` have passed.
@@ -43,6 +44,10 @@ inline bool eventually(const std::function<bool()>& condition, double seconds = 
     std::this_thread::sleep_for(std::chrono::duration<double>(poll));
   }
   return true;
+}
+
+inline void run_shell(const std::string& command) {
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
 }
 
 // The type-999 record that starts a generation begun today, in the time zone `tz` (the
@@ -60,15 +65,25 @@ inline std::string header_record(const std::string& tz = "UTC") {
          "\",0,0,0,\"\",\"\",0,0,0,\"\",0,0,0,\"\",\"\"\n";
 }
 
+// The record of a subsystem-start (105) or subsystem-stop (106) section written at `time` (UTC)
+// for `user` and `subsystem`.
+inline std::string subsystem_record(int type, long time, const std::string& user,
+                                    int subsystem = 0) {
+  time_t t = time;
+  struct tm u {};
+  ::gmtime_r(&t, &u);
+  return std::to_string(type) + ",123,11," + std::to_string(u.tm_mday) + "," +
+         std::to_string(u.tm_hour) + "," + std::to_string(u.tm_min) + "," +
+         std::to_string(u.tm_sec) + "," + std::to_string(time) + "," + std::to_string(subsystem) +
+         ",0,0,0,\"" + user + "\",\"\",0,0,0,\"\",0,0,0,\"\",\"\"\n";
+}
+
 // A scratch directory: the daemon runs in work(), its standard streams and process-list entry
 // are kept in root(), so work() holds only what the daemon itself creates there.
 class Sandbox : public adcdf::testing::TempDir {
  public:
   Sandbox() : TempDir("w") {}
   const fs::path& work() const { return path(); }
-  std::map<std::string, std::string> files(const std::string& prefix = "cdf.") const {
-    return TempDir::files(prefix);
-  }
 };
 
 struct Env {

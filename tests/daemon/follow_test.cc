@@ -7,19 +7,29 @@ namespace daemon_test {
 namespace {
 
 const std::vector<std::string> kDebugArgs = {"-a", "audit", "-b", "cdf", "-d"};
-const std::string kTail = "0,0,0,\"\",0,0,0,\"\",\"\"\n";
+constexpr long kT = 1699952400;  // 2023-11-14 09:00:00 UTC
 const char kEnd[] = "<- adcdf_process_file\n<- main: ADCDF Daemon Outer Block\n";
+
+// A subsystem-start section and its record.
+std::string section(const std::string& user, long time) {
+  return "subsystem-start\nh " + std::to_string(time) + "\nuser " + user + "\n\n";
+}
+std::string record(const std::string& user, long time) {
+  return subsystem_record(105, time, user);
+}
 
 // SIGTERM inside a section whose header changed the day: the section is abandoned and the files
 // are exactly as they were before it; a restart converts it once, into the new day's generation.
-TEST(DaemonFollow, SigtermInsideASectionThatChangesTheDayRotatesNothing) {
+// SIGUSR1 while the daemon waits changes nothing; the next section opens a new generation, although
+// its day is the same; the handler stays installed, and a request is for one section only.
+TEST(DaemonFollow, SigtermInsideASectionRotatesNothingAndSigusr1RotatesAtTheNextSection) {
   Sandbox box;
-  box.write("audit", "subsystem-start\nh 1699952400\nuser ann\n\n");
-  const std::string ann = "105,123,11,14,9,0,0,1699952400,0,0,0,0,\"ann\",\"\"," + kTail;
+  box.write("audit", section("ann", kT));
+  const std::string ann = record("ann", kT);
   std::optional<Daemon> daemon(std::in_place, box, kDebugArgs);
   ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + ann));
   ASSERT_TRUE(daemon->wait_err("waiting...\n"));
-  const auto before = box.files();
+  auto before = box.files();
   box.append("audit", "subsystem-stop\nh 1700006400\nbogus line\n");
   ASSERT_TRUE(daemon->wait_err("ldate = 1700006400\n"));
   EXPECT_EQ(daemon->stop(), 0);
@@ -30,67 +40,30 @@ TEST(DaemonFollow, SigtermInsideASectionThatChangesTheDayRotatesNothing) {
   // The rotation was decided, and traced, when the header was read.
   EXPECT_EQ(count_of(err, "Looking for: cdf.000\n"), 2u);
   box.append("audit", "\n");
-  daemon.emplace(box, std::vector<std::string>{"-a", "audit", "-b", "cdf"});
-  const std::string rotated =
-      header_record() + "106,123,11,15,0,0,0,1700006400,0,0,0,0,\" \",\"\"," + kTail;
-  ASSERT_TRUE(daemon->wait_file("cdf.000", rotated));
-  EXPECT_EQ(daemon->stop(), 0);
-  EXPECT_EQ(box.files(), (std::map<std::string, std::string>{
-                             {"cdf.000", rotated},
-                             {"cdf.001", header_record() + ann},
-                             {"cdf.002", ""},
-                             {"cdf.ERR", "Skipped line: 7\nLine = bogus line\n\n"}}));
-}
-
-TEST(DaemonFollow, Sigusr1StartsANewGenerationAtTheNextSection) {
-  Sandbox box;
-  const std::string a = "105,123,11,14,9,0,0,1699952400,0,0,0,0,\"ann\",\"\"," + kTail;
-  box.write("audit", "subsystem-start\nh 1699952400\nuser ann\n\n");
-  Daemon daemon(box, kDebugArgs);
-  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + a));
-  ASSERT_TRUE(daemon.wait_err("waiting...\n"));
-  // While the daemon waits, the request changes nothing.
-  auto before = box.files();
-  daemon.signal(SIGUSR1);
-  size_t waits = count_of(daemon.err(), "waiting...\n");
-  ASSERT_TRUE(daemon.wait_err("waiting...\n", waits + 1));
+  daemon.emplace(box, kDebugArgs);
+  const std::string a = subsystem_record(106, 1700006400, " ");
+  ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + a));
+  ASSERT_TRUE(daemon->wait_err("waiting...\n"));
+  before = box.files();
+  daemon->signal(SIGUSR1);
+  ASSERT_TRUE(daemon->wait_err("waiting...\n", count_of(daemon->err(), "waiting...\n") + 1));
   EXPECT_EQ(box.files(), before);
-
-  // The next section opens a new generation, although its day is the same.
-  const std::string b = "106,123,11,14,9,1,0,1699952460,0,0,0,0,\" \",\"\"," + kTail;
-  box.append("audit", "subsystem-stop\nh 1699952460\n\n");
-  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + b));
-  EXPECT_EQ(box.read("cdf.001"), header_record() + a);
-
-  // The handler stays installed: a second request works as well, and only for one section.
-  daemon.signal(SIGUSR1);
-  const std::string c = "105,123,11,14,9,2,0,1699952520,0,0,0,0,\"cy\",\"\"," + kTail;
-  const std::string d = "105,123,11,14,9,3,0,1699952580,0,0,0,0,\"di\",\"\"," + kTail;
-  box.append(
-      "audit",
-      "subsystem-start\nh 1699952520\nuser cy\n\nsubsystem-start\nh 1699952580\nuser di\n\n");
-  ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + c + d));
-  EXPECT_EQ(daemon.stop(), 0);
-  EXPECT_EQ(box.files(), (std::map<std::string, std::string>{{"cdf.000", header_record() + c + d},
-                                                             {"cdf.001", header_record() + b},
-                                                             {"cdf.002", header_record() + a},
-                                                             {"cdf.003", ""},
-                                                             {"cdf.ERR", ""}}));
-}
-
-constexpr long kT = 1699952400;  // 2023-11-14 09:00:00 UTC
-
-// A subsystem-start section of that day (UTC) and its record.
-std::string section(const std::string& user, long time) {
-  return "subsystem-start\nh " + std::to_string(time) + "\nuser " + user + "\n\n";
-}
-std::string record(const std::string& user, long time) {
-  time_t t = time;
-  struct tm u {};
-  ::gmtime_r(&t, &u);
-  return "105,123,11,14," + std::to_string(u.tm_hour) + "," + std::to_string(u.tm_min) + "," +
-         std::to_string(u.tm_sec) + "," + std::to_string(time) + ",0,0,0,0,\"" + user + "\",\"\"," +
-         kTail;
+  const std::string b = subsystem_record(106, 1700006460, " ");
+  box.append("audit", "subsystem-stop\nh 1700006460\n\n");
+  ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + b));
+  daemon->signal(SIGUSR1);
+  const std::string c = record("cy", 1700006520), d = record("di", 1700006580);
+  box.append("audit", section("cy", 1700006520) + section("di", 1700006580));
+  ASSERT_TRUE(daemon->wait_file("cdf.000", header_record() + c + d));
+  daemon->signal(SIGHUP);  // stops it as SIGTERM does
+  EXPECT_EQ(daemon->wait_exit(), 0);
+  EXPECT_EQ(box.files(), (std::map<std::string, std::string>{
+                             {"cdf.000", header_record() + c + d},
+                             {"cdf.001", header_record() + b},
+                             {"cdf.002", header_record() + a},
+                             {"cdf.003", header_record() + ann},
+                             {"cdf.004", ""},
+                             {"cdf.ERR", "Skipped line: 7\nLine = bogus line\n\n"}}));
 }
 
 // How the mail server's logs are rotated, by logrotate or by hand, while the daemon runs or
@@ -104,10 +77,6 @@ struct Rotation {
   std::vector<std::string> users;  // whose sections, after ann's and bob's, reach the output
   std::string errors, trace;
 };
-
-void run_shell(const std::string& command) {
-  ASSERT_EQ(std::system(command.c_str()), 0) << command;
-}
 
 // Two sections before the rotation, so that the new file is shorter than what was read.
 const std::string kBefore = section("ann", kT) + section("bob", kT + 1);

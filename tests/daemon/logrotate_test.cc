@@ -101,12 +101,6 @@ std::string every_audit_byte(const Sandbox& box) {
   return all;
 }
 
-void run_logrotate(const Sandbox& box) {
-  const std::string command =
-      "logrotate -f -s " + box.file("state") + " " + box.file("logrotate.conf");
-  ASSERT_EQ(std::system(command.c_str()), 0) << command;
-}
-
 class DaemonLogrotate : public ::testing::TestWithParam<Mode> {};
 
 TEST_P(DaemonLogrotate, EveryRecordTheAuditFilesHoldOnce) {
@@ -133,7 +127,7 @@ TEST_P(DaemonLogrotate, EveryRecordTheAuditFilesHoldOnce) {
         eventually([&] { return box.read("cdf.000").find("\n105,") != std::string::npos; }));
     for (int rotation = 0; rotation < 7; ++rotation) {
       std::this_thread::sleep_for(std::chrono::duration<double>(mode.every));
-      run_logrotate(box);
+      run_shell("logrotate -f -s " + box.file("state") + " " + box.file("logrotate.conf"));
     }
     std::this_thread::sleep_for(std::chrono::duration<double>(mode.every));
   }

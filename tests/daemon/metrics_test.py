@@ -10,13 +10,10 @@ p = argparse.ArgumentParser()
 for name in ("binary", "exporter", "sample", "readme"):
     p.add_argument("--" + name, required=True)
 args = p.parse_args()
-failures = []
 
 
 def check(ok, what):
-    if not ok:
-        failures.append(what)
-        print("FAIL:", what)
+    ok or sys.exit("FAIL: " + what)
 
 
 def wait_for(what, probe, seconds=30):
@@ -118,5 +115,4 @@ finally:
             process.kill()
             process.wait(10)
     shutil.rmtree(work)
-print("metrics: %d failures" % len(failures))
-sys.exit(1 if failures else 0)
+print("metrics: all checks passed")

@@ -10,9 +10,8 @@
 namespace daemon_test {
 namespace {
 
-const std::string kTail = "0,0,0,\"\",0,0,0,\"\",\"\"\n";
 const std::string kSection = "subsystem-stop\nh 1699952400\nsubsystem 4\n\n";
-const std::string kRecord = "106,123,11,14,9,0,0,1699952400,4,0,0,0,\" \",\"\"," + kTail;
+const std::string kRecord = subsystem_record(106, 1699952400, " ", 4);
 const std::string kNextDay = "subsystem-stop\nh 1700038800\nsubsystem 5\n\n";
 
 TEST(DaemonService, ClosedDescriptorsAndADeadTracePipeChangeNoRecord) {
@@ -34,20 +33,6 @@ TEST(DaemonService, ClosedDescriptorsAndADeadTracePipeChangeNoRecord) {
   box.append("audit", kSection);
   ASSERT_TRUE(daemon.wait_file("cdf.000", header_record() + kRecord + kRecord));
   EXPECT_EQ(daemon.stop(), 0);
-}
-
-TEST(DaemonService, SigintAndSighupStopAsSigtermDoes) {
-  for (int signo : {SIGINT, SIGHUP}) {
-    SCOPED_TRACE(signo);
-    Sandbox box;
-    box.write("audit", kSection);
-    Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"});
-    ASSERT_TRUE(daemon.wait_err("waiting...\n"));
-    daemon.signal(signo);
-    EXPECT_EQ(daemon.wait_exit(), 0);
-    EXPECT_NE(daemon.err().find(counted("Subsystem-stop", 1)), std::string::npos);
-    EXPECT_FALSE(fs::exists(box.root() / "ekadcdf.pid"));
-  }
 }
 
 // A symbolic link at any name the daemon writes, renames or removes, a FIFO at any of its names
@@ -140,7 +125,7 @@ TEST(DaemonService, CreatedFilesAreNotReadableByOthers) {
   Sandbox box;
   box.write("audit", kSection + kNextDay);
   Daemon daemon(box, {"-a", "audit", "-b", "cdf"}, {.umask = 0});
-  ASSERT_TRUE(eventually([&] { return box.read("cdf.001") == header_record() + kRecord; }));
+  ASSERT_TRUE(daemon.wait_file("cdf.001", header_record() + kRecord));
   EXPECT_EQ(daemon.stop(), 0);
   for (const char* name : {"cdf.000", "cdf.001", "cdf.002", "cdf.ERR", "cdf.POS"}) {
     EXPECT_EQ(fs::status(box.file(name)).permissions(),
@@ -150,8 +135,11 @@ TEST(DaemonService, CreatedFilesAreNotReadableByOthers) {
 }
 
 // Under systemd with Type=notify: READY=1 once the run has started, a first status at once,
-// watchdog pings when the unit asks for them, and STOPPING=1 at the stop.
-TEST(DaemonService, TellsTheServiceManagerItIsReadyHowFarItIsAndThatItStops) {
+// watchdog pings when the unit asks for them, and STOPPING=1 at the stop, which SIGINT asks for
+// as SIGTERM does (SIGHUP too: DaemonFollow): statistics, status 0, its process-list entry gone.
+// Meanwhile a second daemon on the same base name refuses at once, names the running one and
+// touches no file.
+TEST(DaemonService, TellsTheServiceManagerWhatItDoesAndRefusesASecondDaemonOnItsBaseName) {
   Sandbox box;
   box.write("audit", kSection);
   const std::string address = (box.root() / "notify").string();
@@ -163,7 +151,19 @@ TEST(DaemonService, TellsTheServiceManagerItIsReadyHowFarItIsAndThatItStops) {
   Daemon daemon(box, {"-a", "audit", "-b", "cdf", "-d"},
                 {.more = {"NOTIFY_SOCKET=" + address, "WATCHDOG_USEC=1000000"}});
   ASSERT_TRUE(daemon.wait_err("waiting...\n", 2));
-  EXPECT_EQ(daemon.stop(), 0);
+  const auto files = box.files();
+  const std::string pid = std::to_string(daemon.pid());
+  Daemon second(box, {"-a", "audit", "-b", "cdf", "-d"});
+  EXPECT_EQ(second.wait_exit(5), 1);
+  EXPECT_EQ(second.out(), "adcdf error: 1 9 file in use: cdf.POS is held by process " + pid +
+                              ", an ekadcdf already running on this base name\n");
+  EXPECT_EQ(box.files(), files);
+  EXPECT_TRUE(box.read("cdf.POS").starts_with("pid " + pid + " "));
+  EXPECT_EQ(read_file(box.root() / "ekadcdf.pid"), pid + "\n");
+  daemon.signal(SIGINT);
+  EXPECT_EQ(daemon.wait_exit(), 0);
+  EXPECT_NE(daemon.err().find(counted("Subsystem-stop", 1)), std::string::npos);
+  EXPECT_FALSE(fs::exists(box.root() / "ekadcdf.pid"));
   std::vector<std::string> messages;
   char buffer[512];
   for (ssize_t n; (n = ::recv(socket_fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) {

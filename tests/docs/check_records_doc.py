@@ -3,10 +3,9 @@
 
 The record reference (a "### <types> <name> (<N> columns)" heading over a table: column(s), name,
 holds, bare or quoted, value when absent) against a section of every kind without its optional
-lines; with --exporter, against `ekadcdf-export --columns`, and every query of "Loading the
-output", on a base spanning months and days loaded into SQLite and PostgreSQL (the server
-EKADCDF_TEST_POSTGRES names), against what the CDF files give. Exit status 1 on a mismatch, 2
-when the check could not run.
+lines; against `ekadcdf-export --columns`; and every query of "Loading the output", on a base
+spanning months and days loaded into SQLite and PostgreSQL (the server EKADCDF_TEST_POSTGRES
+names), against what the CDF files give. Exit status 1 on a mismatch, 2 when it could not run.
 """
 
 import argparse
@@ -14,12 +13,10 @@ import collections
 import itertools
 import os
 import re
-import signal
 import sqlite3
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
 START = 1767261600  # 2026-01-01 10:00:00 UTC
@@ -71,28 +68,18 @@ def parse_doc(path):
     return types, problems or ([] if types else ["no record type headings"])
 
 
-def run_daemon(binary, workdir, text, timeout):
-    """The records the daemon writes from `text`, after it waits at the end of the file."""
+def run_daemon(binary, workdir, text):
+    """The records the daemon writes from `text`, stopping by itself at the end of the file."""
     open(os.path.join(workdir, "audit"), "w", encoding="ascii").write(text)
-    proc = subprocess.Popen([binary, "-a", "audit", "-b", "cdf", "-g", "100", "-d"], cwd=workdir,
-                            env=dict(os.environ, TZ="UTC", RUNTIME_DIRECTORY=workdir),
-                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                            stderr=subprocess.PIPE)
-    killer = threading.Timer(timeout, proc.kill)
-    killer.start()
-    for line in proc.stderr:  # the debug trace says "waiting..." at the end of the file
-        if line == b"waiting...\n":
-            proc.send_signal(signal.SIGTERM)
-            break
-    proc.stderr.read()
-    status = proc.wait()
-    killer.cancel()
+    subprocess.run([binary, "-a", "audit", "-b", "cdf", "-g", "100", "--once"], cwd=workdir,
+                   env=dict(os.environ, TZ="UTC", RUNTIME_DIRECTORY=workdir), check=True,
+                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
     errors = open(os.path.join(workdir, "cdf.ERR"), encoding="latin-1").read()
-    if status != 0 or errors:
-        raise RuntimeError(f"the daemon ended with status {status}, cdf.ERR: {errors!r}")
+    if errors:
+        raise RuntimeError(f"cdf.ERR: {errors!r}")
     names = sorted(n for n in os.listdir(workdir) if re.fullmatch(r"cdf\.\d{3}", n))
-    paths = [os.path.join(workdir, n) for n in names]
-    return [l.rstrip("\n") for p in paths for l in open(p, encoding="latin-1")]
+    return [l.rstrip("\n") for n in names
+            for l in open(os.path.join(workdir, n), encoding="latin-1")]
 
 
 def check_records(types, records):
@@ -226,8 +213,7 @@ def check_queries(exporter, doc, types, workdir, records, now):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     for option in ("--binary", "--doc", "--exporter"):  # ekadcdf, docs/records.md, ekadcdf-export
-        parser.add_argument(option, required=option != "--exporter")
-    parser.add_argument("--timeout", type=int, default=60, help="seconds to wait for the daemon")
+        parser.add_argument(option, required=True)
     args = parser.parse_args()
     types, problems = parse_doc(args.doc)
     now, binary = int(time.time()), os.path.abspath(args.binary)
@@ -235,15 +221,13 @@ def main():
                 for i, k in enumerate(KINDS)]
     try:
         with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
-            records = run_daemon(binary, workdir, "\n".join(sum(sections, [])) + "\n", args.timeout)
+            records = run_daemon(binary, workdir, "\n".join(sum(sections, [])) + "\n")
         with tempfile.TemporaryDirectory(prefix="records_doc.") as workdir:
-            past = run_daemon(binary, workdir, history(now), args.timeout)
-            problems = problems or check_records(types, records)
-            if args.exporter:
-                problems = problems or check_catalogue(args.exporter, types)
-                problems = problems or check_queries(args.exporter, args.doc, types, workdir,
-                                                     past, now)
-    except (OSError, RuntimeError, subprocess.CalledProcessError) as e:
+            past = run_daemon(binary, workdir, history(now))
+            problems = (problems or check_records(types, records)
+                        or check_catalogue(args.exporter, types)
+                        or check_queries(args.exporter, args.doc, types, workdir, past, now))
+    except (OSError, RuntimeError, subprocess.SubprocessError) as e:
         print(f"records_doc: could not run the daemon or the exporter: {e}", file=sys.stderr)
         return 2
     if problems:

@@ -177,29 +177,19 @@ struct Target {
   }
 };
 
-// The rows of the last statement of `sql` in a SQLite file; NULL reads as an empty string.
-Rows sqlite_query(const std::string& file, const std::string& sql) {
+// The rows of the statement `sql` in a database target.
+Rows query(const Target& t, const std::string& sql) {
+  if (t.kind == Kind::kPostgres) return pg_query(t.where, sql);
   sqlite3* db;
-  sqlite3_open(file.c_str(), &db);
+  sqlite3_open(t.where.c_str(), &db);
   sqlite3_busy_timeout(db, 10000);
-  Rows rows;
-  const auto add = [](void* rows, int n, char** values, char**) {
-    static_cast<Rows*>(rows)->emplace_back();
-    for (int i = 0; i < n; ++i)
-      static_cast<Rows*>(rows)->back().emplace_back(values[i] ? values[i] : "");
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), add, &rows, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  Rows rows = sqlite_rows(db, sql);
   sqlite3_close(db);
   return rows;
 }
 
 // The exporter run as a process, as the daemon is.
-const Env kExporter = [] {
-  Env env;
-  env.binary = EKADCDF_EXPORT_BINARY;
-  return env;
-}();
+const Env kExporter{.binary = EKADCDF_EXPORT_BINARY};
 
 std::vector<Target> targets(const Sandbox& box) {
   std::vector<Target> all = {{"csv", Kind::kCsv, box.file("csv")},
@@ -225,12 +215,10 @@ void damage(const Target& t) {
     return;
   }
   const std::string last = "(SELECT max(generation_id) FROM cdf_108)";
-  const std::string sql =
-      "DELETE FROM cdf_108 WHERE generation_id = " + last +
-      " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " + last +
-      "); INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1";
-  if (t.kind == Kind::kSqlite) sqlite_query(t.where, sql);
-  if (t.kind == Kind::kPostgres) pg_query(t.where, sql);
+  query(t, "DELETE FROM cdf_108 WHERE generation_id = " + last +
+               " AND line_number = (SELECT max(line_number) FROM cdf_108 WHERE generation_id = " +
+               last + ")");
+  query(t, "INSERT INTO cdf_108 SELECT * FROM cdf_108 WHERE generation_id = " + last + " LIMIT 1");
 }
 
 // Line `n` of `text`, from 1; empty past its end.
@@ -300,9 +288,7 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
         ") + (SELECT 1 - count(*) FROM " +
         (lite ? "sqlite_master WHERE name" : "pg_indexes WHERE indexname") +
         " = 'cdf_108_event_time')";
-    EXPECT_EQ(t.kind == Kind::kSqlite     ? sqlite_query(t.where, wrong)
-              : t.kind == Kind::kPostgres ? pg_query(t.where, wrong)
-                                          : Rows{{"0"}},
+    EXPECT_EQ(t.kind == Kind::kCsv || t.kind == Kind::kJsonl ? Rows{{"0"}} : query(t, wrong),
               Rows{{"0"}});
     // --verify: every generation agrees; then a row deleted and another doubled.
     const std::string base = box.file("base/cdf");
@@ -321,7 +307,10 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
 // its state table, which another session has locked (rows and state committed apart would leave
 // the rows); SQLite writing its log, with a reader querying every 100 ms throughout (none may
 // fail), and refusing a run whose state cannot be recorded; CSV with its side files half written.
-TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
+// The next run into PostgreSQL takes the same generations under three paths (a directory, a link
+// to it, a copy as on another host) by three exporters at once, all held before their commit
+// until all have started: they wait for each other on the content, not on a path.
+TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWasAndOneBaseUnderThreePathsLoadsOnce) {
   Sandbox box;
   const std::string small = place(0, box.file("small"));
   std::string big;
@@ -334,6 +323,8 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
   fs::create_directories(box.file("big"));
   daemon_test::write_file(box.file("big/cdf.001"), big);
   daemon_test::write_file(box.file("big/cdf.000"), next);
+  fs::copy(box.file("big"), box.file("copy"));
+  fs::create_directory_symlink(box.file("big"), box.file("alias"));
   size_t big_records = 400 * lines(1).size();
   std::istringstream in(next);
   for (std::string line; std::getline(in, line);) {
@@ -352,13 +343,13 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     std::atomic<int> refused = 0;
     std::thread reader;
     if (t.kind == Kind::kSqlite) {
-      sqlite_query(t.where,
-                   "CREATE TRIGGER planted BEFORE INSERT ON ekadcdf_export_state "
-                   "BEGIN SELECT RAISE(ABORT, 'planted'); END");
+      query(t,
+            "CREATE TRIGGER planted BEFORE INSERT ON ekadcdf_export_state "
+            "BEGIN SELECT RAISE(ABORT, 'planted'); END");
       Daemon failing(box, args, kExporter);
       EXPECT_EQ(failing.wait_exit(120), 1) << failing.err();
       EXPECT_EQ(read_back(t.kind, t.where), before) << "rows kept without their state";
-      sqlite_query(t.where, "DROP TRIGGER planted");
+      query(t, "DROP TRIGGER planted");
       reading = true;
       reader = std::thread([&] {
         sqlite3* db;
@@ -369,11 +360,7 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
         }
         sqlite3_close(db);
       });
-      midway = [&] {
-        std::error_code error;
-        const auto size = fs::file_size(t.where + "-wal", error);
-        return !error && size > (1u << 20);
-      };
+      midway = [&] { return adcdf::testing::size_of(t.where + "-wal") > (1u << 20); };
     } else if (t.kind == Kind::kPostgres) {
       locker.reset(PQconnectdb(t.where.c_str()));
       PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
@@ -397,20 +384,34 @@ TEST_F(Export, ARunKilledMidwayLeavesTheTargetAsItWas) {
     EXPECT_EQ(read_back(t.kind, t.where), before);
     // SQLite: under --follow, another connection holding the write lock at first (waited out).
     sqlite3* writer = nullptr;
-    std::vector<std::string> again_args = args;
+    std::vector<std::string> paths = {"big/cdf"};
     if (t.kind == Kind::kSqlite) {
       sqlite3_open(t.where.c_str(), &writer);
       EXPECT_EQ(sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
-      again_args.insert(again_args.begin(), "--follow");
+    } else if (t.kind == Kind::kPostgres) {
+      paths = {"big/cdf", "alias/cdf", "copy/cdf"};
+      locker.reset(PQconnectdb(t.where.c_str()));
+      PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
     }
-    Daemon again(box, again_args, kExporter);
+    std::vector<std::unique_ptr<Daemon>> again;
+    for (const std::string& path : paths) {
+      std::vector<std::string> a = {t.option(), t.where, box.file(path)};
+      if (writer != nullptr) a.insert(a.begin(), "--follow");
+      again.push_back(std::make_unique<Daemon>(box, a, kExporter));
+    }
+    if (locker) {
+      EXPECT_TRUE(eventually([&] {
+        return pg_query(t.where, "SELECT count(*) FROM pg_locks WHERE NOT granted") == Rows{{"3"}};
+      }));
+      locker.reset();
+    }
     if (writer != nullptr) {
-      EXPECT_TRUE(again.wait_err("trying again", 1, 30)) << again.err();
+      EXPECT_TRUE(again[0]->wait_err("trying again", 1, 30)) << again[0]->err();
       sqlite3_close(writer);
-      EXPECT_TRUE(again.wait_err("ekadcdf-export: loaded ", 1, 120)) << again.err();
-      EXPECT_TRUE(again.wait_err("works again")) << again.err();
+      EXPECT_TRUE(again[0]->wait_err("ekadcdf-export: loaded ", 1, 120)) << again[0]->err();
+      EXPECT_TRUE(again[0]->wait_err("works again")) << again[0]->err();
     }
-    EXPECT_EQ(writer != nullptr ? again.stop() : again.wait_exit(120), 0) << again.err();
+    for (auto& d : again) EXPECT_EQ(writer ? d->stop() : d->wait_exit(120), 0) << d->err();
     EXPECT_EQ(read_back(t.kind, t.where).size(), before.size() + big_records);
     EXPECT_TRUE(t.kind != Kind::kCsv || !midway()) << "what the killed run left is cleared";
     reading = false;
@@ -461,44 +462,12 @@ TEST_F(Export, FollowLoadsAsTheDaemonWritesAndWaitsOutADatabaseRestartAndOutage)
   EXPECT_GE(daemon_test::count_of(said, "ekadcdf-export: loaded "), 2u) << said;
 }
 
-// The same generations under three paths (a directory, a link to it, a copy as on another host),
-// exported into one database by three exporters at once, are loaded once: they wait for each
-// other on the generations' content, not on a path. All are held before their commit until all
-// have started.
-TEST_F(Export, OneBaseUnderThreePathsIsLoadedOnce) {
-  PostgresServer* pg = PostgresServer::get();
-  ASSERT_NE(pg, nullptr);
-  Sandbox box;
-  const std::string db = pg->fresh();
-  run(Kind::kPostgres, db, place(0, box.file("base")));
-  place(1, box.file("base"));
-  place(1, box.file("copy"));
-  fs::create_directory_symlink(box.file("base"), box.file("alias"));
-  std::unique_ptr<PGconn, void (*)(PGconn*)> locker(PQconnectdb(db.c_str()), PQfinish);
-  PQclear(PQexec(locker.get(), "BEGIN; LOCK TABLE ekadcdf_export_state IN SHARE MODE"));
-  std::vector<std::unique_ptr<Daemon>> exporters;
-  for (const char* path : {"base/cdf", "alias/cdf", "copy/cdf"}) {
-    exporters.push_back(std::make_unique<Daemon>(
-        box, std::vector<std::string>{"--postgres", db, box.file(path)}, kExporter));
-  }
-  EXPECT_TRUE(eventually([&] {
-    return pg_query(db, "SELECT count(*) FROM pg_locks WHERE NOT granted") == Rows{{"3"}};
-  }));
-  locker.reset();
-  for (auto& exporter : exporters) EXPECT_EQ(exporter->wait_exit(), 0) << exporter->err();
-  EXPECT_EQ(read_back(Kind::kPostgres, db), lines(1));
-}
-
 struct CommandLine {
   std::vector<std::string> args;
   int status;
   std::string message;  // in what it writes
   std::string binary = EKADCDF_EXPORT_BINARY;
 };
-
-// Rejected lines are kept before the run that leaves them behind commits: a rejects file that
-// cannot grow (past a file size limit) fails the run with the target unchanged (or the next run
-// would find nothing new, and list no rejected line), and the next run writes them and loads.
 
 TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   Sandbox box;
@@ -516,6 +485,9 @@ TEST_F(Export, CommandLinesEndWithTheirStatusAndMessage) {
   const std::string full = box.file("full.rejects"), db = box.file("full.db");
   daemon_test::write_file(full, std::string(1 << 20, '#') + "\n");
   const CommandLine cases[] = {
+      // Rejected lines are kept before the run that leaves them behind commits: a rejects file
+      // that cannot grow (past a file size limit) fails the run with the target unchanged (or the
+      // next run would find nothing new, and list no rejected line); the next run writes them.
       {{"--fsize=" + std::to_string((1 << 20) + 100), EKADCDF_EXPORT_BINARY, "--sqlite", db,
         "--rejects", full, base},
        128 + SIGXFSZ,

@@ -25,11 +25,7 @@ class SectionReader : public ::testing::Test {
     ::tzset();
     options.output_base = dir.file("out");
   }
-  void TearDown() override {
-    new_generation_requested = 0;
-    ::setenv("TZ", "UTC", 1);
-    ::tzset();
-  }
+  void TearDown() override { new_generation_requested = 0; }
 
   TempDir dir;
   Options options;
