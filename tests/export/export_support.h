@@ -186,12 +186,8 @@ inline Rows parse_csv(const std::string& text) {
 
 enum class Kind { kCsv, kJsonl, kSqlite, kPostgres };
 
-// Where rows say they came from, (generation number, line number), and their lines.
-using Origins = std::multimap<std::pair<int64_t, int64_t>, std::string>;
-
-// Every row of a target as cdf_line() of its values; of JSON Lines, their origins too.
-inline std::multiset<std::string> read_back(Kind kind, const std::string& where,
-                                            Origins* origins = nullptr) {
+// Every row of a target as cdf_line() of its values.
+inline std::multiset<std::string> read_back(Kind kind, const std::string& where) {
   std::multiset<std::string> lines;
   const size_t extras = std::size(adcdf::exporter::kExtraColumns);
   sqlite3* db = nullptr;
@@ -206,11 +202,6 @@ inline std::multiset<std::string> read_back(Kind kind, const std::string& where,
     const size_t n = type.columns.size();
     expect_typed(type, values, types);
     lines.insert(cdf_line(type, values, values.at(n + 1)));
-    if (origins != nullptr) {
-      const std::string line = cdf_line(type, values, "");
-      origins->emplace(std::pair{std::stoll(values.at(n + 3)), std::stoll(values.at(n + 4))},
-                       line.substr(0, line.size() - 1));
-    }
   }
   for (const adcdf::RecordType& type : adcdf::record_catalogue()) {
     if (type.type == adcdf::kHeaderType || kind == Kind::kJsonl) continue;

@@ -230,17 +230,6 @@ std::string line_of(const std::string& text, int64_t n) {
   return n == 0 ? line : "";
 }
 
-// Each row's line number points at its record's line in one of the generation files (which
-// generation a number stands for, --verify checks).
-void expect_origins(const Origins& origins, const Files& generations) {
-  for (const auto& [origin, line] : origins) {
-    EXPECT_TRUE(
-        std::any_of(generations.begin(), generations.end(),
-                    [&](const auto& file) { return line_of(file.second, origin.second) == line; }))
-        << origin.second << ": " << line;
-  }
-}
-
 TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
   Sandbox box;
   for (const Target& t : targets(box)) {
@@ -262,9 +251,7 @@ TEST_F(Export, EveryTargetHoldsEachRecordOnceAcrossARotation) {
         EXPECT_EQ(run(t.kind, t.where, base, rejects).records, 0);
         daemon_test::write_file(base + ".000", current);
       }
-      Origins origins;
-      EXPECT_EQ(read_back(t.kind, t.where, &origins), lines(phase));
-      if (t.kind == Kind::kJsonl) expect_origins(origins, generations_[phase]);
+      EXPECT_EQ(read_back(t.kind, t.where), lines(phase));
       // Each rejected line once, as <generation>:<line number>:<bytes>.
       std::istringstream in(read_file(rejects));
       std::multiset<std::string> listed;
