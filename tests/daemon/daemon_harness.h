@@ -14,12 +14,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <map>
 #include <optional>
-#include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>

@@ -8,16 +8,7 @@ spanning months and days loaded into SQLite and PostgreSQL (the server EKADCDF_T
 names), against what the CDF files give. Exit status 1 on a mismatch, 2 when it could not run.
 """
 
-import argparse
-import collections
-import itertools
-import os
-import re
-import sqlite3
-import subprocess
-import sys
-import tempfile
-import time
+import argparse, collections, itertools, os, re, sqlite3, subprocess, sys, tempfile, time
 
 START = 1767261600  # 2026-01-01 10:00:00 UTC
 # Every section kind that writes records, with one recipient where records are per recipient.
