@@ -82,6 +82,7 @@ TEST_P(DaemonCrash, KillsAtRandomLeaveTheFilesOfOneUninterruptedRun) {
   EXPECT_EQ(reference.stop(), 0);
   const auto expected = reference_box.files("");  // the audit file too, any leftover shows
   ASSERT_GT(expected.at("cdf.ERR").size(), 0u);
+  for (const auto& [name, text] : expected) EXPECT_NE(name[0], '.') << name << " left behind";
   const uintmax_t full_trace = reference.err().size();
 
   // The audit file grows between the runs, by pieces cut anywhere (inside sections and lines
