@@ -307,12 +307,8 @@ class PostgresTarget final : public Target {
     put_date(out, row.date);
     put_number(out, row.generation);
     put_number(out, row.line);
-    if (verbatim_.empty()) {
-      put<int32_t>(out, -1);
-    } else {
-      verbatim_.push_back('}');  // jsonb's binary form: version 1, then the text
-      put_text(out, verbatim_);
-    }
+    if (!verbatim_.empty()) verbatim_.push_back('}');  // jsonb's binary form: version 1, text
+    put_optional(out, verbatim_.empty() ? nullptr : &verbatim_);
     buffered_ += out.size() - before;
     if (out.size() >= kCopyAt) {
       send(table);
