@@ -143,9 +143,6 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
     case Take::kVarstring:
       adcdf_get_varstring(rules_, line, 2, value(f), limit(f));
       break;
-    case Take::kVarstringSz:
-      adcdf_get_varstring_sz(rules_, line, 2, value(f), static_cast<int>(limit(f)));
-      break;
     case Take::kMta:
       adcdf_get_varstring_mta(rules_, line, 2, value(f), limit(f));
       break;

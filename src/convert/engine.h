@@ -33,7 +33,6 @@ namespace adcdf {
 enum class Take : uint8_t {
   kItem,            // word 2 into the field
   kVarstring,       // the rest of the line, escapes removed
-  kVarstringSz,     // the same, with the field's limit passed to the routine itself
   kMta,             // the rest of the line, backslashes kept
   kAddress,         // the rest of the line as a cleaned address
   kFirstAddress,    // the same, but only from the section's first such line

@@ -38,7 +38,7 @@ constexpr Keyword kKeywords[] = {
     {"message-size", Take::kItem, kMsgSize},
     {"mta-message-id", Take::kVarstring, kMtaMsgid},
     {"part-count", Take::kItem, kPartCount},
-    {"subject", Take::kVarstringSz, kSubject},
+    {"subject", Take::kVarstring, kSubject},
     {"ua-ack-id", Take::kIgnore},
     {"mta-ack-id", Take::kIgnore},
     {"designate-originator", Take::kIgnore},

@@ -212,11 +212,9 @@ class PostgresTarget final : public Target {
  public:
   explicit PostgresTarget(std::string conninfo) : conninfo_(std::move(conninfo)) {
     for_each_table([&](const RecordType& type) {
-      std::string columns;
-      for (const RecordColumn& column : type.columns) columns += column.name + ", ";
-      for (std::string_view extra : kExtraColumns) columns.append(extra).append(", ");
-      tables_[static_cast<size_t>(type.type)].copy =
-          "COPY " + table_name(type.type) + " (" + columns + "verbatim) FROM STDIN (FORMAT binary)";
+      tables_[static_cast<size_t>(type.type)].copy = "COPY " + table_name(type.type) + " (" +
+                                                     column_list(type, ", ") +
+                                                     "verbatim) FROM STDIN (FORMAT binary)";
     });
     try {
       connect();

@@ -48,9 +48,8 @@ void refuse_status(const struct stat& st, const std::string& name, bool written)
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {
     close();
-    fd_ = other.fd_;
+    fd_ = std::exchange(other.fd_, -1);
     name_ = std::move(other.name_);
-    other.fd_ = -1;
   }
   return *this;
 }
@@ -209,10 +208,7 @@ void File::truncate(long long length) {
 }
 
 void File::close() {
-  if (fd_ >= 0) {
-    ::close(fd_);
-    fd_ = -1;
-  }
+  if (fd_ >= 0) ::close(std::exchange(fd_, -1));
 }
 
 void Appender::append(std::string_view data) {
