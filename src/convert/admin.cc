@@ -199,22 +199,15 @@ constexpr ConverterDef kOut{
     "adcdf_do_dirsyncout", Counting::kAfterHeader, kFields, kOutKeywords, &kOutRecord, nullptr};
 }  // namespace dirsync
 
-static_assert(well_formed(ekscan::kDef));
-static_assert(well_formed(signon::kDef));
-static_assert(well_formed(signoff::kDef));
-static_assert(well_formed(request::kDef));
-static_assert(well_formed(dirsync::kIn));
-static_assert(well_formed(dirsync::kOut));
-
 }  // namespace
 
 namespace converters {
-const ConverterDef kEkscan = ekscan::kDef;
-const ConverterDef kUserSignon = signon::kDef;
-const ConverterDef kUserSignoff = signoff::kDef;
-const ConverterDef kRequest = request::kDef;
-const ConverterDef kDirSyncIn = dirsync::kIn;
-const ConverterDef kDirSyncOut = dirsync::kOut;
+const ConverterDef kEkscan = checked(ekscan::kDef);
+const ConverterDef kUserSignon = checked(signon::kDef);
+const ConverterDef kUserSignoff = checked(signoff::kDef);
+const ConverterDef kRequest = checked(request::kDef);
+const ConverterDef kDirSyncIn = checked(dirsync::kIn);
+const ConverterDef kDirSyncOut = checked(dirsync::kOut);
 }  // namespace converters
 
 }  // namespace adcdf

@@ -140,11 +140,4 @@ std::span<const RecordType> record_catalogue() {
   return catalogue;
 }
 
-const RecordType* find_record_type(int type) {
-  for (const RecordType& entry : record_catalogue()) {
-    if (entry.type == type) return &entry;
-  }
-  return nullptr;
-}
-
 }  // namespace adcdf

@@ -41,7 +41,5 @@ inline constexpr size_t kCommonColumns = 8;
 
 // Every record type, by increasing type code (the header record last).
 std::span<const RecordType> record_catalogue();
-// The entry of `type`, or null.
-const RecordType* find_record_type(int type);
 
 }  // namespace adcdf

@@ -48,11 +48,10 @@ class Converter {
 
 void Converter::run() {
   TraceScope scope(ctx_.trace, def_.name);
-  int& counter = counter_;
   if (def_.counting == Counting::kPassedOver) {
     while (next_section_line(ctx_) != kBlankLine) {
     }
-    count_up(counter);
+    count_up(counter_);
     scope.done();
     return;
   }
@@ -60,13 +59,13 @@ void Converter::run() {
   try {
     reset_values();
     if (def_.counting == Counting::kBeforeHeader) {
-      count_up(counter);
+      count_up(counter_);
       counted = true;
     }
     if (def_.recipients == RecipientArrayUse::kBeforeHeader) begin_recipients();
     if (adcdf_get_generic(ctx_) == Header::kSkip) return;
     if (def_.counting == Counting::kAfterHeader) {
-      count_up(counter);
+      count_up(counter_);
       counted = true;
     }
     if (def_.recipients == RecipientArrayUse::kAfterHeader) begin_recipients();
@@ -85,7 +84,7 @@ void Converter::run() {
   } catch (...) {
     // Abandoned at a stop or cut short by the audit file's rotation: not a section converted,
     // and its skipped lines never reach the error file.
-    if (counted) count_up(counter, -1);
+    if (counted) count_up(counter_, -1);
     ctx_.metrics.errors.skipped_line -= skipped_;
     throw;
   }
@@ -144,9 +143,6 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
     case Take::kVarstring:
       adcdf_get_varstring(rules_, line, 2, value(f), limit(f));
       break;
-    case Take::kVarstringSz:
-      adcdf_get_varstring_sz(rules_, line, 2, value(f), static_cast<int>(limit(f)));
-      break;
     case Take::kMta:
       adcdf_get_varstring_mta(rules_, line, 2, value(f), limit(f));
       break;
@@ -165,16 +161,14 @@ void Converter::apply(const Keyword& keyword, std::string_view line) {
       break;
     case Take::kIgnore:
       break;
-    case Take::kRecipient: {
-      Recipient& recipient = next_recipient();
-      adcdf_get_recip_line(rules_, line, recipient, w_.recipients.size());
-      w_.recipients.store();
-      count_up(w_.count);
-      break;
-    }
+    case Take::kRecipient:
     case Take::kRecipientInfo: {
       Recipient& recipient = next_recipient();
-      adcdf_get_recip_info(ctx_, recipient, w_.recipients.size());
+      if (keyword.take == Take::kRecipient) {
+        adcdf_get_recip_line(rules_, line, recipient, w_.recipients.size());
+      } else {
+        adcdf_get_recip_info(ctx_, recipient, w_.recipients.size());
+      }
       w_.recipients.store();
       count_up(w_.count);
       break;

@@ -33,7 +33,6 @@ namespace adcdf {
 enum class Take : uint8_t {
   kItem,            // word 2 into the field
   kVarstring,       // the rest of the line, escapes removed
-  kVarstringSz,     // the same, with the field's limit passed to the routine itself
   kMta,             // the rest of the line, backslashes kept
   kAddress,         // the rest of the line as a cleaned address
   kFirstAddress,    // the same, but only from the section's first such line
@@ -263,7 +262,7 @@ inline constexpr int kTrays = 5;
 // (a keyword that stores nothing names none), the four user fields and the ten tray fields lie
 // where the engine looks for them, a converter that keeps recipients has a recipient record, and
 // a section record names no recipient column.
-// Evaluated by a static_assert over each table, so a table that does not fit does not compile.
+// Evaluated through checked() over each table, so a table that does not fit does not compile.
 constexpr bool well_formed(const ConverterDef& def) {
   auto in_range = [&](int field, int count) {
     return field >= 0 &&
@@ -311,6 +310,12 @@ constexpr bool well_formed(const ConverterDef& def) {
   const bool keeps_recipients = def.recipients != RecipientArrayUse::kNone;
   return keeps_recipients == (def.recipient_record != nullptr) &&
          (def.counting != Counting::kPassedOver || def.keywords.empty());
+}
+
+// `def`, once it is well formed: the converter files define their tables through it.
+consteval ConverterDef checked(const ConverterDef& def) {
+  if (!well_formed(def)) throw "the converter's tables do not fit the engine";
+  return def;
 }
 
 // The working storage of the converters: the values of the section in hand and its recipients.

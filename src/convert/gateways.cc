@@ -42,7 +42,6 @@ constexpr auto kOutKeywords = join(kSharedKeywords, std::array<Keyword, 6>{{
                                                     }});
 // x400-out's record is x400-in's with three more columns.
 // clang-format off
-// clang-format off
 constexpr std::array<Column, 15> kInColumns{
     kZero,               bare(kPriority),     bare(kSensitivity),  bare(kImportance),
     spaced(kOriginator), spaced(kUaMsgid),    spaced(kARND),       kZero,
@@ -53,7 +52,6 @@ constexpr std::array<ColumnName, 15> kInNames{
     {"originator"},      {"ua_message_id"},   {"all_recipients_non_delivered"}, kReserved,
     kReserved,           kReserved,           kReserved,           kReserved,
     kReserved,           kReserved,           {"mta_message_id"}};
-// clang-format on
 // clang-format on
 constexpr auto kOutColumns =
     join(kInColumns, std::array<Column, 3>{kEmpty, kZero, col(Col::kCount)});
@@ -263,28 +261,18 @@ constexpr ConverterDef kOut{
     "adcdf_do_smsout", Counting::kAfterHeader, kFields, kKeywords, &kOutRecord, nullptr};
 }  // namespace sms
 
-static_assert(well_formed(x400::kIn));
-static_assert(well_formed(x400::kOut));
-static_assert(well_formed(unix_gw::kIn));
-static_assert(well_formed(unix_gw::kOut));
-static_assert(well_formed(desk::kIn));
-static_assert(well_formed(desk::kOut));
-static_assert(well_formed(fax::kDef));
-static_assert(well_formed(sms::kIn));
-static_assert(well_formed(sms::kOut));
-
 }  // namespace
 
 namespace converters {
-const ConverterDef kX400In = x400::kIn;
-const ConverterDef kX400Out = x400::kOut;
-const ConverterDef kUnixIn = unix_gw::kIn;
-const ConverterDef kUnixOut = unix_gw::kOut;
-const ConverterDef kDeskIn = desk::kIn;
-const ConverterDef kDeskOut = desk::kOut;
-const ConverterDef kFax = fax::kDef;
-const ConverterDef kSmsIn = sms::kIn;
-const ConverterDef kSmsOut = sms::kOut;
+const ConverterDef kX400In = checked(x400::kIn);
+const ConverterDef kX400Out = checked(x400::kOut);
+const ConverterDef kUnixIn = checked(unix_gw::kIn);
+const ConverterDef kUnixOut = checked(unix_gw::kOut);
+const ConverterDef kDeskIn = checked(desk::kIn);
+const ConverterDef kDeskOut = checked(desk::kOut);
+const ConverterDef kFax = checked(fax::kDef);
+const ConverterDef kSmsIn = checked(sms::kIn);
+const ConverterDef kSmsOut = checked(sms::kOut);
 }  // namespace converters
 
 }  // namespace adcdf

@@ -38,14 +38,11 @@ constexpr ConverterDef kSubsysStart{"adcdf_do_subsysstart", Counting::kBeforeHea
 constexpr ConverterDef kSubsysStop{
     "adcdf_do_subsysstop", Counting::kBeforeHeader, kFields, kStopKeywords, &kStopRecord, nullptr};
 
-static_assert(well_formed(kSubsysStart));
-static_assert(well_formed(kSubsysStop));
-
 }  // namespace
 
 namespace converters {
-const ConverterDef kSubsystemStart = kSubsysStart;
-const ConverterDef kSubsystemStop = kSubsysStop;
+const ConverterDef kSubsystemStart = checked(kSubsysStart);
+const ConverterDef kSubsystemStop = checked(kSubsysStop);
 }  // namespace converters
 
 }  // namespace adcdf

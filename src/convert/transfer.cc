@@ -38,7 +38,7 @@ constexpr Keyword kKeywords[] = {
     {"message-size", Take::kItem, kMsgSize},
     {"mta-message-id", Take::kVarstring, kMtaMsgid},
     {"part-count", Take::kItem, kPartCount},
-    {"subject", Take::kVarstringSz, kSubject},
+    {"subject", Take::kVarstring, kSubject},
     {"ua-ack-id", Take::kIgnore},
     {"mta-ack-id", Take::kIgnore},
     {"designate-originator", Take::kIgnore},
@@ -181,16 +181,12 @@ constexpr ConverterDef kDef{
     "adcdf_do_bulletin", Counting::kBeforeHeader, kFields, kKeywords, &kRecord, nullptr};
 }  // namespace bulletin
 
-static_assert(well_formed(routing::kDef));
-static_assert(well_formed(delivery::kDef));
-static_assert(well_formed(bulletin::kDef));
-
 }  // namespace
 
 namespace converters {
-const ConverterDef kRouting = routing::kDef;
-const ConverterDef kDelivery = delivery::kDef;
-const ConverterDef kBulletin = bulletin::kDef;
+const ConverterDef kRouting = checked(routing::kDef);
+const ConverterDef kDelivery = checked(delivery::kDef);
+const ConverterDef kBulletin = checked(bulletin::kDef);
 }  // namespace converters
 
 }  // namespace adcdf

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -93,11 +95,9 @@ std::vector<GenerationFile> scan(const std::string& base) {
 // The content key of a generation's first bytes (at most kFingerprintBytes): the hash of their
 // fingerprint, in hexadecimal.
 std::string key_of(std::string_view bytes) {
-  uint64_t hash = fingerprint_of(bytes).hash;
   char text[17];
-  static constexpr char kHex[] = "0123456789abcdef";
-  for (int i = 15; i >= 0; --i, hash >>= 4) text[i] = kHex[hash & 15];
-  return std::string(text, 16);
+  std::snprintf(text, sizeof text, "%016" PRIx64, fingerprint_of(bytes).hash);
+  return text;
 }
 
 // What runs on the same generations lock, whatever path they reach them by: the keys of their
@@ -268,12 +268,7 @@ class Reader {
     totals_.bytes += bytes;
   }
 
-  void reject_prefix(int64_t line) {
-    rejects_.add(*name_);
-    rejects_.add(":");
-    rejects_.add(std::to_string(line));
-    rejects_.add(":");
-  }
+  void reject_prefix(int64_t line) { rejects_.add(*name_ + ":" + std::to_string(line) + ":"); }
 
   void line(std::string_view text, Loaded& entry) {
     const RecordType* type = splitter_.split(text, values_);

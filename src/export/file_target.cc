@@ -104,9 +104,7 @@ class CsvTarget final : public Target {
     return all;
   }
   static std::string header(const RecordType& type) {
-    std::string line;
-    for (const RecordColumn& column : type.columns) line.append(column.name).push_back(',');
-    for (std::string_view extra : kExtraColumns) line.append(extra).push_back(',');
+    std::string line = column_list(type, ",");
     line.back() = '\r';
     return line + "\n";
   }

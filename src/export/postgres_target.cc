@@ -212,11 +212,9 @@ class PostgresTarget final : public Target {
  public:
   explicit PostgresTarget(std::string conninfo) : conninfo_(std::move(conninfo)) {
     for_each_table([&](const RecordType& type) {
-      std::string columns;
-      for (const RecordColumn& column : type.columns) columns += column.name + ", ";
-      for (std::string_view extra : kExtraColumns) columns.append(extra).append(", ");
-      tables_[static_cast<size_t>(type.type)].copy =
-          "COPY " + table_name(type.type) + " (" + columns + "verbatim) FROM STDIN (FORMAT binary)";
+      tables_[static_cast<size_t>(type.type)].copy = "COPY " + table_name(type.type) + " (" +
+                                                     column_list(type, ", ") +
+                                                     "verbatim) FROM STDIN (FORMAT binary)";
     });
     try {
       connect();
@@ -307,12 +305,8 @@ class PostgresTarget final : public Target {
     put_date(out, row.date);
     put_number(out, row.generation);
     put_number(out, row.line);
-    if (verbatim_.empty()) {
-      put<int32_t>(out, -1);
-    } else {
-      verbatim_.push_back('}');  // jsonb's binary form: version 1, then the text
-      put_text(out, verbatim_);
-    }
+    if (!verbatim_.empty()) verbatim_.push_back('}');  // jsonb's binary form: version 1, text
+    put_optional(out, verbatim_.empty() ? nullptr : &verbatim_);
     buffered_ += out.size() - before;
     if (out.size() >= kCopyAt) {
       send(table);

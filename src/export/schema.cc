@@ -31,6 +31,13 @@ std::string table_name(int type) {
   return "cdf_" + std::to_string(type);
 }
 
+std::string column_list(const RecordType& type, std::string_view separator) {
+  std::string list;
+  for (const RecordColumn& column : type.columns) list.append(column.name).append(separator);
+  for (std::string_view extra : kExtraColumns) list.append(extra).append(separator);
+  return list;
+}
+
 std::string create_tables(Dialect dialect) {
   const Types& t = types(dialect);
   const std::string n = t.number;

@@ -26,6 +26,9 @@ inline constexpr std::string_view kGenerationSequence = "ekadcdf_export_generati
 inline constexpr std::string_view kStateColumns =
     "id, source, key_bytes, key, bytes, lines, host, generation_date, first_loaded";
 
+// The names of a table's columns, the record's then kExtraColumns, each followed by `separator`.
+std::string column_list(const RecordType& type, std::string_view separator);
+
 // Creates what is missing: the state table and a table per record type.
 std::string create_tables(Dialect dialect);
 // Adds to a state table of an older exporter its `id` column, numbering its entries.

@@ -194,15 +194,9 @@ class SqliteTarget final : public Target {
     for_each_table([&](const RecordType& type) {
       const std::string table = table_name(type.type);
       if (!has_column(table, "generation_id")) exec(upgrade_table(Dialect::kSqlite, table));
-      std::string columns, values;
-      for (const RecordColumn& column : type.columns) {
-        columns += column.name + ", ";
-        values += "?,";
-      }
-      for (std::string_view extra : kExtraColumns) {
-        columns.append(extra).append(", ");
-        values += "?,";
-      }
+      std::string columns = column_list(type, ", ");
+      std::string values;
+      for (size_t i = 0; i < type.columns.size() + std::size(kExtraColumns); ++i) values += "?,";
       columns.resize(columns.size() - 2);
       values.pop_back();
       inserts_[static_cast<size_t>(type.type)] =

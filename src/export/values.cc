@@ -38,6 +38,65 @@ size_t keepable(const unsigned char* s, size_t left) {
   return n;
 }
 
+using EscapeTable = std::array<std::string_view, 128>;
+
+// Appends `text` with each ASCII byte that `escapes` has an entry for replaced by that entry.
+void append_escaped(std::string& out, std::string_view text, const EscapeTable& escapes) {
+  size_t done = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= escapes.size() || escapes[c].empty()) continue;
+    out.append(text.data() + done, i - done).append(escapes[c]);
+    done = i + 1;
+  }
+  out.append(text.data() + done, text.size() - done);
+}
+
+constexpr auto kControls = [] {
+  std::array<std::array<char, 6>, 32> names{};
+  for (size_t c = 0; c < names.size(); ++c) {
+    names[c] = {'\\', 'u', '0', '0', "0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
+  }
+  return names;
+}();
+
+constexpr EscapeTable kJson = [] {
+  EscapeTable t{};
+  for (size_t c = 0; c < kControls.size(); ++c) t[c] = {kControls[c].data(), 6};
+  t['"'] = "\\\"";
+  t['\\'] = "\\\\";
+  t['\n'] = "\\n";
+  t['\r'] = "\\r";
+  t['\t'] = "\\t";
+  return t;
+}();
+
+// Days since 1970-01-01 of a civil date, and back (proleptic Gregorian calendar).
+int64_t days_from_civil(int64_t y, int64_t m, int64_t d) {
+  y -= m <= 2;
+  const int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const int64_t yoe = y - era * 400;
+  const int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + doe - 719468;
+}
+
+void civil_from_days(int64_t z, int64_t& y, int64_t& m, int64_t& d) {
+  z += 719468;
+  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const int64_t doe = z - era * 146097;
+  const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const int64_t mp = (5 * doy + 2) / 153;
+  d = doy - (153 * mp + 2) / 5 + 1;
+  m = mp < 10 ? mp + 3 : mp - 9;
+  y = yoe + era * 400 + (m <= 2);
+}
+
+void put(char* out, int64_t value, int width) {
+  for (int i = width - 1; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
+}
+
 }  // namespace
 
 bool parse_integer(std::string_view text, int64_t& value) {
@@ -85,78 +144,11 @@ std::string_view utf8_text(std::string_view raw, std::string& scratch) {
   return scratch;
 }
 
-namespace {
-
-using EscapeTable = std::array<std::string_view, 128>;
-
-// Appends `text` with each ASCII byte that `escapes` has an entry for replaced by that entry.
-void append_escaped(std::string& out, std::string_view text, const EscapeTable& escapes) {
-  size_t done = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (c >= escapes.size() || escapes[c].empty()) continue;
-    out.append(text.data() + done, i - done).append(escapes[c]);
-    done = i + 1;
-  }
-  out.append(text.data() + done, text.size() - done);
-}
-
-constexpr auto kControls = [] {
-  std::array<std::array<char, 6>, 32> names{};
-  for (size_t c = 0; c < names.size(); ++c) {
-    names[c] = {'\\', 'u', '0', '0', "0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
-  }
-  return names;
-}();
-
-constexpr EscapeTable kJson = [] {
-  EscapeTable t{};
-  for (size_t c = 0; c < kControls.size(); ++c) t[c] = {kControls[c].data(), 6};
-  t['"'] = "\\\"";
-  t['\\'] = "\\\\";
-  t['\n'] = "\\n";
-  t['\r'] = "\\r";
-  t['\t'] = "\\t";
-  return t;
-}();
-
-}  // namespace
-
 void append_json_string(std::string& out, std::string_view text) {
   out.push_back('"');
   append_escaped(out, text, kJson);
   out.push_back('"');
 }
-
-namespace {
-
-// Days since 1970-01-01 of a civil date, and back (proleptic Gregorian calendar).
-int64_t days_from_civil(int64_t y, int64_t m, int64_t d) {
-  y -= m <= 2;
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const int64_t yoe = y - era * 400;
-  const int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + doe - 719468;
-}
-
-void civil_from_days(int64_t z, int64_t& y, int64_t& m, int64_t& d) {
-  z += 719468;
-  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const int64_t doe = z - era * 146097;
-  const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const int64_t mp = (5 * doy + 2) / 153;
-  d = doy - (153 * mp + 2) / 5 + 1;
-  m = mp < 10 ? mp + 3 : mp - 9;
-  y = yoe + era * 400 + (m <= 2);
-}
-
-void put(char* out, int64_t value, int width) {
-  for (int i = width - 1; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
-}
-
-}  // namespace
 
 int64_t date_days(std::string_view date) {
   auto number = [date](size_t at, size_t digits) {

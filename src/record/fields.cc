@@ -8,10 +8,6 @@
 namespace adcdf {
 namespace {
 
-void assign_cut(std::string& dest, std::string_view value, size_t limit) {
-  dest.assign(value.data(), std::min(value.size(), limit));
-}
-
 // The raw value of a varstring: from word `pos` to the newline, or nothing; like a further
 // strtok with the newline as delimiter, it passes over newlines before the value.
 std::string_view varstring_value(std::string_view source, int pos) {
@@ -60,11 +56,6 @@ void adcdf_get_varstring(const FieldRules& rules, std::string_view source, int p
   assign_cut(dest, varstring_value(source, pos), limit);
   adcdf_special_processing(rules.trace, dest);
   scope.done();
-}
-
-void adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
-                            std::string& dest, int max_len) {
-  adcdf_get_varstring(rules, source, pos, dest, static_cast<size_t>(std::max(max_len, 0)));
 }
 
 void adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,

@@ -14,6 +14,7 @@
 // Each routine writes its own entry and exit trace lines.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 
@@ -33,10 +34,6 @@ void adcdf_get_item(const FieldRules& rules, std::string_view source, int pos, s
                     size_t limit);
 void adcdf_get_varstring(const FieldRules& rules, std::string_view source, int pos,
                          std::string& dest, size_t limit);
-// As adcdf_get_varstring, with the limit given as the routine's own argument (and traced under
-// the same name).
-void adcdf_get_varstring_sz(const FieldRules& rules, std::string_view source, int pos,
-                            std::string& dest, int max_len);
 void adcdf_get_varstring_mta(const FieldRules& rules, std::string_view source, int pos,
                              std::string& dest, size_t limit);
 void adcdf_get_address(const FieldRules& rules, std::string_view source, int pos, std::string& dest,
@@ -45,6 +42,11 @@ void adcdf_get_address(const FieldRules& rules, std::string_view source, int pos
 void adcdf_clean_address(const FieldRules& rules, std::string_view source, std::string& dest,
                          size_t limit);
 void adcdf_special_processing(Tracer& trace, std::string& text);
+
+// `value` cut to its first `limit` characters, into `dest`.
+inline void assign_cut(std::string& dest, std::string_view value, size_t limit) {
+  dest.assign(value.data(), std::min(value.size(), limit));
+}
 
 // a-z to A-Z; every other byte unchanged, whatever the locale.
 inline char upper_ascii(char c) {

@@ -14,10 +14,6 @@ std::string_view without_newline(std::string_view text) {
   return text;
 }
 
-void assign_cut(std::string& dest, std::string_view value, size_t limit) {
-  dest.assign(value.data(), std::min(value.size(), limit));
-}
-
 bool is_gateway_queue(std::string_view queue) {
   for (std::string_view prefix : {"ekx400", "EKX400", "smintfc", "SMINTFC"}) {
     if (queue.substr(0, prefix.size()) == prefix) return true;
@@ -117,17 +113,10 @@ void adcdf_get_recip_line(const FieldRules& rules, std::string_view source, Reci
       address = rest.substr(blank + 1);
     }
   }
-  if (category == "to") {
-    recipient.category = "0";
-  } else if (category == "cc") {
-    recipient.category = "1";
-  } else if (category == "bcc") {
-    recipient.category = "2";
-  } else if (category == "from") {
-    recipient.category = "3";
-  } else {
-    recipient.category = "4";
-  }
+  // "0" to "3" by the category's place in the list, "4" for any other.
+  static constexpr std::string_view kCategories[] = {"to", "cc", "bcc", "from"};
+  const auto place = std::ranges::find(kCategories, category) - std::begin(kCategories);
+  recipient.category.assign(1, static_cast<char>('0' + place));
   if (has_address) {
     adcdf_clean_address(rules, address, recipient.recip, kRecipLimit);
   } else {

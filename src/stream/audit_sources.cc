@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstring>
 
 #include "support/error.h"
 #include "support/hash.h"
@@ -125,12 +124,6 @@ void GzipSource::seek(long long offset) {
   }
 }
 
-size_t GzipSource::read_head(char* buffer, size_t size) {
-  size_t n = std::min(size, head_.size());
-  std::memcpy(buffer, head_.data(), n);
-  return n;
-}
-
 long long GzipSource::size() {
   if (!size_) {
     const long long at = position_;
@@ -147,15 +140,8 @@ timespec GzipSource::modified() const {
   return modified_of(file_);
 }
 
-size_t MemorySource::read_head(char* buffer, size_t size) {
-  size_t n = std::min(size, data_.size());
-  std::memcpy(buffer, data_.data(), n);
-  return n;
-}
-
 size_t MemorySource::read(char* buffer, size_t size) {
-  size_t n = std::min(size, data_.size() - pos_);
-  std::memcpy(buffer, data_.data() + pos_, n);
+  const size_t n = data_.copy(buffer, size, pos_);
   pos_ += n;
   return n;
 }

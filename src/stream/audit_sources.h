@@ -76,7 +76,7 @@ class GzipSource : public ByteSource {
   ~GzipSource() override;
   size_t read(char* buffer, size_t size) override;
   void seek(long long offset) override;
-  size_t read_head(char* buffer, size_t size) override;
+  size_t read_head(char* buffer, size_t size) override { return head_.copy(buffer, size); }
   long long size() override;
   FileId id() const override { return file_.id(); }
   timespec modified() const override;
@@ -104,7 +104,7 @@ class MemorySource : public ByteSource {
   void seek(long long offset) override {
     pos_ = std::min(static_cast<size_t>(offset), data_.size());
   }
-  size_t read_head(char* buffer, size_t size) override;
+  size_t read_head(char* buffer, size_t size) override { return data_.copy(buffer, size); }
   long long size() override { return static_cast<long long>(data_.size()); }
 
  private:

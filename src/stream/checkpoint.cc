@@ -1,51 +1,14 @@
 #include "stream/checkpoint.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <cstring>
-#include <limits>
+
+#include "support/tokenizer.h"
 
 namespace adcdf {
-namespace {
 
 constexpr size_t kChunk = 64 * 1024;
-
-bool is_c_space(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-// One decimal number, clamped to 64 bits as strtol does: false when no digits follow the
-// optional white space and sign.
-bool scan_number(std::string_view& text, long& value) {
-  size_t i = 0;
-  while (i < text.size() && is_c_space(text[i])) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  if (i >= text.size() || !std::isdigit(static_cast<unsigned char>(text[i]))) return false;
-  // Accumulate as a negative number so that the most negative value fits.
-  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
-  int64_t acc = 0;
-  bool overflow = false;
-  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
-    int digit = text[i] - '0';
-    if (acc < (kMin + digit) / 10) overflow = true;
-    if (!overflow) acc = acc * 10 - digit;
-  }
-  int64_t result;
-  if (overflow) {
-    result = negative ? kMin : std::numeric_limits<int64_t>::max();
-  } else if (negative) {
-    result = acc;
-  } else {
-    result = acc == kMin ? std::numeric_limits<int64_t>::max() : -acc;
-  }
-  value = static_cast<long>(result);
-  text.remove_prefix(i);
-  return true;
-}
-
-}  // namespace
 
 PrefixValues parse_prefix(std::string_view line) {
   PrefixValues parsed;
@@ -55,7 +18,7 @@ PrefixValues parse_prefix(std::string_view line) {
       line.remove_prefix(1);
     }
     long value = 0;
-    if (!scan_number(line, value)) break;
+    if (!scan_long(line, value)) break;
     // "%d" keeps the low 32 bits of the record type and the date and time columns; the event
     // time keeps all of them.
     parsed.values[static_cast<size_t>(i)] =

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 namespace adcdf {
@@ -79,10 +80,8 @@ std::vector<Candidate> rotated_files(const std::string& name) {
   }
   ::closedir(listing);
   std::sort(found.begin(), found.end(), [](const Candidate& a, const Candidate& b) {
-    if (older(a.modified, b.modified) || older(b.modified, a.modified)) {
-      return older(a.modified, b.modified);
-    }
-    return a.gzip < b.gzip;
+    return std::tie(a.modified.tv_sec, a.modified.tv_nsec, a.gzip) <
+           std::tie(b.modified.tv_sec, b.modified.tv_nsec, b.gzip);
   });
   return found;
 }

@@ -48,9 +48,8 @@ void refuse_status(const struct stat& st, const std::string& name, bool written)
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {
     close();
-    fd_ = other.fd_;
+    fd_ = std::exchange(other.fd_, -1);
     name_ = std::move(other.name_);
-    other.fd_ = -1;
   }
   return *this;
 }
@@ -138,15 +137,17 @@ void File::write_all(std::string_view data) {
   write_raw(data);
 }
 
-void File::write_raw(std::string_view data) {
+void File::write_raw(std::string_view data, long long offset) {
   while (!data.empty()) {
-    ssize_t n = ::write(fd_, data.data(), data.size());
+    ssize_t n = offset < 0 ? ::write(fd_, data.data(), data.size())
+                           : ::pwrite(fd_, data.data(), data.size(), offset);
     if (n < 0) {
       if (errno == EINTR) continue;
       raise_file_error(kReasonWrite, "cannot write", name_, errno);
     }
     if (n == 0) raise_file_error(kReasonWrite, "cannot write", name_, ENOSPC);
     data.remove_prefix(static_cast<size_t>(n));
+    if (offset >= 0) offset += n;
   }
 }
 
@@ -155,16 +156,7 @@ void File::write_at(std::string_view data, long long offset) {
   if (int err = injected({FileOp::kWrite, name_, fd_}, &partial)) {
     raise_file_error(kReasonWrite, "cannot write", name_, err);
   }
-  while (!data.empty()) {
-    ssize_t n = ::pwrite(fd_, data.data(), data.size(), offset);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      raise_file_error(kReasonWrite, "cannot write", name_, errno);
-    }
-    if (n == 0) raise_file_error(kReasonWrite, "cannot write", name_, ENOSPC);
-    data.remove_prefix(static_cast<size_t>(n));
-    offset += n;
-  }
+  write_raw(data, offset);
 }
 
 size_t File::read_at(char* buffer, size_t size, long long offset) const {
@@ -216,10 +208,7 @@ void File::truncate(long long length) {
 }
 
 void File::close() {
-  if (fd_ >= 0) {
-    ::close(fd_);
-    fd_ = -1;
-  }
+  if (fd_ >= 0) ::close(std::exchange(fd_, -1));
 }
 
 void Appender::append(std::string_view data) {

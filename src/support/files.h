@@ -96,7 +96,8 @@ class File {
  private:
   File(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
   static File open_or_throw(const std::string& name, int flags);
-  void write_raw(std::string_view data);
+  // Writes all of `data` at `offset`, or where the file's offset is when it is negative.
+  void write_raw(std::string_view data, long long offset = -1);
 
   int fd_ = -1;
   std::string name_;

@@ -1,24 +1,26 @@
 #include "support/tokenizer.h"
 
+#include <charconv>
+#include <cstdint>
 #include <limits>
 
 namespace adcdf {
 
-long parse_long(std::string_view text) {
+bool scan_long(std::string_view& text, long& value) {
   size_t i = 0;
   while (i < text.size() && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) ++i;
-  bool negative = false;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-  constexpr long kMin = std::numeric_limits<long>::min();
-  constexpr long kMax = std::numeric_limits<long>::max();
-  long acc = 0;  // kept negative so that the most negative value fits
-  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
-    int digit = text[i] - '0';
-    if (acc < (kMin + digit) / 10) return negative ? kMin : kMax;
-    acc = acc * 10 - digit;
-  }
-  if (negative) return acc;
-  return acc == kMin ? kMax : -acc;
+  const bool negative = i < text.size() && text[i] == '-';
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+  uint64_t magnitude = 0;
+  const char* digits = text.data() + i;
+  const auto [end, error] = std::from_chars(digits, text.data() + text.size(), magnitude);
+  if (end == digits) return false;
+  constexpr auto kMax = static_cast<uint64_t>(std::numeric_limits<long>::max());
+  const uint64_t limit = negative ? kMax + 1 : kMax;
+  if (error == std::errc::result_out_of_range || magnitude > limit) magnitude = limit;
+  value = static_cast<long>(negative ? 0 - magnitude : magnitude);
+  text.remove_prefix(static_cast<size_t>(end - text.data()));
+  return true;
 }
 
 }  // namespace adcdf

@@ -45,8 +45,16 @@ class Tokenizer {
   std::string_view rest_;
 };
 
-// atol: optional white space and sign, then leading digits; out-of-range values clamp to the
-// limits of long, as strtol does.
-long parse_long(std::string_view text);
+// strtol in base 10: optional white space and sign, then leading digits, a value out of range
+// clamped to the limits of long; `text` then starts after the digits. False, with `text` and
+// `value` unchanged, when no digit follows the white space and sign.
+bool scan_long(std::string_view& text, long& value);
+
+// atol: scan_long's value, 0 when there is none.
+inline long parse_long(std::string_view text) {
+  long value = 0;
+  scan_long(text, value);
+  return value;
+}
 
 }  // namespace adcdf

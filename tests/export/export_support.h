@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -198,7 +199,8 @@ inline std::multiset<std::string> read_back(Kind kind, const std::string& where)
     Rows fields = sqlite_rows(db, "SELECT value, type FROM json_each(?1) ORDER BY id", json);
     std::vector<std::string> values, types;
     for (const auto& field : fields) values.push_back(field[0]), types.push_back(field[1]);
-    const adcdf::RecordType& type = *adcdf::find_record_type(std::stoi(values.at(0)));
+    const adcdf::RecordType& type = *std::ranges::find(
+        adcdf::record_catalogue(), std::stoi(values.at(0)), &adcdf::RecordType::type);
     const size_t n = type.columns.size();
     expect_typed(type, values, types);
     lines.insert(cdf_line(type, values, values.at(n + 1)));
