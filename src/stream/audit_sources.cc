@@ -43,6 +43,12 @@ size_t FileSource::read(char* buffer, size_t size) {
   for (;;) {
     ssize_t n = ::read(file_.fd(), buffer, size);
     if (n >= 0) {
+      if (!same_start(buffer, static_cast<size_t>(n))) {
+        // Not one byte of it: the copy holds what followed the offset.
+        if (::lseek(file_.fd(), static_cast<off_t>(position_), SEEK_SET) < 0)
+          raise_file_error(kReasonRead, "cannot seek in", name_, errno);
+        return 0;
+      }
       position_ += n;
       return static_cast<size_t>(n);
     }
@@ -56,6 +62,21 @@ void FileSource::seek(long long offset) {
     raise_file_error(kReasonRead, "cannot seek in", name_, regular_ ? errno : ESPIPE);
   }
   position_ = offset;
+  head_.resize(static_cast<size_t>(std::min<long long>(offset, kFingerprintBytes)));
+  head_.resize(read_head(head_.data(), head_.size()));
+}
+
+bool FileSource::same_start(const char* read, size_t n) {
+  if (!regular_ || n == 0) return true;
+  if (position_ == static_cast<long long>(head_.size()) && head_.size() < kFingerprintBytes) {
+    // Still within the first bytes, read in order: they are the start.
+    head_.append(read, std::min<size_t>(n, kFingerprintBytes - head_.size()));
+    if (position_ == 0) return true;
+  }
+  if (head_.empty()) return true;
+  char now[kFingerprintBytes];
+  const size_t known = std::min<size_t>(head_.size(), static_cast<size_t>(position_));
+  return read_head(now, known) == known && std::string_view(now, known) == head_.substr(0, known);
 }
 
 timespec FileSource::modified() const {

@@ -42,7 +42,10 @@ class ByteSource {
   virtual const std::string& name() const;
 };
 
-// A plain file through its descriptor.
+// A plain file through its descriptor. Bytes read after the first are handed on only while the
+// file still begins with the bytes it began with: a file copied and truncated, then written again
+// past the offset between two reads (the daemon busy, the mail server quick), reads as ended
+// instead, so that AuditInput finds the copy rather than taking the middle of new data.
 class FileSource : public ByteSource {
  public:
   FileSource(File file, std::string name);
@@ -63,8 +66,12 @@ class FileSource : public ByteSource {
  private:
   File file_;
   std::string name_;
+  // Whether the file still begins with head_; keeps head_ up to kFingerprintBytes while reading.
+  bool same_start(const char* read, size_t n);
+
   bool regular_;
   long long position_ = 0;  // where the next read starts
+  std::string head_;        // the file's first bytes, as far as they are known
 };
 
 // A gzip-compressed file, read decompressed. A damaged or cut stream ends the data where it

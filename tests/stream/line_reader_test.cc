@@ -5,10 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "temp_dir.h"
+
 namespace adcdf {
 namespace {
 
 using Lines = std::vector<std::string>;
+using testing::TempDir;
 
 Lines drain(LineReader& reader) {
   Lines lines;
@@ -80,6 +83,41 @@ TEST(LineReader, SmallBufferKeepsEveryByteOnceInOrder) {
       }
     }
     EXPECT_EQ(joined, stream);
+  }
+}
+
+// A file copied and truncated, then written again past the offset between two reads (logrotate's
+// copytruncate while the daemon is busy), reads as ended: the copy holds what followed the offset.
+// A file that only grew reads on.
+TEST(FileSource, RewrittenPastTheOffsetSinceTheLastReadReadsAsEnded) {
+  const struct {
+    const char* name;
+    long long offset;
+    bool resumed;  // reached by a seek, as at start, rather than by reading
+    long differs;  // where the new data first differs from the old, or -1: only grown
+  } cases[] = {{"within the first bytes", 100, false, 50},
+               {"past the first bytes, differing at their last", 6000, false, 4095},
+               {"resumed at an offset", 6000, true, 0},
+               {"grown only", 6000, false, -1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    const std::string old_text(9000, 'o');
+    dir.write("audit", old_text);
+    auto source = FileSource::open(dir.file("audit"));
+    ASSERT_TRUE(source);
+    std::string buffer(20000, '\0');
+    if (c.resumed) {
+      source->seek(c.offset);
+    } else {
+      ASSERT_EQ(source->read(buffer.data(), 1), 1u);
+      ASSERT_EQ(source->read(buffer.data(), c.offset - 1), static_cast<size_t>(c.offset - 1));
+    }
+    std::string new_text = old_text + "more";
+    if (c.differs >= 0) new_text[c.differs] = 'n';
+    dir.write("audit", new_text);
+    const size_t n = source->read(buffer.data(), buffer.size());
+    EXPECT_EQ(buffer.substr(0, n), c.differs >= 0 ? "" : new_text.substr(c.offset));
   }
 }
 
