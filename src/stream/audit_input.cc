@@ -118,6 +118,14 @@ void AuditInput::take_next() {
     } else {
       source_ = &initial_;  // the file opened at start, truncated since
     }
+    if (next.kind == NextRead::kSameFile && files_) {
+      ReadPlan again = files_->truncated_again(*source_, next.head);
+      if (!again.empty()) {
+        if (owned_ && owned_.get() == source_) again.back().source = std::move(owned_);
+        for (auto it = again.rbegin(); it != again.rend(); ++it) plan_.push_front(std::move(*it));
+        continue;
+      }
+    }
     reader_.reset(*source_, next.start);
     reading_ = next.kind == NextRead::kRotated ? Reading::kDraining : Reading::kLive;
     if (next.kind == NextRead::kRotated) {

@@ -101,7 +101,7 @@ void append_newer(std::vector<Candidate>& files, const Candidate& after, std::st
       const std::string original = c.path.substr(0, c.path.size() - kGzip.size());
       const bool compressing = c.gzip && std::any_of(files.begin(), files.end(),
                                                      [&](auto& o) { return o.path == original; });
-      if (!compressing) plan.push_back({NextRead::kLost, nullptr, 0, c.gzip ? -1 : c.stored});
+      if (!compressing) plan.push_back({NextRead::kLost, nullptr, 0, c.gzip ? -1 : c.stored, {}});
       continue;
     }
     if (std::any_of(taken.begin(), taken.end(),
@@ -109,7 +109,7 @@ void append_newer(std::vector<Candidate>& files, const Candidate& after, std::st
       continue;
     }
     taken.push_back(c.head);
-    plan.push_back({NextRead::kRotated, std::move(c.source), 0, -1});
+    plan.push_back({NextRead::kRotated, std::move(c.source), 0, -1, {}});
   }
 }
 
@@ -136,6 +136,25 @@ bool is_rotated_name(std::string_view audit, std::string_view entry) {
   return rest.find_first_not_of("0123456789.-") == std::string_view::npos;
 }
 
+ReadPlan AuditFiles::truncated_again(ByteSource& held, std::string_view head) {
+  ReadPlan plan;
+  if (head.empty() || !held.regular()) return plan;
+  std::string now = head_of(held);
+  if (std::string_view(now).starts_with(head)) return plan;
+  std::vector<Candidate> files = rotated_files(name_);
+  auto copy = find_copy(files, static_cast<long long>(head.size()), head);
+  if (copy == files.end()) {
+    plan.push_back({NextRead::kLost, nullptr, 0, -1, {}});
+  } else {
+    Candidate found = std::move(*copy);
+    files.erase(copy);
+    plan.push_back({NextRead::kRotated, std::move(found.source), 0, -1, {}});
+    append_newer(files, found, now, plan);
+  }
+  plan.push_back({NextRead::kSameFile, nullptr, 0, -1, now});
+  return plan;
+}
+
 Look AuditFiles::look(ByteSource& held, long long offset, std::string_view head) {
   Look result;
   if (!held.regular()) return result;
@@ -147,7 +166,7 @@ Look AuditFiles::look(ByteSource& held, long long offset, std::string_view head)
     std::vector<Candidate> files = rotated_files(name_);
     auto copy = find_copy(files, offset, head);
     if (copy == files.end()) {
-      result.plan.push_back({NextRead::kLost, nullptr, 0, -1});
+      result.plan.push_back({NextRead::kLost, nullptr, 0, -1, {}});
     } else {
       Candidate found = std::move(*copy);
       files.erase(copy);
@@ -155,7 +174,7 @@ Look AuditFiles::look(ByteSource& held, long long offset, std::string_view head)
       if (found.source->size() > offset) result.copy = std::move(found.source);
       append_newer(files, found, now, result.plan);
     }
-    result.plan.push_back({NextRead::kSameFile, nullptr, 0, -1});
+    result.plan.push_back({NextRead::kSameFile, nullptr, 0, -1, now});
     return result;
   }
 
@@ -178,7 +197,7 @@ Look AuditFiles::look(ByteSource& held, long long offset, std::string_view head)
       std::erase_if(files, [&](const Candidate& c) { return c.id == at_name; });
       append_newer(files, after, {}, result.plan);
       result.plan.push_back(
-          {NextRead::kAtName, std::make_unique<FileSource>(std::move(*file), name_), 0, -1});
+          {NextRead::kAtName, std::make_unique<FileSource>(std::move(*file), name_), 0, -1, {}});
     }
     // A new file still empty: the mail server may still write to the old one.
   }

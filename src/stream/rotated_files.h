@@ -39,6 +39,7 @@ struct NextRead {
   std::unique_ptr<ByteSource> source;  // for kRotated and kAtName
   long long start = 0;
   long long lost = -1;
+  std::string head;  // for kSameFile: its first bytes when it was found truncated
 };
 using ReadPlan = std::deque<NextRead>;
 
@@ -77,6 +78,12 @@ class AuditFiles {
   // recorded identity `id` only helps to find it. Nothing when it is nowhere.
   std::optional<Resume> resume(ByteSource& at_name, long long offset, const Fingerprint& head,
                                const FileId& id);
+
+  // Before a truncated file is read again from its start (`head`, its first bytes when it was
+  // found truncated): if it was copied and truncated once more meanwhile (while the daemon was
+  // still reading the first copy), what to read instead, from the start of the copy that begins
+  // with `head`. Empty when it still begins with `head`.
+  ReadPlan truncated_again(ByteSource& held, std::string_view head);
 
  private:
   std::string name_;
