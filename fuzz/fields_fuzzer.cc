@@ -4,8 +4,7 @@
 // Input layout:
 //   byte 0     bit 0: upshift, bit 1: debug trace (to /dev/null)
 //   byte 1     word position, -1..6
-//   bytes 2-3  limit (little-endian, 0..1299); byte 2 alone also gives the max_len of the _sz
-//              variant as a signed value, so negative limits are tried too
+//   bytes 2-3  limit (little-endian, 0..1299)
 //   bytes 4-7  the four limits of a user line
 //   the rest   the line
 // Each routine also runs once with a destination that already holds an unrelated value: the
@@ -102,7 +101,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const FieldRules rules{tracer, (data[0] & 0x01) != 0};
   const int pos = data[1] % 8 - 1;
   const size_t limit = (data[2] | (data[3] << 8)) % 1300;
-  const int max_len = static_cast<int8_t>(data[2]) * 7;
   const adcdf::UserLimits user_limits{data[4], data[5], data[6], data[7]};
   const std::string_view line(reinterpret_cast<const char*>(data) + 8, size - 8);
 
@@ -141,16 +139,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         varstring);
   CHECK(varstring == unescape_by_rule(mta), "adcdf_get_varstring",
         "not the mta value with its escapes removed", line, varstring);
-
-  // adcdf_get_varstring_sz: as adcdf_get_varstring, a negative max_len holding nothing.
-  const size_t sz_limit = max_len < 0 ? 0 : static_cast<size_t>(max_len);
-  std::string sz = run_both("adcdf_get_varstring_sz", line, [&](std::string& d) {
-    adcdf::adcdf_get_varstring_sz(rules, line, pos, d, max_len);
-  });
-  CHECK(sz.size() <= sz_limit, "adcdf_get_varstring_sz", "value longer than max_len", line, sz);
-  std::string expected_sz;
-  adcdf::adcdf_get_varstring(rules, line, pos, expected_sz, sz_limit);
-  CHECK(sz == expected_sz, "adcdf_get_varstring_sz", "differs from adcdf_get_varstring", line, sz);
 
   // adcdf_clean_address: the whole source, upshifted, one blank appended, escapes removed.
   std::string cleaned = run_both("adcdf_clean_address", line, [&](std::string& d) {
