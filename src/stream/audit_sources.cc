@@ -62,21 +62,26 @@ void FileSource::seek(long long offset) {
     raise_file_error(kReasonRead, "cannot seek in", name_, regular_ ? errno : ESPIPE);
   }
   position_ = offset;
+  rewritten_ = false;
   head_.resize(static_cast<size_t>(std::min<long long>(offset, kFingerprintBytes)));
   head_.resize(read_head(head_.data(), head_.size()));
 }
 
 bool FileSource::same_start(const char* read, size_t n) {
   if (!regular_ || n == 0) return true;
+  const size_t known = std::min<size_t>(head_.size(), static_cast<size_t>(position_));
+  if (known > 0) {
+    char now[kFingerprintBytes];
+    if (read_head(now, known) != known || std::string_view(now, known) != head_.substr(0, known)) {
+      rewritten_ = true;
+      return false;
+    }
+  }
   if (position_ == static_cast<long long>(head_.size()) && head_.size() < kFingerprintBytes) {
     // Still within the first bytes, read in order: they are the start.
     head_.append(read, std::min<size_t>(n, kFingerprintBytes - head_.size()));
-    if (position_ == 0) return true;
   }
-  if (head_.empty()) return true;
-  char now[kFingerprintBytes];
-  const size_t known = std::min<size_t>(head_.size(), static_cast<size_t>(position_));
-  return read_head(now, known) == known && std::string_view(now, known) == head_.substr(0, known);
+  return true;
 }
 
 timespec FileSource::modified() const {

@@ -38,6 +38,8 @@ class ByteSource {
   virtual timespec modified() const { return {}; }
   // A regular file, which can be read again, checked and rotated (not a pipe or a terminal).
   virtual bool regular() const { return false; }
+  // A read found that the file no longer begins as it began: it was truncated and written again.
+  virtual bool rewritten() const { return false; }
   // The name the source was opened under.
   virtual const std::string& name() const;
 };
@@ -61,6 +63,7 @@ class FileSource : public ByteSource {
   FileId id() const override { return file_.id(); }
   timespec modified() const override;
   bool regular() const override { return regular_; }
+  bool rewritten() const override { return rewritten_; }
   const std::string& name() const override { return name_; }
 
  private:
@@ -72,6 +75,7 @@ class FileSource : public ByteSource {
   bool regular_;
   long long position_ = 0;  // where the next read starts
   std::string head_;        // the file's first bytes, as far as they are known
+  bool rewritten_ = false;  // a read found other first bytes (until the next seek)
 };
 
 // A gzip-compressed file, read decompressed. A damaged or cut stream ends the data where it

@@ -160,7 +160,8 @@ Look AuditFiles::look(ByteSource& held, long long offset, std::string_view head)
   if (!held.regular()) return result;
   std::string now = head_of(held);
   const size_t n = static_cast<size_t>(std::min<long long>(offset, kFingerprintBytes));
-  if (held.size() < offset || std::string_view(now).substr(0, n) != head.substr(0, n)) {
+  if (held.size() < offset || held.rewritten() ||
+      std::string_view(now).substr(0, n) != head.substr(0, n)) {
     // Copied and truncated (logrotate's copytruncate): the copy holds what was not read yet.
     result.truncated = true;
     std::vector<Candidate> files = rotated_files(name_);

@@ -118,6 +118,7 @@ TEST(FileSource, RewrittenPastTheOffsetSinceTheLastReadReadsAsEnded) {
     dir.write("audit", new_text);
     const size_t n = source->read(buffer.data(), buffer.size());
     EXPECT_EQ(buffer.substr(0, n), c.differs >= 0 ? "" : new_text.substr(c.offset));
+    EXPECT_EQ(source->rewritten(), c.differs >= 0);
   }
 }
 
